@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build and the tests need, only those missing.
+# Sourced by ./run and ./test; installing needs root (apt-get), checking does not.
+kx_require_packages() {
+  local missing=()
+  for pkg in "$@"; do
+    dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" || missing+=("$pkg")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "kestrune: missing packages: ${missing[*]} (run as root, or: sudo apt-get install ${missing[*]})" >&2
+    return 1
+  fi
+  echo "kestrune: installing ${missing[*]}" >&2
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq >/dev/null && apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+KX_BUILD_PACKAGES=(g++ cmake ninja-build flex bison libpcre2-dev nlohmann-json3-dev)
+KX_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang curl tmux nodejs npm)

@@ -1,0 +1,44 @@
+#pragma once
+// The interpreter session: the state that the commands of one process share.
+// The resident keeps one session for all callers; the bot id changes per request.
+#include <cstddef>
+#include <deque>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kx::lang {
+
+class Registry;
+
+struct HistoryEntry {
+  std::string line;
+  std::string result;
+};
+
+struct Session {
+  explicit Session(const Registry& registry);
+
+  const Registry& registry;
+  std::string bot_id = "cli";
+
+  // Working directory of the session's commands and child processes.
+  std::filesystem::path cwd;
+  std::optional<std::filesystem::path> previous_dir;
+  std::vector<std::filesystem::path> dir_stack;  // pushd / popd
+
+  bool guided = false;
+  unsigned raw_depth = 0;  // raw pass-through depth, shown in the prompt
+  int nesting_depth = 0;   // structured commands under way on this session
+
+  // Serialises every command of the session; commands that run commands re-enter it.
+  std::recursive_mutex lock;
+
+  // The most recent structured commands and their results, oldest first.
+  std::deque<HistoryEntry> history;
+  static constexpr std::size_t kHistoryLimit = 256;
+};
+
+}  // namespace kx::lang

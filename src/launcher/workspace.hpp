@@ -1,0 +1,21 @@
+#pragma once
+// Everything one kx process serves commands from: the registry of families and the
+// interpreter session. Subsystem state is created by the family modules when they
+// register and is owned by their handlers.
+#include <memory>
+
+#include "lang/registry.hpp"
+#include "lang/session.hpp"
+
+namespace kx::launcher {
+
+struct Workspace {
+  lang::Registry registry;
+  std::unique_ptr<lang::Session> session;
+};
+
+// Registers every family and creates the session. The home directory must be
+// settled (override installed) before this is called.
+std::unique_ptr<Workspace> make_workspace();
+
+}  // namespace kx::launcher

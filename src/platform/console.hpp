@@ -1,0 +1,18 @@
+#pragma once
+// Questions about the process's standard streams.
+
+namespace kx::platform {
+
+bool stdin_is_terminal();
+bool stdout_is_terminal();
+bool stderr_is_terminal();
+
+// Whether colour escapes may be written to standard output: a terminal, and
+// neither NO_COLOR nor --no-color (see set_color_disabled) says otherwise.
+bool stdout_wants_color();
+void set_color_disabled(bool disabled);
+
+// Prepares the console for escape sequences (a no-op where terminals always take them).
+void enable_virtual_terminal_output();
+
+}  // namespace kx::platform

@@ -1,0 +1,35 @@
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <system_error>
+
+#include "platform/process_info.hpp"
+
+namespace kx::platform {
+
+std::filesystem::path executable_path() {
+  std::error_code ec;
+  auto path = std::filesystem::read_symlink("/proc/self/exe", ec);
+  return ec ? std::filesystem::path() : path;
+}
+
+std::optional<std::uint64_t> free_physical_memory() {
+  std::ifstream meminfo("/proc/meminfo");
+  std::string key;
+  std::uint64_t kib = 0;
+  std::string unit;
+  while (meminfo >> key >> kib >> unit) {
+    if (key == "MemAvailable:") return kib * 1024;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::filesystem::path> current_directory() {
+  std::error_code ec;
+  auto dir = std::filesystem::current_path(ec);
+  if (ec) return std::nullopt;
+  return dir;
+}
+
+}  // namespace kx::platform
