@@ -1,13 +1,15 @@
 // The one place that knows every command family. Each subsystem contributes one
 // registration call; order matters only for the help overview.
 #include "launcher/workspace.hpp"
+#include "memory/memory_family.hpp"
+#include "platform/home.hpp"
 
 namespace kx::launcher {
 
 std::unique_ptr<Workspace> make_workspace() {
   auto workspace = std::make_unique<Workspace>();
   lang::Registry& registry = workspace->registry;
-  (void)registry;
+  memory::register_memory_family(registry, platform::contexts_dir());
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
 }

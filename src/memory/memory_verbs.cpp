@@ -1,0 +1,792 @@
+#include "memory/memory_verbs.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <map>
+#include <system_error>
+#include <type_traits>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "lang/result.hpp"
+#include "lang/session.hpp"
+#include "memory/data_file.hpp"
+#include "memory/memo_props.hpp"
+#include "memory/memory_query.hpp"
+#include "memory/tokenizer.hpp"
+#include "memory/verb_args.hpp"
+
+namespace kx::memory {
+namespace {
+
+namespace fs = std::filesystem;
+using lang::Session;
+using lang::Verb;
+
+struct VerbRow {
+  std::string_view name;
+  std::string_view summary;
+  std::string_view usage;
+  std::string_view note;
+};
+
+// The reference rows of the main verbs, in the order help prints them.
+const VerbRow kRows[] = {
+    {"add",
+     "Save a memory: topic + content. Keywords are AUTO-EXTRACTED from the content (common words "
+     "filtered, same tokenizer as the Kestrune memo add); the <kw,...> field is an optional boost "
+     "— leave it empty. Same topic = REPLACE.",
+     "memory.add <botid>, <context>, <topic>, <keywords>, <content>   (leave <keywords> empty to "
+     "auto-extract; same topic = REPLACE)",
+     "You get better hits this way — the index vocabulary comes from the content itself, not from "
+     "what you remembered to pass. New keywords thesaurus-link to related in-context keywords at "
+     "add time, both ways."},
+    {"addmemo",
+     "APPEND another memo to a topic's list — each memo is its own record on the data heap, typed "
+     "by a property bitmask. Keywords AUTO-EXTRACTED like add.",
+     "memory.addmemo <botid>, <context>, <topic>, <keywords>, <props>, <content>     props "
+     "|-combine: "
+     "procedure|history|preference|note|example|foundation|protocol|usage|decision|constraint|"
+     "reference|state|lesson|warning|design|todo (empty = untyped)",
+     "A topic is a LIST of memos (like a keyword's reference list). Unlike add (same topic = "
+     "REPLACE), addmemo accumulates in append order; a missing topic is created with this memo as "
+     "entry 1. Properties are set at creation — | ORs them together (a memo can be procedure AND "
+     "usage); & is for testing bits later."},
+    {"memos", "Enumerate a topic's memos: position, properties, first line of each.",
+     "memory.memos <botid>, <context>, <topic>",
+     "The positions it shows are what getmemo and deletememo take. Alias: enumerate."},
+    {"getmemo",
+     "Get ONE memo from a topic by its 1-based position — full content plus its properties.",
+     "memory.getmemo <botid>, <context>, <topic>, <n>",
+     "retrieve returns the whole topic joined; getmemo pulls a single entry."},
+    {"deletememo", "Remove ONE memo from a topic's list by its 1-based position (append order).",
+     "memory.deletememo <botid>, <context>, <topic>, <n>",
+     "The last memo leaving removes the topic — a topic IS its memo list. delete still removes a "
+     "whole topic at once. memos shows the positions."},
+    {"retrieve", "Get a topic's memos, append order, by topic.",
+     "memory.retrieve <botid>, <context>, <topic>",
+     "Returns content only (memos joined by newline); touches the topic to most-recently-used. "
+     "Missing topic -> empty."},
+    {"keywords",
+     "Find the topics linked to a keyword; related in-context keywords (with topic counts) ride "
+     "along free.",
+     "keywords|<keyword>",
+     "Related terms were linked at ADD time — zero thesaurus work at search time. A miss answers "
+     "with related vocabulary that IS in memory, so a wrong guess still lands within one hop."},
+    {"delete", "Remove a memory by topic (compacts RAM, rewrites disk).", "delete|<topic>",
+     "The previous file is kept at <data>.last as the crash net."},
+    {"striptotokens",
+     "Tokenize text with the memo-add tokenizer — see exactly what the index will see.",
+     "striptotokens|<text>",
+     "Words only: [a-z0-9] runs, case-folded; every other byte — ()=>?.| etc — is a separator and "
+     "can never appear in a token. Common words filtered, deduped."},
+    {"indexdir",
+     "Make a directory keyword-retrievable: each file becomes a memory (filename = topic, "
+     "StripToTokens(filename) = keywords). The context is the directory.",
+     "indexdir|<source_dir>",
+     "After indexing, find files with ?(...) queries instead of walking the tree; filename "
+     "vocabulary thesaurus-links automatically. Re-running is idempotent — it doubles as the "
+     "reindex-from-ground-truth heal. In a file context, DELETING a file does NOT remove its "
+     "memory: mark it with the keyword 'deleted' instead (the fs is source-controlled — its index "
+     "never forgets either)."},
+    {"query",
+     "Boolean search over topics and keywords with globs; returns the matching topics (files) "
+     "ready for retrieval.",
+     "?(topics()==prefix* | topics()==*suffix) && keywords()==*partial*",
+     "Operators: == glob-match (* and ?), && AND (intersect), | OR (union), parens group. topics() "
+     "matches names; keywords() matches any indexed token. Globs do stemming and PHONETIC search — "
+     "you know how words sound and misspell, so cast the net: keywords()==token* sweeps "
+     "token/tokens/tokenizer; keywords()==f?n?t?k* catches 'fonetik'. Deleted files stay in "
+     "results annotated '(deleted)'; ?keywords()==deleted lists the whole graveyard."},
+    {"contexts",
+     "Browse the pipeline's context lineup: list every bucket (loaded or on disk) with topic "
+     "counts and sizes; name a context to browse INTO it and see its topics.",
+     "contexts|<botid>   |   browse|<botid>|<context>",
+     "Listing loads nothing (disk-cheap — lots of contexts is the normal case); browsing into a "
+     "context loads that one bucket only. 'browse' and 'list' are aliases of 'contexts'."},
+    {"w5",
+     "Dump a topic's wwwww — its five dangling lists: who/what/when/where/why, extracted from the "
+     "memo+topic pair at add/load time (the 5W web; docs\\design\\w5-web.md).",
+     "memory.w5 <botid>, <context>, <topic>",
+     "The webs are DERIVED, never stored — every existing store grows them retroactively on load, "
+     "zero re-ingest. The topic contributes default WHEN (session dates in topic names) and the "
+     "speaker prefix default WHO. Alias: frame."},
+    {"who",
+     "Inbound 5W lookup: which topics carry <term> on the WHO web (speakers, names). Also: when / "
+     "where / why — same shape, their own webs.",
+     "memory.who <botid>, <context>, <term>     (also memory.when / memory.where / memory.why)",
+     "Prefix match, forgiving by doctrine. WHEN stamps are normalized yyyy[-mm[-dd]] so "
+     "'memory.when ..., 2023-05' finds every day of that month, and day-math is string order. The "
+     "SAME analyzer runs on questions as on memos — a systematic misclassification cancels (wrong "
+     "twice is right), so route a question's known Ws in as filters and read its asked W back."},
+    {"help", "Show this full capability reference.", "",
+     "Generated from the live registry — it can't go stale."},
+};
+
+constexpr std::size_t kListLimit = 50;       // lines a listing shows before "... (k more)"
+constexpr std::size_t kRelatedLimit = 12;    // related keywords shown with a lookup
+constexpr std::size_t kThematicSkip = 2000;  // keywords this common say nothing of a theme
+
+const VerbRow* find_row(std::string_view name) {
+  for (const VerbRow& row : kRows)
+    if (row.name == name) return &row;
+  return nullptr;
+}
+
+std::string three_arg_usage(std::string_view verb) {
+  return error_result("usage  memory." + std::string(verb) +
+                      " <botid>, <context>, <arg>   (memory.help shows the manual)");
+}
+
+std::string no_memory(std::string_view topic, std::string_view context) {
+  return error_result("no memory '" + std::string(topic) + "' in context '" + std::string(context) +
+                      "'");
+}
+
+std::string first_line(std::string_view text) {
+  return std::string(text.substr(0, text.find('\n')));
+}
+
+std::string lower(std::string_view s) {
+  std::string out(s);
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+std::string join(const std::vector<std::string>& items, std::string_view separator) {
+  std::string out;
+  for (const std::string& item : items) {
+    if (!out.empty()) out += separator;
+    out += item;
+  }
+  return out;
+}
+
+// Bot, context and one more non-empty argument: the shape of most verbs.
+struct Target {
+  std::string bot, context, arg;
+};
+
+bool three_args(std::string_view args, Target& out) {
+  const auto fields = split_args(args, 3);
+  if (fields.size() < 3 || fields[0].empty() || fields[1].empty() || fields[2].empty())
+    return false;
+  out = {fields[0], fields[1], fields[2]};
+  return true;
+}
+
+// Distinct topics among a keyword's postings.
+std::size_t topic_count(const ContextStore& store, const std::vector<Posting>& postings) {
+  std::unordered_set<const TopicNode*> topics;
+  for (const Posting& p : postings)
+    if (const RecordSlot* s = store.slot(p.offset)) topics.insert(s->topic);
+  return topics.size();
+}
+
+std::string embed_for_add(MemoryState& state, Context& context, std::string_view content,
+                          Embedding& vector) {
+  if (!context.config.embed_armed) return {};
+  EmbedResult result =
+      embed_text(state.post, context.config.embed_url, context.config.embed_model, content);
+  if (result.ok) {
+    vector = std::move(result.vector);
+    return {};
+  }
+  return "\nwarning: embedder unreachable (ollama nomic-embed-text) — stored in '" +
+         context.store.name() + "' without a vector (" + result.error + ")";
+}
+
+// --- add / addmemo ---------------------------------------------------------------------
+
+std::string run_add(MemoryState& state, std::string_view args, bool memo) {
+  const std::size_t count = memo ? 6 : 5;
+  const auto fields = split_args(args, count);
+  const std::string usage =
+      memo ? "usage  memory.addmemo <botid>, {contexts}, <topic>, <keywords>, <props>, "
+             "<content>\n       props (|-combine, or leave empty): " +
+                 advertised_property_names()
+           : "usage  memory.add <botid>, {contexts}, <topic>, <keywords>, <content>";
+  if (fields.size() < count || fields[0].empty() || fields[1].empty() || fields[2].empty())
+    return error_result(usage);
+  const std::vector<std::string> contexts = split_list(fields[1], "|;");
+  if (contexts.empty()) return error_result(usage);
+  const std::string& topic = fields[2];
+  const std::vector<std::string> keywords = split_list(fields[3], " \t|;");
+  std::uint32_t props = 0;
+  if (memo) {
+    std::string unknown;
+    const auto parsed = parse_props(fields[4], unknown);
+    if (!parsed)
+      return error_result("unknown memo property '" + unknown +
+                          "' — valid: " + advertised_property_names());
+    props = *parsed;
+  }
+  const std::string& content = fields[count - 1];
+
+  std::string warnings, failures;
+  for (const std::string& name : contexts) {
+    Context& context = state.contexts.open(fields[0], name);
+    Embedding vector;
+    warnings += embed_for_add(state, context, content, vector);
+    const std::string error = memo ? context.store.append(topic, keywords, props, content, vector)
+                                   : context.store.add(topic, keywords, content, vector);
+    if (!error.empty()) failures += "\n  " + name + ": " + error;
+  }
+  const std::string where = join(contexts, ", ");
+  if (!failures.empty())
+    return error_result("memory '" + topic +
+                        "' is in memory but not saved to disk in context(s): " + where + failures);
+  if (memo)
+    return "OK: memo " + props_to_text(props) + " appended to '" + topic +
+           "' in context(s): " + where + warnings;
+  return "OK: memory '" + topic + "' added to context(s): " + where + warnings;
+}
+
+// --- reading a topic -------------------------------------------------------------------
+
+std::string run_memos(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("memos");
+  Context& context = state.contexts.open(t.bot, t.context);
+  const TopicNode* node = context.store.find_topic(t.arg);
+  if (node == nullptr) return no_memory(t.arg, t.context);
+  std::string out = "OK: '" + t.arg + "' — " + std::to_string(node->memos.size()) + " memo(s)";
+  for (std::size_t i = 0; i < node->memos.size(); ++i) {
+    const RecordView record = context.store.record_at(node->memos[i].offset);
+    out += "\n  " + std::to_string(i + 1) + ". [" + props_to_text(record.flags) + "] " +
+           first_line(record.content);
+  }
+  return out;
+}
+
+// Parses "<botid>, <context>, <topic>, <n>" for getmemo and deletememo.
+struct MemoTarget {
+  Context* context = nullptr;
+  TopicNode* node = nullptr;
+  std::string topic;
+  std::uint32_t position = 0;  // 0-based once checked
+};
+
+std::string find_memo(MemoryState& state, std::string_view args, std::string_view verb,
+                      MemoTarget& out) {
+  const auto fields = split_args(args, 4);
+  if (fields.size() < 4 || fields[0].empty() || fields[1].empty() || fields[2].empty())
+    return error_result("usage  memory." + std::string(verb) + " <botid>, <context>, <topic>, <n>");
+  out.context = &state.contexts.open(fields[0], fields[1]);
+  out.topic = fields[2];
+  out.node = out.context->store.find_topic(out.topic);
+  if (out.node == nullptr) return no_memory(out.topic, fields[1]);
+  const std::uint32_t n = parse_position(fields[3]);
+  if (n == 0 || n > out.node->memos.size())
+    return error_result("'" + out.topic + "' has " + std::to_string(out.node->memos.size()) +
+                        " memo(s) in context '" + fields[1] + "' — n is 1-based");
+  out.position = n - 1;
+  return {};
+}
+
+std::string run_getmemo(MemoryState& state, std::string_view args) {
+  MemoTarget t;
+  if (std::string error = find_memo(state, args, "getmemo", t); !error.empty()) return error;
+  const RecordView record = t.context->store.record_at(t.node->memos[t.position].offset);
+  return "OK: memo " + std::to_string(t.position + 1) + " of " +
+         std::to_string(t.node->memos.size()) + " in '" + t.topic + "' [" +
+         props_to_text(record.flags) + "]\n" + std::string(record.content);
+}
+
+std::string run_deletememo(MemoryState& state, std::string_view args) {
+  MemoTarget t;
+  if (std::string error = find_memo(state, args, "deletememo", t); !error.empty()) return error;
+  const std::string props = props_to_text(t.node->memos[t.position].flags);
+  const std::size_t left = t.node->memos.size() - 1;
+  const std::string error = t.context->store.delete_memo(t.node, t.position);
+  const std::string what = "memo " + std::to_string(t.position + 1) + " [" + props + "]";
+  if (!error.empty())
+    return error_result(what + " deleted from '" + t.topic +
+                        "' in memory, but the data file was not rewritten: " + error);
+  return "OK: " + what + " deleted from '" + t.topic + "' (" + std::to_string(left) +
+         " memo(s) left; previous file kept at data.mem.last)";
+}
+
+std::string run_retrieve(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("retrieve");
+  Context& context = state.contexts.open(t.bot, t.context);
+  TopicNode* node = context.store.find_topic(t.arg);
+  if (node == nullptr) return {};
+  context.store.touch(node);
+  std::string out;
+  for (std::size_t i = 0; i < node->memos.size(); ++i) {
+    if (i > 0) out += '\n';
+    out += context.store.record_at(node->memos[i].offset).content;
+  }
+  return out;
+}
+
+std::string run_delete(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("delete");
+  Context& context = state.contexts.open(t.bot, t.context);
+  if (context.store.find_topic(t.arg) == nullptr) return no_memory(t.arg, t.context);
+  const std::string error = context.store.delete_topic(t.arg);
+  if (!error.empty())
+    return error_result("deleted '" + t.arg + "' from context '" + t.context +
+                        "' in memory, but the data file was not rewritten: " + error);
+  return "OK: deleted '" + t.arg + "' from context '" + t.context +
+         "' (previous file kept at data.mem.last)";
+}
+
+// --- keywords and tokens -----------------------------------------------------------
+
+std::string related_line(const ContextStore& store, std::string_view word) {
+  std::string out;
+  std::size_t shown = 0;
+  for (std::string_view related : store.related().related(word)) {
+    if (shown++ == kRelatedLimit) break;
+    const auto* postings = store.postings(related);
+    if (postings == nullptr) continue;
+    out += (out.empty() ? "" : ", ") + std::string(related) + " (" +
+           std::to_string(topic_count(store, *postings)) + " topic(s))";
+  }
+  return out;
+}
+
+std::string run_keywords(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("keywords");
+  const std::string keyword = lower(t.arg);
+  Context& context = state.contexts.open(t.bot, t.context);
+  const ContextStore& store = context.store;
+  const auto* postings = store.postings(keyword);
+  const std::string related = related_line(store, keyword);
+  if (postings == nullptr && related.empty())
+    return error_result("keyword '" + keyword + "' not in context '" + t.context + "'");
+  const std::size_t hits = postings ? postings->size() : 0;
+  std::string out = "OK: keyword '" + keyword + "' — " + std::to_string(hits) + " memo hit(s):";
+  for (std::size_t i = 0; i < hits && i < kListLimit; ++i) {
+    const RecordSlot* s = store.slot((*postings)[i].offset);
+    if (s == nullptr) continue;
+    out += "\n  " + s->topic->topic + " #" + std::to_string(s->position + 1) + " [" +
+           props_to_text((*postings)[i].flags) + "]";
+  }
+  if (hits > kListLimit) out += "\n  ... (" + std::to_string(hits - kListLimit) + " more)";
+  if (!related.empty()) out += "\nrelated in context: " + related;
+  return out;
+}
+
+std::string run_striptotokens(std::string_view args) {
+  const std::vector<std::string> tokens = StripToTokens(args);
+  return "OK: " + std::to_string(tokens.size()) + " token(s)" + (tokens.empty() ? "" : ": ") +
+         join(tokens, " ");
+}
+
+// --- indexdir ----------------------------------------------------------------------
+
+std::string run_indexdir(MemoryState& state, Session& session, std::string_view args) {
+  const auto fields = split_args(args, 2);
+  if (fields.empty() || fields.back().empty())
+    return error_result("usage  memory.indexdir <botid>, <source_dir>");
+  const std::string bot = fields.size() == 2 && !fields[0].empty() ? fields[0] : session.bot_id;
+  const std::string& given = fields.back();
+  fs::path dir = given;
+  if (dir.is_relative() && !session.cwd.empty()) dir = session.cwd / dir;
+  std::error_code ec;
+  if (!fs::is_directory(dir, ec)) return error_result("no such directory: " + given);
+  dir = fs::weakly_canonical(dir, ec);
+  std::string name = dir.generic_string();
+  while (name.size() > 1 && name.back() == '/') name.pop_back();
+
+  Context& context = state.contexts.open(bot, name);
+  ContextStore& store = context.store;
+  store.begin_batch();
+  std::size_t count = 0;
+  // Hidden entries (".git", version mirrors) are not part of the tree's content.
+  fs::recursive_directory_iterator it(dir, fs::directory_options::skip_permission_denied, ec), end;
+  for (; !ec && it != end; it.increment(ec)) {
+    const std::string leaf = it->path().filename().string();
+    if (leaf.starts_with(".")) {
+      if (it->is_directory(ec)) it.disable_recursion_pending();
+      continue;
+    }
+    if (!it->is_regular_file(ec)) continue;
+    const std::string relative = it->path().lexically_relative(dir).generic_string();
+    store.add(relative, StripToTokens(leaf), relative);
+    ++count;
+  }
+  const std::string error = store.end_batch();
+  if (!error.empty())
+    return error_result("indexed " + std::to_string(count) + " file(s) from " + given +
+                        " in memory, but the data file was not written: " + error);
+  return "OK: indexed " + std::to_string(count) + " file(s) from " + given + " into context '" +
+         name + "'";
+}
+
+// --- contexts ------------------------------------------------------------------------
+
+std::string run_contexts(MemoryState& state, Session& session, std::string_view args) {
+  const auto fields = split_args(args, 2);
+  const std::string bot = !fields.empty() && !fields[0].empty() ? fields[0] : session.bot_id;
+  if (fields.size() < 2 || fields[1].empty()) {
+    const auto listing = state.contexts.list(bot);
+    std::string out = "OK: " + std::to_string(listing.size()) + " context(s) under " +
+                      state.contexts.root().string() + " for bot '" + bot + "'";
+    for (const ContextListing& entry : listing) {
+      out += "\n  " + entry.name + "  ";
+      if (entry.loaded)
+        out += std::to_string(entry.topics) + " topic(s), " + std::to_string(entry.bytes) +
+               " bytes (loaded)";
+      else
+        out += std::to_string(entry.bytes) + " bytes on disk (not loaded)";
+    }
+    return out;
+  }
+  Context& context = state.contexts.open(bot, fields[1]);
+  const ContextStore& store = context.store;
+  if (store.topic_count() == 0)
+    return "OK: context '" + fields[1] + "' (empty — memory.add puts the first record here)";
+  std::string out = "OK: context '" + fields[1] + "' — " + std::to_string(store.topic_count()) +
+                    " topic(s), " + std::to_string(store.memo_count()) +
+                    " memo(s), most recently used first";
+  std::size_t shown = 0;
+  for (const TopicNode* node = store.most_recent(); node != nullptr; node = node->next) {
+    if (shown == kListLimit) {
+      out += "\n  ... (" + std::to_string(store.topic_count() - shown) + " more)";
+      break;
+    }
+    out += "\n  " + node->topic + "  (" + std::to_string(node->memos.size()) + " memo(s))";
+    ++shown;
+  }
+  return out;
+}
+
+// --- the five W webs --------------------------------------------------------------------
+
+std::string run_w5(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("w5");
+  Context& context = state.contexts.open(t.bot, t.context);
+  const TopicNode* node = context.store.find_topic(t.arg);
+  if (node == nullptr) return no_memory(t.arg, t.context);
+  std::string out = "OK: wwwww of '" + t.arg + "'";
+  for (std::size_t w = 0; w < kWNames.size(); ++w) {
+    std::string label(kWNames[w]);
+    label += ':';
+    label.resize(7, ' ');
+    out += "\n  " + label + join(context.store.webs().terms_of(node, static_cast<W>(w)), ", ");
+  }
+  return out;
+}
+
+std::string run_inbound(MemoryState& state, std::string_view args, W w) {
+  const std::string verb(kWNames[static_cast<int>(w)]);
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage(verb);
+  Context& context = state.contexts.open(t.bot, t.context);
+  const auto topics = context.store.webs().topics_with(w, t.arg);
+  std::string web = lower(verb);
+  for (char& c : web) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  if (topics.empty())
+    return error_result("no topic carries '" + t.arg + "' on the " + web + " web of context '" +
+                        t.context + "'");
+  std::string out = "OK: " + std::to_string(topics.size()) + " topic(s) on the " + web +
+                    " web for '" + t.arg + "'";
+  for (std::size_t i = 0; i < topics.size() && i < kListLimit; ++i) {
+    out += "\n  " + topics[i]->topic + "  (" +
+           join(context.store.webs().terms_of(topics[i], w), ", ") + ")";
+  }
+  if (topics.size() > kListLimit)
+    out += "\n  ... (" + std::to_string(topics.size() - kListLimit) + " more)";
+  return out;
+}
+
+std::string run_w5build(MemoryState& state, std::string_view args) {
+  const auto fields = split_args(args, 2);
+  if (fields.size() < 2 || fields[0].empty() || fields[1].empty())
+    return error_result("usage  memory.w5build <botid>, <context>");
+  Context& context = state.contexts.open(fields[0], fields[1]);
+  context.store.rebuild_webs();
+  return "OK: 5W webs rebuilt for context '" + fields[1] + "' from " +
+         std::to_string(context.store.memo_count()) + " memo(s)";
+}
+
+// Topics that carry the term (as a keyword or in their name) ordered by their
+// earliest WHEN stamp: how a subject developed over time.
+std::string run_temporal(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("temporal");
+  Context& context = state.contexts.open(t.bot, t.context);
+  const ContextStore& store = context.store;
+  const std::string term = lower(t.arg);
+  std::unordered_set<const TopicNode*> candidates;
+  if (const auto* postings = store.postings(term))
+    for (const Posting& p : *postings) candidates.insert(store.slot(p.offset)->topic);
+  for (const TopicNode* node : store.webs().topics_with(W::what, term)) candidates.insert(node);
+  std::vector<std::pair<std::string, const TopicNode*>> chain;
+  for (const TopicNode* node : candidates) {
+    auto stamps = store.webs().terms_of(node, W::when);
+    if (stamps.empty()) continue;
+    chain.emplace_back(*std::min_element(stamps.begin(), stamps.end()), node);
+  }
+  if (chain.empty())
+    return error_result("no temporal chain for '" + t.arg + "' in context '" + t.context + "'");
+  std::sort(chain.begin(), chain.end(), [](const auto& a, const auto& b) {
+    return a.first != b.first ? a.first < b.first : a.second->topic < b.second->topic;
+  });
+  std::string out = "OK: temporal chain for '" + t.arg + "' — " + std::to_string(chain.size()) +
+                    " topic(s), oldest first";
+  for (const auto& [stamp, node] : chain) out += "\n  " + stamp + "  " + node->topic;
+  return out;
+}
+
+// Topics sharing the most keywords with a topic; very common keywords are skipped.
+std::string run_thematic(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("thematic");
+  Context& context = state.contexts.open(t.bot, t.context);
+  const ContextStore& store = context.store;
+  const TopicNode* node = store.find_topic(t.arg);
+  if (node == nullptr) return no_memory(t.arg, t.context);
+  std::unordered_map<const TopicNode*, std::size_t> shared;
+  std::unordered_set<std::string_view> seen;
+  for (const MemoEntry& memo : node->memos) {
+    for (std::string_view keyword : store.record_at(memo.offset).keywords) {
+      if (!seen.insert(keyword).second) continue;
+      const auto* postings = store.postings(keyword);
+      if (postings == nullptr || postings->size() > kThematicSkip) continue;
+      std::unordered_set<const TopicNode*> topics;
+      for (const Posting& p : *postings) topics.insert(store.slot(p.offset)->topic);
+      for (const TopicNode* other : topics)
+        if (other != node) ++shared[other];
+    }
+  }
+  if (shared.empty())
+    return error_result("no thematic neighbours for '" + t.arg + "' in context '" + t.context +
+                        "'");
+  std::vector<std::pair<std::size_t, const TopicNode*>> ranked;
+  for (const auto& [other, count] : shared) ranked.emplace_back(count, other);
+  std::sort(ranked.begin(), ranked.end(), [](const auto& a, const auto& b) {
+    return a.first != b.first ? a.first > b.first : a.second->topic < b.second->topic;
+  });
+  std::string out = "OK: thematic neighbours of '" + t.arg + "' — " +
+                    std::to_string(ranked.size()) + " topic(s) sharing keywords";
+  for (std::size_t i = 0; i < ranked.size() && i < kListLimit; ++i)
+    out += "\n  " + std::to_string(ranked[i].first) + "  " + ranked[i].second->topic;
+  if (ranked.size() > kListLimit)
+    out += "\n  ... (" + std::to_string(ranked.size() - kListLimit) + " more)";
+  return out;
+}
+
+// --- clone and the embedding lane ---------------------------------------------------
+
+std::string run_clone(MemoryState& state, std::string_view args) {
+  const std::string usage =
+      "usage  memory.clone <botid>, <context>, <dst-context>  (dst must differ)";
+  Target t;
+  if (!three_args(args, t) || t.arg == t.context) return error_result(usage);
+  Context& source = state.contexts.open(t.bot, t.context);
+  Context& target = state.contexts.open(t.bot, t.arg);
+  if (target.store.memo_count() > 0)
+    return error_result("context '" + t.arg + "' already holds " +
+                        std::to_string(target.store.memo_count()) + " memo(s) (" +
+                        std::to_string(target.store.topic_count()) +
+                        " topics) — clone wants a fresh context");
+  // The heap is the file's body, so a byte copy clones every record (and any
+  // unparsed tail) exactly.
+  target.store.load_heap(source.store.heap());
+  const std::string error = target.store.save();
+  const std::string counts = std::to_string(target.store.memo_count()) + " memo(s), " +
+                             std::to_string(target.store.topic_count()) + " topic(s)";
+  if (!error.empty())
+    return error_result("cloned '" + t.context + "' into '" + t.arg + "' in memory (" + counts +
+                        "), but the data file was not written: " + error);
+  return "OK: cloned '" + t.context + "' into '" + t.arg + "' (" + counts + ")";
+}
+
+constexpr std::string_view kArmedTail =
+    "— new memos embedded at ingest (needs ollama nomic-embed-text)";
+
+std::string run_embed(MemoryState& state, std::string_view args) {
+  const auto fields = split_args(args, 3);
+  if (fields.size() < 2 || fields[0].empty() || fields[1].empty())
+    return error_result(
+        "usage  memory.embed <botid>, <context>, on|off   (memory.help shows the manual)");
+  Context& context = state.contexts.open(fields[0], fields[1]);
+  const std::string mode = fields.size() == 3 ? lower(fields[2]) : "";
+  const std::string name = "'" + fields[1] + "'";
+  if (mode.empty() || mode == "status")
+    return context.config.embed_armed
+               ? "OK: embedding lane of " + name + " is ARMED " + std::string(kArmedTail)
+               : "OK: embedding lane of " + name + " is disarmed";
+  if (mode != "on" && mode != "off" && mode != "arm" && mode != "disarm")
+    return error_result(
+        "usage  memory.embed <botid>, <context>, on|off   (memory.help shows the manual)");
+  context.config.embed_armed = mode == "on" || mode == "arm";
+  if (std::string error = state.contexts.save_config(context); !error.empty())
+    return error_result("embedding lane switched in memory but not saved: " + error);
+  return context.config.embed_armed
+             ? "OK: embedding lane ARMED for " + name + " " + std::string(kArmedTail)
+             : "OK: embedding lane disarmed for " + name;
+}
+
+std::string run_semantic(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("semantic");
+  Context& context = state.contexts.open(t.bot, t.context);
+  const EmbedResult query =
+      embed_text(state.post, context.config.embed_url, context.config.embed_model, t.arg);
+  if (!query.ok)
+    return error_result("embedder unreachable (ollama nomic-embed-text) — cannot embed the query");
+  std::vector<std::pair<double, std::uint64_t>> ranked;
+  for (const auto& [offset, vector] : context.store.embeddings()) {
+    const double score = cosine_similarity(query.vector, vector);
+    if (score > 0) ranked.emplace_back(score, offset);
+  }
+  if (ranked.empty())
+    return error_result("no semantic match for '" + t.arg + "' in context '" + t.context + "'");
+  std::sort(ranked.begin(), ranked.end(),
+            [](const auto& a, const auto& b) { return a.first > b.first; });
+  std::string out =
+      "OK: " + std::to_string(ranked.size()) + " semantic match(es) for '" + t.arg + "'";
+  for (std::size_t i = 0; i < ranked.size() && i < 10; ++i) {
+    const RecordSlot* s = context.store.slot(ranked[i].second);
+    char score[16];
+    std::snprintf(score, sizeof score, "%.3f", ranked[i].first);
+    out += "\n  " + std::string(score) + "  " + s->topic->topic + " #" +
+           std::to_string(s->position + 1) + "  " +
+           first_line(context.store.record_at(ranked[i].second).content);
+  }
+  return out;
+}
+
+std::string run_query(MemoryState& state, std::string_view args) {
+  Target t;
+  if (!three_args(args, t)) return three_arg_usage("query");
+  Context& context = state.contexts.open(t.bot, t.context);
+  return run_topic_query(context.store, t.arg);
+}
+
+// --- registration -------------------------------------------------------------------
+
+Verb make_verb(std::string_view name, std::vector<std::string> aliases, std::string example,
+               lang::VerbHandler run) {
+  Verb verb;
+  verb.name = std::string(name);
+  verb.aliases = std::move(aliases);
+  if (const VerbRow* row = find_row(name)) {
+    verb.summary = std::string(row->summary);
+    verb.usage = std::string(row->usage);
+  }
+  verb.example = std::move(example);
+  verb.run = std::move(run);
+  return verb;
+}
+
+}  // namespace
+
+std::string_view verb_note(std::string_view verb) {
+  const VerbRow* row = find_row(verb);
+  return row ? row->note : std::string_view();
+}
+
+std::vector<Verb> make_memory_verbs(const std::shared_ptr<MemoryState>& state) {
+  auto with = [state](auto fn) {
+    return [state, fn](Session& session, std::string_view args) -> std::string {
+      (void)session;
+      if constexpr (std::is_invocable_v<decltype(fn), MemoryState&, Session&, std::string_view>)
+        return fn(*state, session, args);
+      else
+        return fn(*state, args);
+    };
+  };
+  std::vector<Verb> verbs;
+  verbs.push_back(
+      make_verb("add", {}, "memory.add cli, notes, build, , how to build: cmake --preset release",
+                with([](MemoryState& s, std::string_view a) { return run_add(s, a, false); })));
+  verbs.push_back(
+      make_verb("addmemo", {},
+                "memory.addmemo cli, notes, build, , procedure|usage, run ctest after building",
+                with([](MemoryState& s, std::string_view a) { return run_add(s, a, true); })));
+  verbs.push_back(
+      make_verb("memos", {"enumerate"}, "memory.memos cli, notes, build", with(run_memos)));
+  verbs.push_back(
+      make_verb("getmemo", {}, "memory.getmemo cli, notes, build, 1", with(run_getmemo)));
+  verbs.push_back(
+      make_verb("deletememo", {}, "memory.deletememo cli, notes, build, 2", with(run_deletememo)));
+  verbs.push_back(
+      make_verb("retrieve", {}, "memory.retrieve cli, notes, build", with(run_retrieve)));
+  verbs.push_back(
+      make_verb("keywords", {"keyword"}, "memory.keywords cli, notes, cmake", with(run_keywords)));
+  verbs.push_back(
+      make_verb("delete", {"remove"}, "memory.delete cli, notes, build", with(run_delete)));
+  verbs.push_back(make_verb("striptotokens", {}, "memory.striptotokens Report.PDF v1.2.3",
+                            [](Session&, std::string_view a) { return run_striptotokens(a); }));
+  verbs.push_back(
+      make_verb("indexdir", {}, "memory.indexdir cli, ~/proj/docs", with(run_indexdir)));
+  verbs.push_back(
+      make_verb("query", {}, "memory.query cli, notes, keywords()==build*", with(run_query)));
+  verbs.push_back(
+      make_verb("contexts", {"browse", "list"}, "memory.contexts cli", with(run_contexts)));
+  verbs.push_back(
+      make_verb("w5", {"frame"}, "memory.w5 cli, notes, alice: standup 2023-05-02", with(run_w5)));
+  verbs.push_back(make_verb(
+      "who", {}, "memory.who cli, notes, alice",
+      with([](MemoryState& s, std::string_view a) { return run_inbound(s, a, W::who); })));
+  // help is filled in by the family, which knows its own registration.
+  verbs.push_back(make_verb("help", {"manifest"}, "memory.help", nullptr));
+
+  // Further verbs, beyond the reference rows above.
+  auto extra = [&](std::string name, std::vector<std::string> aliases, std::string summary,
+                   std::string usage, std::string example, lang::VerbHandler run) {
+    Verb verb = make_verb(name, std::move(aliases), std::move(example), std::move(run));
+    verb.summary = std::move(summary);
+    verb.usage = std::move(usage);
+    verbs.push_back(std::move(verb));
+  };
+  for (W w : {W::when, W::where, W::why}) {
+    std::string name(kWNames[static_cast<int>(w)]);
+    std::string upper = name;
+    for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    extra(name, {}, "Inbound 5W lookup on the " + upper + " web (prefix match).",
+          "memory." + name + " <botid>, <context>, <term>",
+          "memory." + name + " cli, notes, 2023-05",
+          with([w](MemoryState& s, std::string_view a) { return run_inbound(s, a, w); }));
+  }
+  extra("w5build", {},
+        "Rebuild a context's 5W webs from its records (they are derived, never stored).",
+        "memory.w5build <botid>, <context>", "memory.w5build cli, notes", with(run_w5build));
+  extra("temporal", {"chain"},
+        "Temporal chain: the topics carrying a term, ordered by their earliest WHEN stamp.",
+        "memory.temporal <botid>, <context>, <term>", "memory.temporal cli, notes, release",
+        with(run_temporal));
+  extra("thematic", {}, "Thematic neighbours: the topics sharing the most keywords with a topic.",
+        "memory.thematic <botid>, <context>, <topic>", "memory.thematic cli, notes, build",
+        with(run_thematic));
+  extra("clone", {}, "Copy a whole context, byte for byte, into a fresh context.",
+        "memory.clone <botid>, <context>, <dst-context>  (dst must differ)",
+        "memory.clone cli, notes, notes-backup", with(run_clone));
+  extra("embed", {}, "Arm or disarm a context's embedding lane (on/off; no argument shows it).",
+        "memory.embed <botid>, <context>, on|off", "memory.embed cli, notes, on", with(run_embed));
+  extra("semantic", {}, "Rank a context's embedded memos by similarity to a text.",
+        "memory.semantic <botid>, <context>, <text>", "memory.semantic cli, notes, how do I build",
+        with(run_semantic));
+  return verbs;
+}
+
+std::string memory_help(const lang::Family& family) {
+  std::string out =
+      "OK: memory — persistent memory: bot > context > topic > memos. Generated from the live "
+      "registry — it can't go stale.\n";
+  for (const Verb& verb : family.verbs) {
+    out += "\nmemory." + verb.name;
+    if (!verb.aliases.empty()) out += "   (alias: " + join(verb.aliases, ", ") + ")";
+    out += "\n  " + verb.summary;
+    if (!verb.usage.empty()) out += "\n  usage: " + verb.usage;
+    if (const std::string_view note = verb_note(verb.name); !note.empty())
+      out += "\n  note:  " + std::string(note);
+    if (!verb.example.empty()) out += "\n  try:   " + verb.example;
+    out += '\n';
+  }
+  return out;
+}
+
+}  // namespace kx::memory

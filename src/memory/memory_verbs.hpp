@@ -1,0 +1,29 @@
+#pragma once
+// Internals of the memory family: its shared state and verb table.
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lang/registry.hpp"
+#include "memory/context_table.hpp"
+#include "memory/embedding_client.hpp"
+
+namespace kx::memory {
+
+struct MemoryState {
+  MemoryState(std::filesystem::path root, HttpPost post)
+      : contexts(std::move(root)), post(std::move(post)) {}
+  ContextTable contexts;
+  HttpPost post;
+};
+
+// The reference text of a verb beyond its registration: the note line.
+std::string_view verb_note(std::string_view verb);
+
+std::vector<lang::Verb> make_memory_verbs(const std::shared_ptr<MemoryState>& state);
+
+// The full capability reference, generated from the family as registered.
+std::string memory_help(const lang::Family& family);
+
+}  // namespace kx::memory
