@@ -191,6 +191,10 @@ TEST(ContextStore, LoadKeepsAnUnparsedTailInTheHeap) {
   // A later removal still carries the tail along, byte for byte.
   loaded.remove_record(loaded.find_topic("a")->memos[0].offset);
   EXPECT_TRUE(loaded.heap().ends_with("\x05\x00\x00\x00garbage"));
+  // New records go behind the tail and are indexed where they lie.
+  const auto offset = loaded.append_record("after tail", {}, "c", 0, {});
+  EXPECT_EQ(offset, loaded.used() - loaded.record_at(offset).size);
+  EXPECT_EQ(loaded.record_at(loaded.find_topic("c")->memos[0].offset).content, "after tail");
 }
 
 }  // namespace

@@ -79,11 +79,15 @@ bool load_data_file(ContextStore& store) {
   if (store.data_path().empty()) return false;
   std::string bytes;
   if (!read_whole_file(store.data_path(), bytes)) return false;
+  load_from_bytes(store, bytes);
+  return true;
+}
+
+void load_from_bytes(ContextStore& store, std::string_view view) {
   store.reset();
-  const std::string_view view = bytes;
   if (view.size() >= kMagic.size() && view.starts_with(kMagic)) {
     store.load_heap(view.substr(kMagic.size()));
-    return true;
+    return;
   }
 
   // Old format: re-add every record with the file detached, then save once.
@@ -99,8 +103,7 @@ bool load_data_file(ContextStore& store) {
     }
   }
   store.set_data_path(path);
-  if (!view.empty()) store.save();
-  return true;
+  if (!view.empty() && !path.empty()) store.save();
 }
 
 }  // namespace kx::memory

@@ -49,6 +49,10 @@ std::string append_data_file(const std::filesystem::path& path, std::string_view
 // existing "data.mem" is left as it was.
 std::string rewrite_data_file(const std::filesystem::path& path, std::string_view heap);
 
+// Fills `store` from the bytes of a data file (either format). An old-format file
+// is converted and, when the store has a data path, saved in the current format.
+void load_from_bytes(ContextStore& store, std::string_view bytes);
+
 // Fills `store` from its data file. False when the store has no data path or the
 // file cannot be read (the store then stays empty and usable).
 bool load_data_file(ContextStore& store);
