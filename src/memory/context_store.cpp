@@ -106,9 +106,14 @@ void ContextStore::register_record(std::uint64_t offset, const RecordView& recor
     touch(node);
 
   for (std::string_view keyword : record.keywords) {
-    auto [entry, fresh] = index_.try_emplace(std::string(keyword));
+    // Look up before inserting: most keywords exist, and a lookup allocates nothing.
+    if (auto entry = index_.find(keyword); entry != index_.end()) {
+      entry->second.push_back({offset, record.flags});
+      continue;
+    }
+    auto entry = index_.emplace(std::string(keyword), std::vector<Posting>{}).first;
     entry->second.push_back({offset, record.flags});
-    if (fresh) related_.link(entry->first);
+    related_.link(entry->first);
   }
   webs_.add(node, derive_w5(record.topic, record.content));
   if (!record.vector_bytes.empty()) embeddings_[offset] = record.vector();

@@ -126,6 +126,7 @@ const VerbRow kRows[] = {
 
 constexpr std::size_t kListLimit = 50;       // lines a listing shows before "... (k more)"
 constexpr std::size_t kRelatedLimit = 12;    // related keywords shown with a lookup
+constexpr std::size_t kCountLimit = 2000;    // postings scanned for a related topic count
 constexpr std::size_t kThematicSkip = 2000;  // keywords this common say nothing of a theme
 
 const VerbRow* find_row(std::string_view name) {
@@ -176,12 +177,15 @@ bool three_args(std::string_view args, Target& out) {
   return true;
 }
 
-// Distinct topics among a keyword's postings.
-std::size_t topic_count(const ContextStore& store, const std::vector<Posting>& postings) {
+// "<n> topic(s)": the distinct topics among a keyword's postings. Counting stops
+// after kCountLimit postings ("<n>+ topic(s)") so a very common related keyword
+// cannot make a lookup slow.
+std::string topic_count(const ContextStore& store, const std::vector<Posting>& postings) {
   std::unordered_set<const TopicNode*> topics;
-  for (const Posting& p : postings)
-    if (const RecordSlot* s = store.slot(p.offset)) topics.insert(s->topic);
-  return topics.size();
+  const std::size_t scanned = std::min(postings.size(), kCountLimit);
+  for (std::size_t i = 0; i < scanned; ++i)
+    if (const RecordSlot* s = store.slot(postings[i].offset)) topics.insert(s->topic);
+  return std::to_string(topics.size()) + (scanned < postings.size() ? "+" : "") + " topic(s)";
 }
 
 std::string embed_for_add(MemoryState& state, Context& context, std::string_view content,
@@ -345,8 +349,8 @@ std::string related_line(const ContextStore& store, std::string_view word) {
     if (shown++ == kRelatedLimit) break;
     const auto* postings = store.postings(related);
     if (postings == nullptr) continue;
-    out += (out.empty() ? "" : ", ") + std::string(related) + " (" +
-           std::to_string(topic_count(store, *postings)) + " topic(s))";
+    out += (out.empty() ? "" : ", ") + std::string(related) + " (" + topic_count(store, *postings) +
+           ")";
   }
   return out;
 }

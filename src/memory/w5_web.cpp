@@ -95,6 +95,13 @@ void find_paths(std::string_view text, std::vector<std::string>& out) {
   }
 }
 
+// True when a cue might be present, in any letter case of its first letter.
+bool has_reason_cue(std::string_view text) {
+  for (std::string_view tail : {"ecause ", "ince ", "o that ", "ue to "})
+    if (text.find(tail) != std::string_view::npos) return true;
+  return false;
+}
+
 void find_reasons(std::string_view text, std::vector<std::string>& out) {
   const std::string folded = lower(text);
   for (std::string_view cue : {"because ", "since ", "so that ", "due to "}) {
@@ -133,7 +140,7 @@ W5Terms derive_w5(std::string_view topic, std::string_view content) {
     std::string_view speaker = topic.substr(0, colon);
     if (speaker.find_first_of(" \t/\\") == std::string_view::npos) add_unique(who, lower(speaker));
   }
-  find_mentions(content, who);
+  if (content.find('@') != std::string_view::npos) find_mentions(content, who);
 
   auto& what = terms[static_cast<int>(W::what)];
   for (std::string& token : StripToTokens(topic)) {
@@ -145,8 +152,10 @@ W5Terms derive_w5(std::string_view topic, std::string_view content) {
   auto& when = terms[static_cast<int>(W::when)];
   find_dates(topic, when);
   find_dates(content, when);
-  find_paths(content, terms[static_cast<int>(W::where)]);
-  find_reasons(content, terms[static_cast<int>(W::why)]);
+  // Cheap pre-checks keep the per-record cost of loading low.
+  if (content.find_first_of("/\\") != std::string_view::npos)
+    find_paths(content, terms[static_cast<int>(W::where)]);
+  if (has_reason_cue(content)) find_reasons(content, terms[static_cast<int>(W::why)]);
   return terms;
 }
 
