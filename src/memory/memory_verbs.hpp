@@ -8,6 +8,7 @@
 #include "lang/registry.hpp"
 #include "memory/context_table.hpp"
 #include "memory/embedding_client.hpp"
+#include "memory/w5_web.hpp"
 
 namespace kx::memory {
 
@@ -20,6 +21,16 @@ struct MemoryState {
 
 // The reference text of a verb beyond its registration: the note line.
 std::string_view verb_note(std::string_view verb);
+
+// Verbs with files of their own (web_verbs.cpp, lane_verbs.cpp).
+std::string run_w5(MemoryState& state, std::string_view args);
+std::string run_inbound(MemoryState& state, std::string_view args, W w);
+std::string run_w5build(MemoryState& state, std::string_view args);
+std::string run_temporal(MemoryState& state, std::string_view args);
+std::string run_thematic(MemoryState& state, std::string_view args);
+std::string run_clone(MemoryState& state, std::string_view args);
+std::string run_embed(MemoryState& state, std::string_view args);
+std::string run_semantic(MemoryState& state, std::string_view args);
 
 std::vector<lang::Verb> make_memory_verbs(const std::shared_ptr<MemoryState>& state);
 
