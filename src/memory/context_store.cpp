@@ -134,10 +134,17 @@ std::uint64_t ContextStore::append_record(std::string_view content,
 }
 
 std::size_t ContextStore::load_heap(std::string_view heap_bytes) {
+  return load_heap(heap_bytes.size(), [&](char* heap) {
+    if (!heap_bytes.empty()) std::memcpy(heap, heap_bytes.data(), heap_bytes.size());
+    return true;
+  });
+}
+
+std::size_t ContextStore::load_heap(std::uint64_t size, const std::function<bool(char*)>& fill) {
   reset();
-  reserve(std::max<std::uint64_t>(heap_bytes.size(), kHeapStep));  // at least one step
-  if (!heap_bytes.empty()) std::memcpy(data_, heap_bytes.data(), heap_bytes.size());
-  used_ = heap_bytes.size();
+  reserve(std::max<std::uint64_t>(size, kHeapStep));  // at least one step
+  if (!fill(data_)) return 0;
+  used_ = size;
   std::size_t count = 0;
   RecordView record;
   std::uint64_t offset = 0;

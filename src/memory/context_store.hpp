@@ -109,6 +109,10 @@ class ContextStore {
   // stops at the first record that does not fit, leaving the tail bytes in the heap.
   // Returns the number of records indexed.
   std::size_t load_heap(std::string_view heap_bytes);
+  // The same, with the bytes written straight into the heap by `fill` (which gets
+  // the destination and must fill exactly `size` bytes, or return false to leave
+  // the store empty). Spares a second copy of a large file while loading.
+  std::size_t load_heap(std::uint64_t size, const std::function<bool(char*)>& fill);
 
   // --- reading -----------------------------------------------------------------------
   std::string_view heap() const { return {data_, static_cast<std::size_t>(used_)}; }

@@ -77,6 +77,23 @@ std::string rewrite_data_file(const fs::path& path, std::string_view heap) {
 
 bool load_data_file(ContextStore& store) {
   if (store.data_path().empty()) return false;
+  std::ifstream in(store.data_path(), std::ios::binary | std::ios::ate);
+  if (!in) return false;
+  const std::streamoff size = in.tellg();
+  if (size < 0) return false;
+  in.seekg(0);
+  char magic[4] = {};
+  if (size >= static_cast<std::streamoff>(kMagic.size()) && in.read(magic, sizeof magic) &&
+      std::string_view(magic, sizeof magic) == kMagic) {
+    // The common case: read the records straight into the heap.
+    const auto heap_size = static_cast<std::uint64_t>(size) - kMagic.size();
+    bool read = false;
+    store.load_heap(heap_size, [&](char* heap) {
+      read = static_cast<bool>(in.read(heap, static_cast<std::streamsize>(heap_size)));
+      return read;
+    });
+    return read;
+  }
   std::string bytes;
   if (!read_whole_file(store.data_path(), bytes)) return false;
   load_from_bytes(store, bytes);

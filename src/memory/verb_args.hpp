@@ -2,7 +2,8 @@
 // Argument text of the memory verbs. Fields are separated by commas
 // ("cli, notes, build, , how to build") or, in the '|' forms, by bars
 // ("cli|notes|build"): whichever of the two comes first in the text decides. The
-// last field takes the rest of the text unsplit, so content may hold either.
+// last field takes the rest of the text unsplit, so content may hold either. (So in
+// the '|' form a props field cannot combine properties; the comma form can.)
 #include <string>
 #include <string_view>
 #include <vector>
