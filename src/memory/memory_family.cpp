@@ -42,6 +42,16 @@ void register_memory_family(lang::Registry& registry, std::filesystem::path cont
     return error_result("unknown memory verb '" + std::string(verb) + "'");
   };
   registry.add_family(std::move(family));
+
+  lang::WordCommand query;
+  query.name = "?(";
+  query.summary = "Boolean search over topics and keywords with globs, across the bot's contexts.";
+  query.usage = "?(topics()==prefix* | topics()==*suffix) && keywords()==*partial*";
+  query.example = "?(topics()==src/* && keywords()==token*)";
+  query.run = [state](lang::Session& session, std::string_view inner) {
+    return run_query_word(*state, session, inner);
+  };
+  registry.add_word_command(std::move(query));
 }
 
 }  // namespace kx::memory

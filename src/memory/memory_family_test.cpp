@@ -42,6 +42,9 @@ class Process {
     if (const lang::Verb* v = lang::find_verb(*family, verb)) return v->run(*session_, args);
     return family->unknown_verb(verb);
   }
+  std::string query(std::string_view inner) {
+    return registry_.find_word_command("?(")->run(*session_, inner);
+  }
 
  private:
   lang::Registry registry_;
@@ -239,6 +242,20 @@ TEST_F(MemoryVerbs, QueryCombinesTopicAndKeywordGlobs) {
   EXPECT_EQ(kx_.run("memory.query cli, files, keywords()==nothing*"), "OK: no match");
   EXPECT_EQ(kx_.run("memory.query cli, files, ?()"), "ERROR: empty query");
   EXPECT_THAT(kx_.run("memory.query cli, files, topics()=x"), StartsWith("ERROR: "));
+}
+
+TEST_F(MemoryVerbs, GrammarQuerySearchesEveryContextOfTheBot) {
+  kx_.run("memory.add cli, files, src/main.cpp, , tokenizer entry");
+  kx_.run("memory.add cli, other, docs/a.md, deleted, tokens");
+  kx_.run("memory.add bob, theirs, src/x.cpp, , tokens");
+  // The grammar hands over the text inside "?(" without the final ")", if any.
+  EXPECT_EQ(kx_.query("topics()==src/* | topics()==*.md) && keywords()==token*"),
+            "OK: 2 match(es)\nfiles: src/main.cpp\nother: docs/a.md (deleted)\n");
+  EXPECT_EQ(kx_.query("topics()==src/*) && (keywords()==entry"),
+            "OK: 1 match(es)\nfiles: src/main.cpp\n");
+  EXPECT_EQ(kx_.query("keywords()==zzz"), "OK: no match");
+  EXPECT_EQ(kx_.query("  "), "ERROR: empty query");
+  EXPECT_THAT(kx_.query("topics()=x"), StartsWith("ERROR: query not understood"));
 }
 
 TEST_F(MemoryVerbs, FiveWWebsAnswerInboundAndPerTopic) {

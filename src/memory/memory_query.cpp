@@ -135,28 +135,44 @@ bool glob_match(std::string_view pattern, std::string_view text) {
   return p == pattern.size();
 }
 
-std::string run_topic_query(const ContextStore& store, std::string_view query) {
+QueryResult query_topics(const ContextStore& store, std::string_view query) {
+  QueryResult result;
   query = trim(query);
   if (query.starts_with("?")) query = trim(query.substr(1));
-  if (query.find_first_not_of("() \t") == std::string_view::npos)
-    return error_result("empty query");
+  if (query.find_first_not_of("() \t") == std::string_view::npos) {
+    result.error = "empty query";
+    return result;
+  }
   TopicSet matches;
   Parser parser(store, query);
-  if (!parser.parse(matches)) return error_result("query not understood: " + parser.error());
-  if (matches.empty()) return "OK: no match";
-  std::vector<std::string> names;
+  if (!parser.parse(matches)) {
+    result.error = "query not understood: " + parser.error();
+    return result;
+  }
   const auto* deleted = store.postings("deleted");
   for (const TopicNode* node : matches) {
     bool is_deleted = false;
     if (deleted)
       for (const Posting& p : *deleted)
         if (const RecordSlot* s = store.slot(p.offset); s && s->topic == node) is_deleted = true;
-    names.push_back(node->topic + (is_deleted ? " (deleted)" : ""));
+    result.topics.push_back(node->topic + (is_deleted ? " (deleted)" : ""));
   }
-  std::sort(names.begin(), names.end());
-  std::string out = "OK: " + std::to_string(names.size()) + " match(es)\n";
-  for (const std::string& name : names) out += name + "\n";
+  std::sort(result.topics.begin(), result.topics.end());
+  result.ok = true;
+  return result;
+}
+
+std::string format_matches(const std::vector<std::string>& matches) {
+  if (matches.empty()) return "OK: no match";
+  std::string out = "OK: " + std::to_string(matches.size()) + " match(es)\n";
+  for (const std::string& match : matches) out += match + "\n";
   return out;
+}
+
+std::string run_topic_query(const ContextStore& store, std::string_view query) {
+  QueryResult result = query_topics(store, query);
+  if (!result.ok) return error_result(result.error);
+  return format_matches(result.topics);
 }
 
 }  // namespace kx::memory

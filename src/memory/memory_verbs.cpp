@@ -413,6 +413,30 @@ std::string run_query(MemoryState& state, std::string_view args) {
   return run_topic_query(context.store, t.arg);
 }
 
+}  // namespace
+
+std::string run_query_word(MemoryState& state, lang::Session& session, std::string_view inner) {
+  inner = trim(inner);
+  if (inner.empty()) return error_result("empty query");
+  // The grammar hands over the text inside "?(" ... with the final ")" removed when
+  // there was one; exactly one of the two restorations is a well-formed query.
+  const ContextStore empty("syntax");
+  std::string query = "(" + std::string(inner) + ")";
+  if (!query_topics(empty, query).ok) query = "(" + std::string(inner);
+  const QueryResult syntax = query_topics(empty, query);
+  if (!syntax.ok) return error_result(syntax.error);
+
+  std::vector<std::string> matches;
+  for (const ContextListing& listing : state.contexts.list(session.bot_id)) {
+    Context& context = state.contexts.open(session.bot_id, listing.name);
+    for (std::string& topic : query_topics(context.store, query).topics)
+      matches.push_back(listing.name + ": " + topic);
+  }
+  return format_matches(matches);
+}
+
+namespace {
+
 // --- registration -------------------------------------------------------------------
 
 Verb make_verb(std::string_view name, std::vector<std::string> aliases, std::string example,

@@ -32,6 +32,10 @@ std::string run_clone(MemoryState& state, std::string_view args);
 std::string run_embed(MemoryState& state, std::string_view args);
 std::string run_semantic(MemoryState& state, std::string_view args);
 
+// The grammar's "?( query )": the query over every context of the session's bot;
+// matches are "<context>: <topic>".
+std::string run_query_word(MemoryState& state, lang::Session& session, std::string_view inner);
+
 std::vector<lang::Verb> make_memory_verbs(const std::shared_ptr<MemoryState>& state);
 
 // The full capability reference, generated from the family as registered.

@@ -12,7 +12,7 @@ namespace kx::memory {
 
 inline constexpr std::size_t kListLimit = 50;     // lines a listing shows before "... (k more)"
 inline constexpr std::size_t kRelatedLimit = 12;  // related keywords shown with a lookup
-inline constexpr std::size_t kCountLimit = 256;  // postings scanned for a related topic count
+inline constexpr std::size_t kCountLimit = 256;   // postings scanned for a related topic count
 
 // "ERROR: usage  memory.<verb> <botid>, <context>, <arg>   (memory.help shows the manual)"
 std::string three_arg_usage(std::string_view verb);
