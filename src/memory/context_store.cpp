@@ -262,9 +262,28 @@ RecordView ContextStore::record_at(std::uint64_t offset) const {
 }
 
 const RecordSlot* ContextStore::slot(std::uint64_t offset) const {
-  auto it = std::lower_bound(records_.begin(), records_.end(), offset,
+  // Records are spread fairly evenly over the heap, so a few interpolation steps
+  // land next to the slot; a binary search over what is left bounds the bad cases.
+  std::size_t lo = 0, hi = records_.size();
+  for (int step = 0; step < 3 && hi - lo > 16; ++step) {
+    const std::uint64_t first = records_[lo].offset, last = records_[hi - 1].offset;
+    if (offset < first || offset > last) return nullptr;
+    const double fraction =
+        static_cast<double>(offset - first) / static_cast<double>(last - first + 1);
+    const std::size_t guess =
+        lo + static_cast<std::size_t>(fraction * static_cast<double>(hi - lo));
+    const std::size_t from = guess > lo + 8 ? guess - 8 : lo;
+    const std::size_t to = std::min(hi, guess + 9);
+    if (records_[from].offset > offset)
+      hi = from;
+    else if (records_[to - 1].offset < offset)
+      lo = to;
+    else
+      lo = from, hi = to;
+  }
+  auto it = std::lower_bound(records_.begin() + lo, records_.begin() + hi, offset,
                              [](const RecordSlot& s, std::uint64_t o) { return s.offset < o; });
-  return it != records_.end() && it->offset == offset ? &*it : nullptr;
+  return it != records_.begin() + hi && it->offset == offset ? &*it : nullptr;
 }
 
 const std::vector<Posting>* ContextStore::postings(std::string_view keyword) const {

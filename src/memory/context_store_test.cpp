@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <random>
 #include <set>
 
 namespace kx::memory {
@@ -102,6 +103,28 @@ TEST(ContextStore, RemovingAMiddleRecordCorrectsEveryLaterOffset) {
   ASSERT_NE(store.embedding(gamma), nullptr);
   EXPECT_THAT(*store.embedding(gamma), ElementsAre(9u));
   EXPECT_EQ(store.record_at(gamma).flags, 4u | kVectorBit);
+  expect_consistent(store);
+}
+
+TEST(ContextStore, ManyUnevenRecordsStayFindableThroughRemovals) {
+  ContextStore store("t");
+  std::mt19937 rng(5);
+  std::vector<std::uint64_t> offsets;
+  for (int i = 0; i < 3000; ++i) {
+    const std::size_t size = i % 97 == 0 ? 20000 : rng() % 300;  // a few very large records
+    offsets.push_back(
+        store.append_record(std::string(size, 'a' + i % 26) + " w" + std::to_string(i % 50), {},
+                            "topic" + std::to_string(i % 40), 0, {}));
+  }
+  for (std::uint64_t offset : offsets) {
+    ASSERT_NE(store.slot(offset), nullptr) << offset;
+    EXPECT_EQ(store.slot(offset + 1), nullptr) << offset;
+  }
+  EXPECT_EQ(store.slot(store.used()), nullptr);
+  std::vector<std::uint64_t> doomed;
+  for (std::size_t i = 0; i < offsets.size(); i += 7) doomed.push_back(offsets[i]);
+  store.remove_records(doomed);
+  EXPECT_EQ(store.memo_count(), offsets.size() - doomed.size());
   expect_consistent(store);
 }
 
