@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <unordered_set>
 
 #include "lang/result.hpp"
 #include "memory/verb_args.hpp"
@@ -47,11 +46,14 @@ bool three_args(std::string_view args, Target& out) {
 }
 
 std::string topic_count(const ContextStore& store, const std::vector<Posting>& postings) {
-  std::unordered_set<const TopicNode*> topics;
+  std::vector<const TopicNode*> topics;
   const std::size_t scanned = std::min(postings.size(), kCountLimit);
+  topics.reserve(scanned);
   for (std::size_t i = 0; i < scanned; ++i)
-    if (const RecordSlot* s = store.slot(postings[i].offset)) topics.insert(s->topic);
-  return std::to_string(topics.size()) + (scanned < postings.size() ? "+" : "") + " topic(s)";
+    if (const RecordSlot* s = store.slot(postings[i].offset)) topics.push_back(s->topic);
+  std::sort(topics.begin(), topics.end());
+  const auto distinct = std::unique(topics.begin(), topics.end()) - topics.begin();
+  return std::to_string(distinct) + (scanned < postings.size() ? "+" : "") + " topic(s)";
 }
 
 }  // namespace kx::memory
