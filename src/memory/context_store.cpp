@@ -16,8 +16,10 @@ std::uint64_t round_to_step(std::uint64_t bytes) {
   return std::max<std::uint64_t>(kHeapStep, (bytes + kHeapStep - 1) / kHeapStep * kHeapStep);
 }
 
-std::vector<std::string> record_keywords(const std::vector<std::string>& caller,
-                                         std::string_view content) {
+}  // namespace
+
+std::vector<std::string> memo_keywords(const std::vector<std::string>& caller,
+                                       std::string_view content) {
   std::vector<std::string> keywords;
   std::unordered_set<std::string_view> seen;
   for (const std::string& keyword : caller)
@@ -32,8 +34,6 @@ std::vector<std::string> record_keywords(const std::vector<std::string>& caller,
   }
   return keywords;
 }
-
-}  // namespace
 
 ContextStore::ContextStore(std::string name) : name_(std::move(name)) {}
 
@@ -123,7 +123,7 @@ std::uint64_t ContextStore::append_record(std::string_view content,
                                           const std::vector<std::string>& keywords,
                                           std::string_view topic, std::uint32_t flags,
                                           const Embedding& vector) {
-  const std::vector<std::string> all = record_keywords(keywords, content);
+  const std::vector<std::string> all = memo_keywords(keywords, content);
   const std::size_t size = encoded_record_size(content, topic, all, vector);
   reserve(used_ + size);
   const std::uint64_t offset = used_;

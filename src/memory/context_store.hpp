@@ -58,6 +58,11 @@ struct StringHash {
 template <typename V>
 using StringMap = std::unordered_map<std::string, V, StringHash, std::equal_to<>>;
 
+// The keywords a record is stored with: the caller's non-empty keywords unchanged,
+// then StripToTokens(content), each keyword once (exact bytes), first seen first.
+std::vector<std::string> memo_keywords(const std::vector<std::string>& caller,
+                                       std::string_view content);
+
 // Told about every record read from the data file, with its keywords.
 using RecordObserver = std::function<void(const std::vector<std::string_view>& keywords)>;
 

@@ -228,6 +228,9 @@ TEST_F(MemoryVerbs, IndexDirIsIdempotentAndUsesFileNameTokens) {
   EXPECT_THAT(kx_.run("memory.keywords cli, " + context + ", report.pdf"),
               HasSubstr("sub/report.pdf #1"));
   EXPECT_THAT(kx_.run("memory.memos cli, " + context + ", Build-Notes.md"), HasSubstr("1 memo(s)"));
+  // The unchanged re-run rewrote nothing: no rewrite, so no crash net either.
+  const fs::path data = dir_.path() / context_dir_name("cli", context) / "data.mem";
+  EXPECT_FALSE(fs::exists(crash_net_path(data)));
   EXPECT_EQ(kx_.run("memory.indexdir cli, " + arg + "/missing"),
             "ERROR: no such directory: " + arg + "/missing");
 }
@@ -276,6 +279,25 @@ TEST_F(MemoryVerbs, FiveWWebsAnswerInboundAndPerTopic) {
             "standup 2023-05-02\n  2023-06-01  carol: retro 2023-06-01");
   EXPECT_THAT(kx_.run("memory.chain cli, talk, unknownterm"),
               StartsWith("ERROR: no temporal chain for '"));
+}
+
+TEST_F(MemoryVerbs, ThematicNeighboursShareTheMostKeywords) {
+  kx_.run("memory.add cli, n, a, , cmake ninja presets toolchain");
+  kx_.run("memory.add cli, n, b, , cmake ninja presets");
+  kx_.run("memory.add cli, n, c, , cmake coffee");
+  kx_.run("memory.add cli, n, d, , unrelated words");
+  EXPECT_EQ(kx_.run("memory.thematic cli, n, a"),
+            "OK: thematic neighbours of 'a' — 2 topic(s) sharing keywords\n  3  b\n  1  c");
+  EXPECT_EQ(kx_.run("memory.thematic cli, n, d"),
+            "ERROR: no thematic neighbours for 'd' in context 'n'");
+}
+
+TEST_F(MemoryVerbs, WebsRebuildToTheSameTerms) {
+  kx_.run("memory.add cli, n, bob: sync 2024-01-05, , see docs/x.md");
+  const std::string before = kx_.run("memory.w5 cli, n, bob: sync 2024-01-05");
+  EXPECT_EQ(kx_.run("memory.w5build cli, n"), "OK: 5W webs rebuilt for context 'n' from 1 memo(s)");
+  EXPECT_EQ(kx_.run("memory.w5 cli, n, bob: sync 2024-01-05"), before);
+  EXPECT_THAT(before, HasSubstr("when:  2024-01-05"));
 }
 
 TEST_F(MemoryVerbs, CloneCopiesByteForByteIntoAFreshContext) {

@@ -329,6 +329,19 @@ std::string run_striptotokens(std::string_view args) {
 
 // --- indexdir ----------------------------------------------------------------------
 
+// True when the topic is exactly the memory indexdir would write, so that a re-run
+// over an unchanged tree rewrites nothing.
+bool indexed_as(const ContextStore& store, const std::string& topic,
+                const std::vector<std::string>& keywords) {
+  const TopicNode* node = store.find_topic(topic);
+  if (node == nullptr || node->memos.size() != 1) return false;
+  const RecordView record = store.record_at(node->memos[0].offset);
+  if (record.flags != 0 || record.content != topic) return false;
+  const std::vector<std::string> expected = memo_keywords(keywords, topic);
+  return std::equal(expected.begin(), expected.end(), record.keywords.begin(),
+                    record.keywords.end());
+}
+
 std::string run_indexdir(MemoryState& state, Session& session, std::string_view args) {
   const auto fields = split_args(args, 2);
   if (fields.empty() || fields.back().empty())
@@ -357,7 +370,8 @@ std::string run_indexdir(MemoryState& state, Session& session, std::string_view 
     }
     if (!it->is_regular_file(ec)) continue;
     const std::string relative = it->path().lexically_relative(dir).generic_string();
-    store.add(relative, StripToTokens(leaf), relative);
+    std::vector<std::string> keywords = StripToTokens(leaf);
+    if (!indexed_as(store, relative, keywords)) store.add(relative, keywords, relative);
     ++count;
   }
   const std::string error = store.end_batch();
