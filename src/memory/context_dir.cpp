@@ -50,6 +50,25 @@ std::string escape_name_part(std::string_view name) {
   return out;
 }
 
+std::optional<std::string> unescape_name_part(std::string_view part) {
+  if (part == "%") return std::string();
+  std::string out;
+  for (std::size_t i = 0; i < part.size(); ++i) {
+    if (part[i] != '%') {
+      if (part[i] == '~') return std::nullopt;  // a long name cut to its hash
+      out += part[i];
+      continue;
+    }
+    const std::string hex(part.substr(i + 1, 2));
+    if (hex.size() != 2 || hex.find_first_not_of("0123456789ABCDEF") != std::string::npos)
+      return std::nullopt;
+    out += static_cast<char>(std::stoi(hex, nullptr, 16));
+    i += 2;
+  }
+  if (escape_name_part(out) != part) return std::nullopt;
+  return out;
+}
+
 std::string bot_dir_prefix(std::string_view bot) {
   return escape_name_part(bot) + "@";
 }

@@ -29,6 +29,14 @@ TEST(ContextDir, SeparatorAndEscapeCharactersCannotForgeAnotherPair) {
   EXPECT_EQ(escape_name_part("end."), "end%2E");
 }
 
+TEST(ContextDir, EscapedNamesDecodeBackUnlessCutToAHash) {
+  for (const char* name : {"notes", "/home/x/my proj", "..", "a@b%c", "end.", ""})
+    EXPECT_EQ(unescape_name_part(escape_name_part(name)), name);
+  EXPECT_EQ(unescape_name_part(escape_name_part(std::string(300, 'x'))), std::nullopt);
+  EXPECT_EQ(unescape_name_part("%4"), std::nullopt);
+  EXPECT_EQ(unescape_name_part("%41"), std::nullopt);  // "A" never escapes to "%41"
+}
+
 TEST(ContextDir, LongNamesAreCutButStayDistinct) {
   const std::string a(300, 'x');
   const std::string b = std::string(299, 'x') + "y";

@@ -46,10 +46,15 @@ std::vector<ContextListing> ContextTable::list(std::string_view bot) const {
       entry.bytes = context.store.used() + kMagic.size();
       entry.topics = context.store.topic_count();
     } else {
+      // The name is in "context.id"; without it the directory name is decoded.
       std::string id;
-      entry.name = read_whole_file(it->path() / "context.id", id) && !id.empty()
-                       ? id
-                       : dir_name.substr(prefix.size());
+      if (read_whole_file(it->path() / "context.id", id) && !id.empty())
+        entry.name = id;
+      else if (auto decoded = unescape_name_part(dir_name.substr(prefix.size())))
+        entry.name = *decoded;
+      else
+        continue;  // neither: no name would open this directory again
+
       std::error_code size_ec;
       const auto size = fs::file_size(it->path() / "data.mem", size_ec);
       entry.bytes = size_ec ? 0 : size;
