@@ -34,6 +34,9 @@ struct SaveHooks {
   // After a successful save, once the edit log has its record.
   std::function<void(Store&, const std::string& path, const SaveRequest&, const SaveResult&)>
       after_save;
+  // After the policy of the store changed: reconciles locks on files the new policy no
+  // longer admits and returns how many there were.
+  std::function<std::size_t(Store&)> policy_changed;
 };
 
 class Store {
