@@ -4,7 +4,7 @@
 # then the time a fresh kx process takes to re-enroll (load) the enrolled tree.
 # Usage: vfs_enroll_bench.sh <path to kx> [files (20000)] [MiB (200)] [work dir]
 set -eu
-KX=$1
+KX=$(realpath "$1")
 FILES=${2:-20000}
 MIB=${3:-200}
 WORK=$(mktemp -d "${4:-/tmp}/kx_enroll_bench.XXXXXX")

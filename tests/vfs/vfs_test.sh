@@ -3,7 +3,7 @@
 # command runs in a fresh process, so each one also re-enrolls from the config.
 # Usage: vfs_test.sh <path to kx>
 set -u
-KX=$1
+KX=$(realpath "$1")
 BASE=$(mktemp -d)
 trap 'rm -rf "$BASE"' EXIT
 HOME_DIR=$BASE/home
