@@ -2,9 +2,9 @@
 # Enrollment ingest and start-up load of a synthetic tree, next to git on the same
 # tree. Prints files/s and MB/s for `kx enroll` and for `git add -A && git commit -q`,
 # then the time a fresh kx process takes to re-enroll (load) the enrolled tree.
-# Usage: vfs_enroll_bench.sh <path to kx> [files (20000)] [MiB (200)] [work dir]
+# Usage: vfs_enroll_bench.sh [path to kx] [files (20000)] [MiB (200)] [work dir]
 set -eu
-KX=$(realpath "$1")
+KX=$(realpath "${1:-$(dirname "$0")/../build/bench/src/launcher/kx}")
 FILES=${2:-20000}
 MIB=${3:-200}
 WORK=$(mktemp -d "${4:-/tmp}/kx_enroll_bench.XXXXXX")
