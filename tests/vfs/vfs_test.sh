@@ -100,5 +100,13 @@ expect "same flags retarget" "OK: $PROJ is already enrolled — now the active d
 kx "fsmk:file turnlog-1.md <content>t</content>" >/dev/null
 ok "turnlog has no mirror" [ ! -e "$MIRROR/turnlog-1.md" ]
 
+# Two processes saving into one file at once: the store lock keeps every version.
+for w in A B; do
+  (for ((i = 0; i < 15; i++)); do kx "fsmk:file race.txt <content>$w$i</content>" >/dev/null; done) &
+done
+wait
+chain=$(cd "$MIRROR" && cat race.txt .race.txt.oldversions/race.txt.xx* | grep -oE '[AB][0-9]+' | sort -u | wc -l)
+ok "parallel processes lose no version" [ "$chain" -eq 30 ]
+
 echo "vfs end-to-end: $passes passed, $failures failed"
 [[ $failures -eq 0 ]]
