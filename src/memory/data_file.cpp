@@ -4,7 +4,7 @@
 #include <system_error>
 
 #include "memory/context_store.hpp"
-#include "platform/file_sync.hpp"
+#include "platform/durable_file.hpp"
 
 namespace kx::memory {
 namespace {

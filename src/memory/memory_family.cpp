@@ -30,15 +30,7 @@ void register_memory_family(lang::Registry& registry, std::filesystem::path cont
   }
   // The '|' forms arrive as one word ("keywords|cli|notes|build"): the part before the
   // first bar names the verb and the rest is its argument text.
-  family.unknown_verb = [&registry](std::string_view verb) -> std::string {
-    const auto bar = verb.find('|');
-    const lang::Family* self = registry.find_family("memory");
-    if (bar != std::string_view::npos && self != nullptr) {
-      if (const lang::Verb* target = lang::find_verb(*self, verb.substr(0, bar))) {
-        lang::Session scratch(registry);
-        return target->run(scratch, verb.substr(bar + 1));
-      }
-    }
+  family.unknown_verb = [](std::string_view verb) -> std::string {
     return error_result("unknown memory verb '" + std::string(verb) + "'");
   };
   registry.add_family(std::move(family));

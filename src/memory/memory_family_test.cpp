@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "lang/interpreter.hpp"
+
 #include <fstream>
 
 #include "lang/session.hpp"
@@ -31,17 +33,8 @@ class Process {
     session_ = std::make_unique<lang::Session>(registry_);
   }
 
-  // Routes a line the way the interpreter does: "memory" and "memory.help" reach
-  // help, "memory.<verb> <args>" the verb.
-  std::string run(std::string_view line) {
-    const auto cut = line.find_first_of(" \t");
-    const std::string_view head = line.substr(0, cut);
-    const std::string_view args = cut == std::string_view::npos ? "" : line.substr(cut + 1);
-    std::string_view verb = head == "memory" ? "help" : head.substr(7);
-    const lang::Family* family = registry_.find_family("memory");
-    if (const lang::Verb* v = lang::find_verb(*family, verb)) return v->run(*session_, args);
-    return family->unknown_verb(verb);
-  }
+  // Runs a line through the interpreter's own router.
+  std::string run(std::string_view line) { return lang::dispatch(*session_, line); }
   std::string query(std::string_view inner) {
     return registry_.find_word_command("?(")->run(*session_, inner);
   }

@@ -49,7 +49,7 @@ void find_dates(std::string_view text, std::vector<std::string>& out) {
     const std::size_t month_digits = read_number(text, i + 5, 2, month);
     if (month_digits == 0 || month < 1 || month > 12) continue;
     std::size_t end = i + 5 + month_digits;
-    char stamp[16];
+    char stamp[32];
     if (end + 1 < text.size() && text[end] == sep && is_digit(text[end + 1])) {
       const std::size_t day_digits = read_number(text, end + 1, 2, day);
       if (day < 1 || day > 31) continue;

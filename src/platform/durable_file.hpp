@@ -18,6 +18,13 @@ bool write_file_durable(const std::filesystem::path& path, std::string_view data
 bool append_file_durable(const std::filesystem::path& path, std::string_view data,
                          std::string& reason);
 
+// Flushes an existing file's data to the device. False when it cannot be opened or synced.
+bool sync_file(const std::filesystem::path& file);
+
+// Flushes a directory's entries after a rename into it (a no-op where the file
+// system has no such step). False on failure.
+bool sync_directory(const std::filesystem::path& dir);
+
 // An exclusive advisory lock on a file, held until the object is destroyed. It keeps
 // two processes from interleaving the steps of one save; the kernel drops it when the
 // holder dies.

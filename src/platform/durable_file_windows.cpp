@@ -67,4 +67,18 @@ FileLock::~FileLock() {
   if (handle_ != -1) ::CloseHandle(reinterpret_cast<HANDLE>(handle_));
 }
 
+bool sync_file(const std::filesystem::path& file) {
+  HANDLE handle = ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return false;
+  bool ok = ::FlushFileBuffers(handle) != 0;
+  ::CloseHandle(handle);
+  return ok;
+}
+
+// NTFS makes a completed rename durable with the file's own metadata.
+bool sync_directory(const std::filesystem::path&) {
+  return true;
+}
+
 }  // namespace kx::platform
