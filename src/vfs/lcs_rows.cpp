@@ -23,8 +23,31 @@ void lcs_row(std::span<const std::uint32_t> a, std::span<const std::uint32_t> b,
   for (std::size_t j = 0; j < m; ++j) columns[b[j]].push_back(static_cast<std::uint32_t>(j));
 
   const std::size_t words = (m + 63) / 64;
+  // A symbol with at least one column per word on average gets a dense mask and the
+  // plain word loop; at most 64 symbols qualify, so the masks stay within m words.
+  std::unordered_map<std::uint32_t, std::vector<std::uint64_t>> dense;
+  for (const auto& [symbol, cols] : columns) {
+    if (cols.size() < words) continue;
+    std::vector<std::uint64_t>& mask = dense[symbol];
+    mask.assign(words, 0);
+    for (std::uint32_t j : cols) mask[j / 64] |= std::uint64_t{1} << (j % 64);
+  }
+
   std::vector<std::uint64_t> v(words, ~std::uint64_t{0});
   for (std::uint32_t symbol : a) {
+    if (auto d = dense.find(symbol); d != dense.end()) {
+      const std::uint64_t* mask = d->second.data();
+      std::uint64_t carry = 0;
+      for (std::size_t w = 0; w < words; ++w) {
+        const std::uint64_t old = v[w];
+        const std::uint64_t u = old & mask[w];
+        const std::uint64_t sum = old + u;
+        const std::uint64_t total = sum + carry;
+        carry = (sum < old || total < sum) ? 1 : 0;
+        v[w] = total | (old & ~mask[w]);
+      }
+      continue;
+    }
     auto found = columns.find(symbol);
     if (found == columns.end()) continue;
     const std::vector<std::uint32_t>& cols = found->second;
