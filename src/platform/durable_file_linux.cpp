@@ -1,0 +1,73 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/durable_file.hpp"
+
+namespace kx::platform {
+namespace {
+
+bool write_all(int fd, std::string_view data, std::string& reason) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd, data.data(), data.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      reason = std::strerror(errno);
+      return false;
+    }
+    data.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+bool write_with_flags(const std::filesystem::path& path, std::string_view data, int flags,
+                      std::string& reason) {
+  int fd = ::open(path.c_str(), flags | O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    reason = std::strerror(errno);
+    return false;
+  }
+  bool ok = write_all(fd, data, reason);
+  if (ok && ::fsync(fd) != 0) {
+    reason = std::strerror(errno);
+    ok = false;
+  }
+  if (::close(fd) != 0 && ok) {
+    reason = std::strerror(errno);
+    ok = false;
+  }
+  return ok;
+}
+
+}  // namespace
+
+bool write_file_durable(const std::filesystem::path& path, std::string_view data,
+                        std::string& reason) {
+  return write_with_flags(path, data, O_TRUNC, reason);
+}
+
+bool append_file_durable(const std::filesystem::path& path, std::string_view data,
+                         std::string& reason) {
+  return write_with_flags(path, data, O_APPEND, reason);
+}
+
+FileLock::FileLock(const std::filesystem::path& path) {
+  fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd_ < 0) return;
+  while (::flock(fd_, LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      ::close(fd_);
+      fd_ = -1;
+      return;
+    }
+  }
+}
+
+FileLock::~FileLock() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+}  // namespace kx::platform
