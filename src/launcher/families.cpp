@@ -2,12 +2,17 @@
 // registration call; order matters only for the help overview.
 #include "launcher/workspace.hpp"
 
+#include <iostream>
+
+#include "vfs/file_families.hpp"
+
 namespace kx::launcher {
 
 std::unique_ptr<Workspace> make_workspace() {
   auto workspace = std::make_unique<Workspace>();
   lang::Registry& registry = workspace->registry;
-  (void)registry;
+  // Re-enrollment reports go to standard error: standard output carries results only.
+  vfs::reenroll_from_config(*vfs::register_file_families(registry), std::cerr);
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
 }

@@ -128,6 +128,12 @@ File& Store::attach_file(const std::string& path, std::unique_ptr<iFileSystemObj
   return *file;
 }
 
+void Store::replace_with(Store&& other) {
+  policy_ = std::move(other.policy_);
+  root_ = std::move(other.root_);
+  files_ = std::move(other.files_);
+}
+
 void Store::index_file(const std::string& path, File* file) {
   files_[path] = file;
 }
@@ -158,7 +164,8 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     std::string name = entry.path().filename().string();
     std::error_code sec;
     auto status = entry.symlink_status(sec);
-    if (is_machinery_name(name) || fs::is_symlink(status)) {
+    if (is_machinery_name(name) || fs::is_symlink(status) ||
+        (!excluded_.empty() && entry.path() == excluded_)) {
       if (fs::is_directory(status)) it.disable_recursion_pending();
       continue;
     }
@@ -234,8 +241,10 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     }
     std::uint32_t current = c.archived.empty() ? 1 : c.archived.back().number + 1;
     std::string text;
-    read_text(c.tombstoned ? mirror_root_ / c.path : disk_root_ / c.path, text);
-    file.push_version(current, std::move(text));
+    if (read_text(c.tombstoned ? mirror_root_ / c.path : disk_root_ / c.path, text) ||
+        !c.tombstoned)
+      file.push_version(current, std::move(text));
+    // A tombstoned file without a mirror copy keeps its newest archived version as current.
     file.archived = std::move(c.archived);
   }
   return true;

@@ -78,6 +78,12 @@ class Store {
   // Warnings go to `warn`. Returns false with `reason` when there is no disk root.
   bool load(std::ostream& warn, std::string& reason);
 
+  // A directory the walk never enters (the program's home when it lies inside the tree).
+  void exclude(std::filesystem::path dir) { excluded_ = std::move(dir); }
+  // Takes over the tree, index and policy of a freshly loaded store of the same root;
+  // hooks stay. REQUIRES: this store's mutex held.
+  void replace_with(Store&& other);
+
   SaveHooks hooks;
 
  private:
@@ -85,6 +91,7 @@ class Store {
 
   std::filesystem::path disk_root_;
   std::filesystem::path mirror_root_;
+  std::filesystem::path excluded_;
   Policy policy_;
   mutable std::recursive_mutex mutex_;
   std::unique_ptr<Directory> root_;

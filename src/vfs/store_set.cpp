@@ -54,10 +54,24 @@ std::vector<Store*> StoreSet::all() const {
   return out;
 }
 
-Store& StoreSet::add(const fs::path& root, Policy policy) {
+std::unique_ptr<Store> StoreSet::make_store(const fs::path& root, Policy policy) const {
+  auto store =
+      std::make_unique<Store>(root, mirror_dir() / store_key(root.string()), std::move(policy));
+  store->exclude(home_);
+  return store;
+}
+
+Store& StoreSet::adopt(std::unique_ptr<Store> store) {
   std::lock_guard guard(mutex_);
-  stores_.push_back(
-      std::make_unique<Store>(root, mirror_dir() / store_key(root.string()), std::move(policy)));
+  for (auto& s : stores_) {
+    if (s->disk_root() == store->disk_root()) {
+      // Handlers may still hold the old address: keep the object, swap its contents.
+      std::lock_guard store_guard(s->mutex());
+      s->replace_with(std::move(*store));
+      return *s;
+    }
+  }
+  stores_.push_back(std::move(store));
   return *stores_.back();
 }
 

@@ -32,8 +32,10 @@ class StoreSet {
   Store* containing(const std::filesystem::path& path) const;
   std::vector<Store*> all() const;
 
-  // Adds a store for `root` with `policy`; the caller loads it.
-  Store& add(const std::filesystem::path& root, Policy policy);
+  // A new, unloaded store for `root` (not yet in the set).
+  std::unique_ptr<Store> make_store(const std::filesystem::path& root, Policy policy) const;
+  // Takes a loaded store into the set, replacing one with the same root; returns it.
+  Store& adopt(std::unique_ptr<Store> store);
 
   // Where warnings and progress lines go (standard error in the program).
   std::ostream& report() const { return *report_; }
