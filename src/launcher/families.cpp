@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "vfs/file_families.hpp"
+#include "vfs/history_families.hpp"
 
 namespace kx::launcher {
 
@@ -12,7 +13,9 @@ std::unique_ptr<Workspace> make_workspace() {
   auto workspace = std::make_unique<Workspace>();
   lang::Registry& registry = workspace->registry;
   // Re-enrollment reports go to standard error: standard output carries results only.
-  vfs::reenroll_from_config(*vfs::register_file_families(registry), std::cerr);
+  auto stores = vfs::register_file_families(registry);
+  vfs::register_lock_and_history_families(registry, stores);
+  vfs::reenroll_from_config(*stores, std::cerr);
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
 }

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "platform/durable_file.hpp"
+#include "vfs/commands.hpp"
 #include "vfs/edit_log.hpp"
 #include "vfs/save_path.hpp"
 #include "vfs/version_chain.hpp"
@@ -45,8 +46,8 @@ bool write_out(const fs::path& target, const std::string& text, std::string& rea
 
 }  // namespace
 
-EmitCounts run_emit(Store& store, const PendingEmit& emit, EmitMode mode, const fs::path& dest,
-                    const std::string& seat, std::ostream& warn) {
+EmitCounts run_emit(StoreSet& stores, Store& store, const PendingEmit& emit, EmitMode mode,
+                    const fs::path& dest, const std::string& seat, std::ostream& warn) {
   EmitCounts counts;
   std::lock_guard guard(store.mutex());
   const std::vector<EditRecord> edits = read_edits(store.edit_log_file());
@@ -64,13 +65,23 @@ EmitCounts run_emit(Store& store, const PendingEmit& emit, EmitMode mode, const 
       continue;
     }
     if (choice.kind == AsOfChoice::Kind::deleted) {
-      // Over the current files a deleted file stays as the store has it (a live file
-      // is left for fs:rm, which keeps its history); a write-out tree omits it.
       if (mode == EmitMode::write_out) {
         std::error_code ec;
         fs::remove(dest / path, ec);
+        ++counts.deleted;
+      } else if (file->tombstoned) {
+        ++counts.unchanged;
+      } else {
+        // Deleting over the current files is a tombstone, so the history stays.
+        CommandContext ctx{stores, seat, store.disk_root(), warn};
+        const std::string answer = fs_rm(ctx, "<path>" + path + "</path>");
+        if (answer.starts_with("OK")) {
+          ++counts.deleted;
+        } else {
+          warn << "warning: emit: '" << path << "' not deleted: " << answer << "\n";
+          ++counts.refused;
+        }
       }
-      ++counts.deleted;
       continue;
     }
     const std::optional<std::string> text = read_version(*file, choice.version);

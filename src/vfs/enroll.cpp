@@ -255,6 +255,10 @@ std::string reenroll(StoreSet& stores, Store& existing, Request& r, std::ostream
   std::string text = "OK: " + dir.string() + " re-enrolled — policy now [" + policy_text(r.policy) +
                      "]; active directory\n  " + std::to_string(left) +
                      " file(s) left VC under the new rules (mirror history kept)";
+  if (store.hooks.after_policy_change) {
+    if (std::string note = store.hooks.after_policy_change(store); !note.empty())
+      text += "\n  " + note;
+  }
   if (!record_in_config(stores.config_file(), dir, r.policy))
     text += "\n  WARNING: could not update " + stores.config_file().string();
   return text;

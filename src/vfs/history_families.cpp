@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "vfs/commands.hpp"
 #include "vfs/history_state.hpp"
 #include "vfs/path_resolve.hpp"
 
@@ -16,7 +17,7 @@ Target find_target(kst::StoreSet& stores, std::string_view arg) {
   t.store = given.is_absolute() ? stores.containing(given) : nullptr;
   if (t.store == nullptr) t.store = stores.active();
   if (t.store == nullptr) {
-    t.error = "ERROR: no store enrolled — EnrollVersionControl <dir> first";
+    t.error = kst::kNoStore;
     return t;
   }
   const kst::Resolved r = kst::resolve_node(*t.store, arg);

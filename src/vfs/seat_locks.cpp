@@ -61,6 +61,9 @@ void SeatLocks::attach(Store& store) {
     if (!check.allowed()) return check.message;
     return std::nullopt;
   };
+  store.hooks.after_policy_change = [this](Store& changed) {
+    return reconcile_stranded(changed, stores_.report());
+  };
   store.hooks.after_save = [table](Store&, const std::string& path, const SaveRequest& request,
                                    const SaveResult&) {
     table->commit_save(path,
@@ -160,7 +163,8 @@ std::string SeatLocks::reconcile_stranded(Store& store, std::ostream& warn) {
   std::map<std::string, std::string> holders;
   for (const auto& [path, record] : t.locks()) holders[path] = record.holder;
   const std::vector<std::string> dropped = t.drop_stranded([&](std::string_view path) {
-    return store.versioned() && !refuse_path(store, std::string(path));
+    const std::string p(path);
+    return store.versioned() && store.find_file(p) != nullptr && !refuse_path(store, p);
   });
   if (dropped.empty()) return "";
   for (const std::string& path : dropped) {

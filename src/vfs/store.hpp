@@ -34,6 +34,9 @@ struct SaveHooks {
   // After a successful save, once the edit log has its record.
   std::function<void(Store&, const std::string& path, const SaveRequest&, const SaveResult&)>
       after_save;
+  // After the store's policy changed (re-enrollment with new flags): reconciles what
+  // the new policy strands and returns a note for the answer ("" when nothing).
+  std::function<std::string(Store&)> after_policy_change;
 };
 
 class Store {
