@@ -4,6 +4,7 @@
 
 #include <iostream>
 
+#include "lang/system_family.hpp"
 #include "vfs/file_families.hpp"
 #include "vfs/history_families.hpp"
 
@@ -12,6 +13,7 @@ namespace kx::launcher {
 std::unique_ptr<Workspace> make_workspace() {
   auto workspace = std::make_unique<Workspace>();
   lang::Registry& registry = workspace->registry;
+  lang::register_system_family(registry);
   // Re-enrollment reports go to standard error: standard output carries results only.
   auto stores = vfs::register_file_families(registry);
   vfs::register_lock_and_history_families(registry, stores);

@@ -6,7 +6,9 @@
 
 namespace kx::launcher {
 
-bool forward_to_resident(std::uint16_t, const std::string&) { return false; }
+bool forward_to_resident(std::uint16_t, const std::string&) {
+  return false;
+}
 
 int run_mcp(std::uint16_t) {
   std::fputs("Kestrune: the MCP server is not part of this build yet\n", stderr);
