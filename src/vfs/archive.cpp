@@ -42,12 +42,31 @@ std::vector<ArchivedVersion> list_archived(const fs::path& archive_dir, std::str
 
 fs::path first_free_archive_name(const fs::path& archive_dir, std::string_view name,
                                  std::uint32_t& number) {
+  // One directory read instead of a probe per number; the answer is the same as trying
+  // <name>.xx1, <name>.xx2, ... in order.
   std::string prefix = std::string(name) + ".xx";
-  for (number = 1;; ++number) {
-    fs::path candidate = archive_dir / (prefix + std::to_string(number));
-    std::error_code ec;
-    if (!fs::exists(fs::symlink_status(candidate, ec))) return candidate;
+  std::vector<std::uint32_t> taken;
+  std::error_code ec;
+  for (fs::directory_iterator it(archive_dir, ec), end; !ec && it != end; it.increment(ec)) {
+    std::string entry = it->path().filename().string();
+    if (!entry.starts_with(prefix) || entry.size() == prefix.size() || entry[prefix.size()] == '0')
+      continue;
+    std::string_view digits = std::string_view(entry).substr(prefix.size());
+    std::uint32_t n = 0;
+    auto [ptr, err] = std::from_chars(digits.data(), digits.data() + digits.size(), n);
+    if (err == std::errc() && ptr == digits.data() + digits.size()) taken.push_back(n);
   }
+  std::sort(taken.begin(), taken.end());
+  number = 1;
+  for (std::uint32_t n : taken) {
+    if (n > number) break;
+    if (n == number) ++number;
+  }
+  fs::path candidate = archive_dir / (prefix + std::to_string(number));
+  // Something the listing could not see (a race with another program) is stepped over.
+  while (fs::exists(fs::symlink_status(candidate, ec)))
+    candidate = archive_dir / (prefix + std::to_string(++number));
+  return candidate;
 }
 
 }  // namespace kst

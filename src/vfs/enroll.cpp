@@ -255,9 +255,11 @@ std::string reenroll(StoreSet& stores, Store& existing, Request& r, std::ostream
   std::string text = "OK: " + dir.string() + " re-enrolled — policy now [" + policy_text(r.policy) +
                      "]; active directory\n  " + std::to_string(left) +
                      " file(s) left VC under the new rules (mirror history kept)";
-  if (store.hooks.after_policy_change) {
-    if (std::string note = store.hooks.after_policy_change(store); !note.empty())
-      text += "\n  " + note;
+  if (store.hooks.policy_changed) {
+    std::lock_guard guard(store.mutex());
+    if (std::size_t stranded = store.hooks.policy_changed(store); stranded > 0)
+      text += "\n  " + std::to_string(stranded) +
+              " locked file(s) no longer policy-admitted; CheckIn them before tightening policy";
   }
   if (!record_in_config(stores.config_file(), dir, r.policy))
     text += "\n  WARNING: could not update " + stores.config_file().string();

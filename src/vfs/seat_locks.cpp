@@ -61,7 +61,7 @@ void SeatLocks::attach(Store& store) {
     if (!check.allowed()) return check.message;
     return std::nullopt;
   };
-  store.hooks.after_policy_change = [this](Store& changed) {
+  store.hooks.policy_changed = [this](Store& changed) {
     return reconcile_stranded(changed, stores_.report());
   };
   store.hooks.after_save = [table](Store&, const std::string& path, const SaveRequest& request,
@@ -157,7 +157,7 @@ std::string SeatLocks::release_after_checkin(Store& store, const std::string& pa
   return next ? "\n  lock passed to " + *next + " (next in queue)" : "";
 }
 
-std::string SeatLocks::reconcile_stranded(Store& store, std::ostream& warn) {
+std::size_t SeatLocks::reconcile_stranded(Store& store, std::ostream& warn) {
   std::lock_guard guard(store.mutex());
   LockTable& t = table(store);
   std::map<std::string, std::string> holders;
@@ -166,15 +166,14 @@ std::string SeatLocks::reconcile_stranded(Store& store, std::ostream& warn) {
     const std::string p(path);
     return store.versioned() && store.find_file(p) != nullptr && !refuse_path(store, p);
   });
-  if (dropped.empty()) return "";
+  if (dropped.empty()) return 0;
   for (const std::string& path : dropped) {
     const File* file = store.find_file(path);
     const std::uint32_t version = file != nullptr ? file->current : 0;
     record_edit(store, path, std::string(kOpStrandedLock), holders[path], version, version, warn);
   }
   journal_all();
-  return std::to_string(dropped.size()) +
-         " locked file(s) no longer policy-admitted; CheckIn them before tightening policy";
+  return dropped.size();
 }
 
 }  // namespace kst

@@ -56,9 +56,9 @@ class SeatLocks {
   // it passed to a queued seat.
   std::string release_after_checkin(Store& store, const std::string& path, const std::string& seat);
 
-  // Drops the locks on files the store's policy no longer admits, records each in
-  // the edit log, and returns the report line ("" when there were none).
-  std::string reconcile_stranded(Store& store, std::ostream& warn);
+  // Drops the locks on files the store's policy no longer admits (or that left the
+  // store), records each in the edit log, and returns how many there were.
+  std::size_t reconcile_stranded(Store& store, std::ostream& warn);
 
  private:
   struct Held {

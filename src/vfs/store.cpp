@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 #include <system_error>
+#include <unordered_map>
 
 #include "platform/process_info.hpp"
 #include "vfs/archive.hpp"
@@ -31,9 +32,14 @@ bool read_text(const fs::path& path, std::string& out) {
   if (!in) return false;
   std::error_code ec;
   auto size = fs::file_size(path, ec);
-  out.clear();
-  if (!ec) out.reserve(size);
-  out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  if (ec) return false;
+  out.resize(size);
+  in.read(out.data(), static_cast<std::streamsize>(size));
+  out.resize(static_cast<std::size_t>(in.gcount()));
+  // A file that grew since the size was taken: read the rest too.
+  char buffer[65536];
+  while (in.read(buffer, sizeof buffer) || in.gcount() > 0)
+    out.append(buffer, static_cast<std::size_t>(in.gcount()));
   return true;
 }
 
@@ -156,6 +162,7 @@ bool Store::load(std::ostream& warn, std::string& reason) {
   // root can enter the store; the store's own temporary names are skipped.
   std::vector<Candidate> candidates;
   std::vector<std::string> directories;
+  std::unordered_map<std::string, bool> mirror_dirs;
   std::error_code ec;
   fs::recursive_directory_iterator it(disk_root_, fs::directory_options::skip_permission_denied,
                                       ec);
@@ -179,9 +186,18 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     if (!ext_admits(policy_, name, rule)) continue;
     Candidate c{rel, false, {}};
     fs::path mirror = mirror_path(rel);
-    if (!mirror.empty()) c.archived = list_archived(archive_dir_of(mirror), name);
+    // Most directories of a freshly enrolled tree have no mirror yet: ask once per directory.
+    bool mirrored = false;
+    if (!mirror.empty()) {
+      std::string parent = mirror.parent_path().string();
+      auto known = mirror_dirs.find(parent);
+      if (known == mirror_dirs.end())
+        known = mirror_dirs.emplace(parent, fs::is_directory(mirror.parent_path(), sec)).first;
+      mirrored = known->second;
+    }
+    if (mirrored) c.archived = list_archived(archive_dir_of(mirror), name);
     if (policy_.scope == Scope::kEdited && c.archived.empty() &&
-        (mirror.empty() || !fs::exists(mirror, sec)))
+        (!mirrored || !fs::exists(mirror, sec)))
       continue;
     candidates.push_back(std::move(c));
   }

@@ -34,9 +34,9 @@ struct SaveHooks {
   // After a successful save, once the edit log has its record.
   std::function<void(Store&, const std::string& path, const SaveRequest&, const SaveResult&)>
       after_save;
-  // After the store's policy changed (re-enrollment with new flags): reconciles what
-  // the new policy strands and returns a note for the answer ("" when nothing).
-  std::function<std::string(Store&)> after_policy_change;
+  // After the policy of the store changed: reconciles locks on files the new policy no
+  // longer admits and returns how many there were.
+  std::function<std::size_t(Store&)> policy_changed;
 };
 
 class Store {
