@@ -5,7 +5,9 @@
 //   {"leafId":"<seat>","path":"<store path>","at":<seconds since the epoch>}
 //
 // Strings are JSON-escaped ("\"", "\\", control characters as \n, \r, \t or \u00XX).
-// Readers skip lines that do not parse, so a torn last line loses only itself.
+// Records are appended with one write and an fsync; a rewrite goes to a temporary
+// file first and is renamed over the journal. Readers skip lines that do not parse,
+// so a torn last line loses only itself.
 #include "vfs/checkout_journal.hpp"
 
 #include <cstdio>
@@ -13,6 +15,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <system_error>
+
+#include "platform/durable_file.hpp"
 
 namespace kst {
 namespace {
@@ -76,10 +80,8 @@ std::optional<CheckoutRecord> parse_checkout(std::string_view line) {
 bool CheckoutJournal::append(const CheckoutRecord& record) const {
   std::error_code ec;
   std::filesystem::create_directories(file_.parent_path(), ec);
-  std::ofstream out(file_, std::ios::binary | std::ios::app);
-  out << format_checkout(record);
-  out.flush();
-  return static_cast<bool>(out);
+  std::string reason;
+  return kx::platform::append_file_durable(file_, format_checkout(record), reason);
 }
 
 std::vector<CheckoutRecord> CheckoutJournal::replay() const {
@@ -98,14 +100,12 @@ std::vector<CheckoutRecord> CheckoutJournal::replay() const {
 bool CheckoutJournal::rewrite(const std::vector<CheckoutRecord>& open) const {
   std::error_code ec;
   std::filesystem::create_directories(file_.parent_path(), ec);
+  std::string text;
+  for (const CheckoutRecord& record : open) text += format_checkout(record);
   std::filesystem::path temp = file_;
   temp += ".tmp$";
-  {
-    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-    for (const CheckoutRecord& record : open) out << format_checkout(record);
-    out.flush();
-    if (!out) return false;
-  }
+  std::string reason;
+  if (!kx::platform::write_file_durable(temp, text, reason)) return false;
   std::filesystem::rename(temp, file_, ec);
   return !ec;
 }
