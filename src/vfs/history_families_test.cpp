@@ -28,12 +28,12 @@ void write_file(const fs::path& path, const std::string& text) {
 
 // One "program": a store set over a temporary home, the two families, a session.
 struct Program {
-  explicit Program(const fs::path& home, const fs::path& work) {
+  Program(const fs::path& home, const fs::path& work, const std::string& flags = "") {
     stores = std::make_shared<kst::StoreSet>(home);
     stores->set_report(quiet);
     register_lock_and_history_families(registry, stores);
     std::ostringstream progress;
-    enrolled = kst::enroll(*stores, work.string(), work, progress);
+    enrolled = kst::enroll(*stores, work.string() + flags, work, progress);
     session = std::make_unique<lang::Session>(registry);
     session->cwd = work;
   }
@@ -294,6 +294,30 @@ TEST_F(HistoryFamiliesTest, TighterPolicyReconcilesStrandedLocks) {
   const std::string timeline = run("cli", "fsvctl:timeline");
   EXPECT_NE(timeline.find("reconcile-stranded-lock  a.txt"), std::string::npos) << timeline;
   EXPECT_EQ(read_file(home_ / "checkouts.jsonl"), "");
+}
+
+TEST(CacheWriteThrough, HistoryVerbsSayThereIsNoChain) {
+  const fs::path root = fs::temp_directory_path() / "kx-history-cachewt";
+  fs::remove_all(root);
+  write_file(root / "work" / "a.txt", "one\n");
+  {
+    Program p(root / "home", root / "work", " mode=cachewt");
+    ASSERT_TRUE(p.enrolled.starts_with("OK: cache write-through")) << p.enrolled;
+    EXPECT_EQ(p.run("cli", checkin("a.txt", "two\n")),
+              "OK: wrote through a.txt — cache write-through store (mode=cachewt), no version "
+              "recorded");
+    EXPECT_EQ(read_file(root / "work" / "a.txt"), "two\n");
+    EXPECT_EQ(p.run("cli", "fsvctl:log a.txt"),
+              "LOG a.txt  — cache write-through store (mode=cachewt): no version chain kept");
+    EXPECT_EQ(p.run("cli", "fsvctl:revert <path>a.txt</path><version>1</version>"),
+              "ERROR: a.txt is in a cache write-through store (mode=cachewt) — no version history "
+              "to revert to");
+    // Locks hold in a cache write-through store as well.
+    p.run("alice", "fslock:toggle a.txt");
+    EXPECT_EQ(p.run("bob", checkin("a.txt", "three\n")), "ERROR: file is locked (alice)");
+    EXPECT_EQ(read_file(root / "work" / "a.txt"), "two\n");
+  }
+  fs::remove_all(root);
 }
 
 }  // namespace
