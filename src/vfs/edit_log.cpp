@@ -4,8 +4,11 @@
 // keys always in this order, no blanks:
 //   {"ts":1763884800,"path":"src/a.txt","op":"modify","seat":"cli","new":3,"prev":2,"store":"/home/me/proj"}
 // "ts" is seconds since the Unix epoch; "new" and "prev" are version numbers (0 when
-// there is none). Each record is written with one append and an fsync, so a crash
-// can only leave a last line without its newline; readers skip such a line.
+// there is none). "op" is one of: create (v1), modify, copy (fs:copy into the
+// file), tombstone, restore, move (at the new path), move-away (at the old path);
+// other layers add their own (revert, ...). Each record is written with one append
+// and an fsync, so a crash can only leave a last line without its newline; readers
+// skip such a line.
 #include "vfs/edit_log.hpp"
 
 #include <cstdio>

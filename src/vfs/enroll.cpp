@@ -6,9 +6,9 @@
 
 #include "platform/durable_file.hpp"
 #include "platform/home.hpp"
-#include "platform/process_info.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/args.hpp"
+#include "vfs/free_memory.hpp"
 #include "vfs/policy.hpp"
 
 namespace kst {
@@ -309,7 +309,9 @@ std::string enroll(StoreSet& stores, std::string_view args, const fs::path& cwd,
   }
   if (Store* existing = stores.find(dir)) return reenroll(stores, *existing, r, progress) + note;
 
-  TreeSurvey tree = survey(dir, home, r.policy);
+  // A cache write-through store is not held in RAM and may be a whole drive: no survey.
+  TreeSurvey tree;
+  if (r.policy.mode == StoreMode::kVersioned) tree = survey(dir, home, r.policy);
   std::uint64_t limit = r.policy.max_bytes ? *r.policy.max_bytes : configured_max_repo_size();
   if (limit != 0 && tree.bytes > limit) {
     return "ERROR: " + dir.string() + " is " + format_size(tree.bytes) +
@@ -319,7 +321,7 @@ std::string enroll(StoreSet& stores, std::string_view args, const fs::path& cwd,
            "vc.maxreposize in .Kestrune\\config\\Kestrune.cfg";
   }
   if (r.policy.mode == StoreMode::kVersioned) {
-    if (auto free = kx::platform::free_physical_memory()) {
+    if (auto free = free_memory()) {
       if (tree.admitted_bytes + kRamReserve > *free) {
         return "ERROR: enrolling " + dir.string() + " in cached (RAM) VC needs ~" +
                format_size(tree.admitted_bytes) + " of RAM but only " + format_size(*free) +

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "lang/session.hpp"
+#include "vfs/free_memory.hpp"
 #include "vfs/test_home.hpp"
 
 namespace kx::vfs {
@@ -269,6 +270,69 @@ TEST_F(FileFamilies, ConfigCommentsAndMissingDirectoriesAtStart) {
                   .starts_with("1 store(s) under version control  (* = active; retarget with "
                                "Kestrune EnrollVersionControl <root>)\n* " +
                                project.string()));
+}
+
+TEST_F(FileFamilies, ScopeEditedVersionsOnlyWhatIsEditedThroughTheProgram) {
+  write_file(project / "old.txt", "untouched");
+  ASSERT_TRUE(enroll("proj scope=edited")
+                  .starts_with("OK: enrolled " + project.string() + " — 0 file(s) ingested"));
+  EXPECT_EQ(run("fs", "cat", "old.txt"), "ERROR: no such file: old.txt");
+  run("fsmk", "file", "new.txt <content>n</content>");
+  start();
+  EXPECT_EQ(run("fsstat", "paths"), "OK: 1 file(s) in " + project.string() +
+                                        "  (f = file, t = tombstoned)\n  f  v1\tnew.txt\n");
+}
+
+TEST_F(FileFamilies, CacheWriteThroughWritesStraightToTheRealFiles) {
+  write_file(project / "r.txt", "real");
+  std::string out = enroll("proj mode=cachewt");
+  EXPECT_TRUE(out.starts_with("OK: cache write-through (no version) enrolled\n  nothing ingested"))
+      << out;
+  EXPECT_NE(out.find("\n  policy: [scope=all ext=default watch=on mode=cachewt]"),
+            std::string::npos);
+  EXPECT_EQ(run("fs", "cat", "r.txt"), "real");
+  EXPECT_EQ(run("fsmk", "file", "w.txt <content>through</content>"), "OK: created file w.txt");
+  EXPECT_EQ(read_file(project / "w.txt"), "through");
+  EXPECT_FALSE(fs::exists(mirror_root() / "w.txt"));
+  EXPECT_NE(run("fsstat", "stores").find("* " + project.string() + "  2 cached file(s)  ["),
+            std::string::npos);
+  start();
+  EXPECT_EQ(run("fs", "cat", "w.txt"), "through");
+}
+
+class RamChecks : public FileFamilies {
+ protected:
+  void TearDown() override {
+    kst::set_free_memory_for_testing({});
+    FileFamilies::TearDown();
+  }
+};
+
+TEST_F(RamChecks, TooLittleFreeRamRefusesAndTightRamWarns) {
+  write_file(project / "a.txt", "abc");
+  const std::uint64_t gib = 1024ull * 1024 * 1024;
+  kst::set_free_memory_for_testing([&] { return std::optional<std::uint64_t>(3 * gib); });
+  EXPECT_EQ(enroll("proj"),
+            "ERROR: enrolling " + project.string() +
+                " in cached (RAM) VC needs ~3 B of RAM but only 3.0 GB is free — the tree must be "
+                "at least 4 GB\n  smaller than your free RAM. Free up memory, or enroll it as the "
+                "non-cached\n  fallback (caches on access, writes through to disk, evicts under "
+                "pressure):\n    Kestrune EnrollVersionControl " +
+                project.string() + " mode=cachewt");
+  EXPECT_FALSE(fs::exists(home / "config/versioncontroldirs.cfg"));
+  kst::set_free_memory_for_testing([&] { return std::optional<std::uint64_t>(5 * gib); });
+  std::string out = enroll("proj");
+  ASSERT_TRUE(out.starts_with("OK: enrolled ")) << out;
+  EXPECT_NE(out.find("\n  note: this leaves ~5.0 GB of RAM headroom — the configuration is a "
+                     "little tight.\n"),
+            std::string::npos);
+  // Loading with less free memory than the tree plus 2 GiB warns and goes on.
+  kst::set_free_memory_for_testing([&] { return std::optional<std::uint64_t>(gib); });
+  start();
+  EXPECT_NE(report.str().find("warning: performance may be degraded due to memory constraints "
+                              "(loading 3 bytes, ~1073741821 free after)\n"),
+            std::string::npos);
+  EXPECT_EQ(run("fs", "cat", "a.txt"), "abc");
 }
 
 }  // namespace

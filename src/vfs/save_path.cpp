@@ -152,7 +152,8 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
     fs::path mirror = store.mirror_path(path);
     if (!mirror.empty()) {
       std::string failure = write_mirror(mirror, file, text, result.version, file.archived);
-      if (failure.empty() && file.tombstoned) fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
+      // A save revives a tombstoned file; a marker left by a crashed fs:rm goes too.
+      if (failure.empty()) fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
       if (!failure.empty()) {
         warn << "warning: mirror write failed for '" << path << "': " << failure
              << " — version chain not archived\n";

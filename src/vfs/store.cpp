@@ -6,8 +6,8 @@
 #include <system_error>
 #include <unordered_map>
 
-#include "platform/process_info.hpp"
 #include "vfs/archive.hpp"
+#include "vfs/free_memory.hpp"
 
 namespace kst {
 
@@ -230,7 +230,7 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     std::size_t first = c.archived.size() > kVersionsInRam ? c.archived.size() - kVersionsInRam : 0;
     for (std::size_t i = first; i < c.archived.size(); ++i) total += size_of(c.archived[i].path);
   }
-  if (auto free = kx::platform::free_physical_memory(); free && *free < total + 2147483648ull) {
+  if (auto free = free_memory(); free && *free < total + 2147483648ull) {
     char line[200];
     std::snprintf(line, sizeof line,
                   "warning: performance may be degraded due to memory constraints (loading %llu "
