@@ -5,7 +5,7 @@
 # Usage: bench/diff_vs_gnu.sh <build dir configured with -DKX_BENCH=ON -DCMAKE_BUILD_TYPE=Release>
 set -eu
 build=${1:-build/bench}
-bin="$build/bench/kx_diff_bench"
+bin="$build/bench/file_diff_figures"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 "$bin" gen "$work"
@@ -21,10 +21,10 @@ measure() { # label, command...
 
 for pair in scattered block; do
   echo "== base.txt vs $pair.txt (10,000 lines each)"
-  measure "kx_diff_bench" "$bin" diff "$work/base.txt" "$work/$pair.txt"
+  measure "file_diff_figures" "$bin" diff "$work/base.txt" "$work/$pair.txt"
   echo "     $(cat "$work/out")"
   measure "GNU diff" diff "$work/base.txt" "$work/$pair.txt"
-  measure "kx_diff_bench, identical pair" "$bin" diff "$work/base.txt" "$work/base.txt"
+  measure "file_diff_figures, same file" "$bin" diff "$work/base.txt" "$work/base.txt"
 done
 echo "== LCS-length rows"
 "$bin" rows

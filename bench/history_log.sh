@@ -5,4 +5,4 @@
 # Usage: bench/history_log.sh <build dir configured with -DKX_BENCH=ON -DCMAKE_BUILD_TYPE=Release>
 set -eu
 build=${1:-build/bench}
-/usr/bin/time -f "whole run: %e s wall, %M KiB peak" "$build/bench/kx_history_log_bench" 10000
+/usr/bin/time -f "whole run: %e s wall, %M KiB peak" "$build/bench/history_log_figures" 10000

@@ -93,6 +93,9 @@ int run_parser(ParseContext& ctx) {
   } catch (const std::bad_alloc&) {
     ctx.report_error("memory exhausted");
     status = kMemoryExhausted;
+  } catch (const std::exception& e) {
+    ctx.report_error(e.what());  // a fault of ours must not end the process
+    status = kSyntaxError;
   }
   kxscan_lex_destroy(scanner);
   if (status == kAccepted && ctx.had_syntax_error) status = kSyntaxError;

@@ -68,6 +68,11 @@ TEST_F(ParserTest, BrokenStatementDoesNotSwallowTheNextLine) {
   EXPECT_EQ(out.str(), "OK: cat\n");
 }
 
+TEST_F(ParserTest, OversizedNumberIsASyntaxErrorNotACrash) {
+  EXPECT_EQ(parse("x = 99999999999999999999999\nfs:cat a\n"), kSyntaxError);
+  EXPECT_EQ(out.str(), "OK: cat\n");
+}
+
 TEST_F(ParserTest, InputWithoutFinalNewlineStillRuns) {
   EXPECT_EQ(parse("fs:cat last"), kAccepted);
   EXPECT_EQ(out.str(), "OK: cat\n");

@@ -1,9 +1,9 @@
 // Figures for the line diff. Modes:
-//   kx_diff_bench gen <dir>        writes base.txt, scattered.txt (1% of the lines
+//   file_diff_figures gen <dir>        writes base.txt, scattered.txt (1% of the lines
 //                                  changed at random places) and block.txt (one run of
 //                                  100 lines changed), 10,000 lines each
-//   kx_diff_bench diff <a> <b>     diffs two files once and prints the time
-//   kx_diff_bench rows             LCS-length rows: bit-parallel against cell by cell
+//   file_diff_figures diff <a> <b>     diffs two files once and prints the time
+//   file_diff_figures rows             LCS-length rows: bit-parallel against cell by cell
 // bench/diff_vs_gnu.sh runs them next to GNU diff and measures peak memory.
 #include <chrono>
 #include <cstdio>
@@ -95,6 +95,6 @@ int main(int argc, char** argv) {
   if (mode == "gen" && argc == 3) return generate(argv[2]);
   if (mode == "diff" && argc == 4) return diff_once(argv[2], argv[3]);
   if (mode == "rows") return rows();
-  std::cerr << "usage: kx_diff_bench gen <dir> | diff <a> <b> | rows\n";
+  std::cerr << "usage: file_diff_figures gen <dir> | diff <a> <b> | rows\n";
   return 2;
 }

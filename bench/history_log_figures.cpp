@@ -1,7 +1,7 @@
 // fsvctl:log of one file with 10,000 versions, made through the real save path.
 // Prints the time of the saves, of a log in the process that made them, and of a log
 // after a fresh load (64 versions in RAM, the rest listed from the archive).
-// Usage: kx_history_log_bench [versions]   (bench/history_log.sh adds peak memory)
+// Usage: history_log_figures [versions]   (bench/history_log.sh adds peak memory)
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
