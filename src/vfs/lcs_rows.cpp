@@ -1,7 +1,6 @@
 #include "vfs/lcs_rows.hpp"
 
 #include <algorithm>
-#include <unordered_map>
 
 namespace kst {
 
@@ -14,29 +13,49 @@ namespace kst {
 void lcs_row(std::span<const std::uint32_t> a, std::span<const std::uint32_t> b,
              std::vector<std::uint32_t>& row) {
   const std::size_t m = b.size();
+  // Small blocks (the bottom of a Hirschberg recursion) are cheaper cell by cell
+  // than setting up masks.
+  if (a.size() * m <= 4096) {
+    lcs_row_cells(a, b, row);
+    return;
+  }
   row.assign(m + 1, 0);
-  if (m == 0 || a.empty()) return;
 
-  // Columns of each symbol of b, ascending.
-  std::unordered_map<std::uint32_t, std::vector<std::uint32_t>> columns;
-  columns.reserve(m);
-  for (std::size_t j = 0; j < m; ++j) columns[b[j]].push_back(static_cast<std::uint32_t>(j));
+  // Scratch kept per thread: the recursion calls this many times on shrinking ranges.
+  thread_local std::vector<std::uint64_t> columns;  // (symbol << 32 | column), sorted
+  thread_local std::vector<std::uint64_t> v;
+  thread_local std::vector<std::uint64_t> dense_masks;
+  thread_local std::vector<std::pair<std::uint32_t, std::size_t>> dense;  // symbol -> mask
+  columns.resize(m);
+  for (std::size_t j = 0; j < m; ++j) columns[j] = std::uint64_t{b[j]} << 32 | j;
+  std::sort(columns.begin(), columns.end());
 
   const std::size_t words = (m + 63) / 64;
   // A symbol with at least one column per word on average gets a dense mask and the
   // plain word loop; at most 64 symbols qualify, so the masks stay within m words.
-  std::unordered_map<std::uint32_t, std::vector<std::uint64_t>> dense;
-  for (const auto& [symbol, cols] : columns) {
-    if (cols.size() < words) continue;
-    std::vector<std::uint64_t>& mask = dense[symbol];
-    mask.assign(words, 0);
-    for (std::uint32_t j : cols) mask[j / 64] |= std::uint64_t{1} << (j % 64);
+  dense.clear();
+  dense_masks.clear();
+  for (std::size_t i = 0; i < m;) {
+    std::size_t k = i;
+    while (k < m && columns[k] >> 32 == columns[i] >> 32) ++k;
+    if (k - i >= words) {
+      dense.emplace_back(static_cast<std::uint32_t>(columns[i] >> 32), dense_masks.size());
+      dense_masks.resize(dense_masks.size() + words, 0);
+      std::uint64_t* mask = dense_masks.data() + dense.back().second;
+      for (std::size_t c = i; c < k; ++c) {
+        const auto j = static_cast<std::uint32_t>(columns[c]);
+        mask[j / 64] |= std::uint64_t{1} << (j % 64);
+      }
+    }
+    i = k;
   }
 
-  std::vector<std::uint64_t> v(words, ~std::uint64_t{0});
+  v.assign(words, ~std::uint64_t{0});
   for (std::uint32_t symbol : a) {
-    if (auto d = dense.find(symbol); d != dense.end()) {
-      const std::uint64_t* mask = d->second.data();
+    auto d = std::lower_bound(dense.begin(), dense.end(), symbol,
+                              [](const auto& e, std::uint32_t s) { return e.first < s; });
+    if (d != dense.end() && d->first == symbol) {
+      const std::uint64_t* mask = dense_masks.data() + d->second;
       std::uint64_t carry = 0;
       for (std::size_t w = 0; w < words; ++w) {
         const std::uint64_t old = v[w];
@@ -48,17 +67,18 @@ void lcs_row(std::span<const std::uint32_t> a, std::span<const std::uint32_t> b,
       }
       continue;
     }
-    auto found = columns.find(symbol);
-    if (found == columns.end()) continue;
-    const std::vector<std::uint32_t>& cols = found->second;
-    std::size_t next = 0;
-    std::size_t w = cols[0] / 64;
+    const std::uint64_t key = std::uint64_t{symbol} << 32;
+    auto first = std::lower_bound(columns.begin(), columns.end(), key);
+    if (first == columns.end() || *first >> 32 != symbol) continue;
+    auto last = std::lower_bound(first, columns.end(), key + (std::uint64_t{1} << 32));
+    auto next = first;
+    std::size_t w = static_cast<std::uint32_t>(*first) / 64;
     std::uint64_t carry = 0;
-    while (w < words && (next < cols.size() || carry != 0)) {
-      if (carry == 0) w = std::max<std::size_t>(w, cols[next] / 64);
+    while (w < words && (next != last || carry != 0)) {
+      if (carry == 0) w = std::max<std::size_t>(w, static_cast<std::uint32_t>(*next) / 64);
       std::uint64_t mask = 0;
-      while (next < cols.size() && cols[next] / 64 == w)
-        mask |= std::uint64_t{1} << (cols[next++] % 64);
+      while (next != last && static_cast<std::uint32_t>(*next) / 64 == w)
+        mask |= std::uint64_t{1} << (static_cast<std::uint32_t>(*next++) % 64);
       const std::uint64_t old = v[w];
       const std::uint64_t u = old & mask;
       const std::uint64_t sum = old + u;
@@ -74,10 +94,6 @@ void lcs_row(std::span<const std::uint32_t> a, std::span<const std::uint32_t> b,
     const std::uint64_t z = ~v[w];
     const std::size_t base = w * 64;
     const std::size_t limit = std::min<std::size_t>(64, m - base);
-    if (z == 0) {
-      for (std::size_t k = 1; k <= limit; ++k) row[base + k] = zeros;
-      continue;
-    }
     for (std::size_t k = 0; k < limit; ++k) {
       zeros += static_cast<std::uint32_t>((z >> k) & 1);
       row[base + k + 1] = zeros;
