@@ -181,9 +181,13 @@ TEST_F(HistoryFamiliesTest, CheckoutsAndDirtyFlagsSurviveARestart) {
   EXPECT_EQ(run("bob", "fslock:status src/b.txt"),
             "OK: src/b.txt  LOCKED by carol  [merge required]");
   // A check-in ends the check-out, and that too outlives the process.
+  // A check-out in a directory this process has not enrolled is kept as it is.
+  const std::string foreign = "{\"leafId\":\"zed\",\"path\":\"/elsewhere/x.txt\",\"at\":7}\n";
+  std::ofstream(home_ / "checkouts.jsonl", std::ios::app) << foreign;
   EXPECT_EQ(run("alice", "fsvctl:checkin a.txt"), "OK: checked in a.txt");
   restart();
   EXPECT_EQ(run("bob", "fslock:status a.txt"), "OK: a.txt  unlocked");
+  EXPECT_NE(read_file(home_ / "checkouts.jsonl").find(foreign), std::string::npos);
 }
 
 TEST_F(HistoryFamiliesTest, RevertIsANewVersionAndAMissingVersionChangesNothing) {

@@ -88,6 +88,12 @@ void SeatLocks::note_acquired(Store& store, const std::string& path, std::int64_
 void SeatLocks::journal_all() {
   std::vector<CheckoutRecord> open;
   std::lock_guard guard(attach_mutex_);
+  // Check-outs in stores this process has not attached (not enrolled here, or whose
+  // enrollment failed) are carried over untouched.
+  for (CheckoutRecord& record : journal_.replay()) {
+    const Store* owner = stores_.containing(fs::path(record.path));
+    if (owner == nullptr || !held_.contains(owner)) open.push_back(std::move(record));
+  }
   for (const auto& [store, h] : held_) {
     for (const auto& [path, record] : h->table.locks()) {
       auto since = h->since.find(path);
