@@ -4,6 +4,7 @@
 // grows to the number of saves.
 //
 // Usage: vfs_save_bench [directory on the disk to measure] [saves]
+// (Options beginning "--", such as the benchmark runner's, are ignored.)
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -51,8 +52,11 @@ std::vector<double> run(kst::Store& store, int saves, int files) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  fs::path base = argc > 1 ? fs::path(argv[1]) : fs::temp_directory_path();
-  int saves = argc > 2 ? std::stoi(argv[2]) : 2000;
+  std::vector<std::string> args;
+  for (int i = 1; i < argc; ++i)
+    if (!std::string_view(argv[i]).starts_with("--")) args.emplace_back(argv[i]);
+  fs::path base = !args.empty() ? fs::path(args[0]) : fs::temp_directory_path();
+  int saves = args.size() > 1 ? std::stoi(args[1]) : 2000;
   base /= "kx_save_bench";
   fs::remove_all(base);
   fs::create_directories(base / "proj");

@@ -1,6 +1,7 @@
 #pragma once
 // Writes that survive a crash of the process or the machine: the data is on the
 // disk (fsync) before the call returns success.
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -26,10 +27,10 @@ class FileLock {
   ~FileLock();
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
-  bool held() const { return fd_ >= 0; }
+  bool held() const { return handle_ != -1; }
 
  private:
-  int fd_ = -1;
+  std::intptr_t handle_ = -1;  // a descriptor or a HANDLE
 };
 
 }  // namespace kx::platform

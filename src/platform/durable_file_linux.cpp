@@ -55,19 +55,19 @@ bool append_file_durable(const std::filesystem::path& path, std::string_view dat
 }
 
 FileLock::FileLock(const std::filesystem::path& path) {
-  fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (fd_ < 0) return;
-  while (::flock(fd_, LOCK_EX) != 0) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return;
+  while (::flock(fd, LOCK_EX) != 0) {
     if (errno != EINTR) {
-      ::close(fd_);
-      fd_ = -1;
+      ::close(fd);
       return;
     }
   }
+  handle_ = fd;
 }
 
 FileLock::~FileLock() {
-  if (fd_ >= 0) ::close(fd_);
+  if (handle_ != -1) ::close(static_cast<int>(handle_));
 }
 
 }  // namespace kx::platform

@@ -174,13 +174,16 @@ void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
       report << "[versioncontroldirs] " << entry.path << " -> skipped (no such directory)\n";
       continue;
     }
+    // The same directory written differently (a link, a trailing slash) is one store.
+    fs::path root = fs::canonical(entry.path, ec);
+    if (ec) root = entry.path;
     std::string error;
     auto policy = kst::parse_policy(entry.flags, error);
     if (!policy) {
       report << "[versioncontroldirs] " << entry.path << " -> ERROR: bad policy: " << error << "\n";
       continue;
     }
-    auto store = stores.make_store(entry.path, *policy);
+    auto store = stores.make_store(root, *policy);
     std::string reason;
     report << "[vc] (" << n << ") caching " << entry.path;
     if (store->versioned() && !store->load(report, reason)) {

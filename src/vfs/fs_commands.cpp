@@ -28,6 +28,13 @@ std::int64_t now_seconds() {
       .count();
 }
 
+// Keeps another process's save of the same store out while the mirror is rearranged.
+kx::platform::FileLock lock_across_processes(const Store& store) {
+  std::error_code ec;
+  fs::create_directories(store.machinery_dir(), ec);
+  return kx::platform::FileLock(store.machinery_dir() / "store.lock");
+}
+
 fs::path with_suffix(const fs::path& path, std::string_view suffix) {
   fs::path out = path;
   out += std::string(suffix);
@@ -169,6 +176,7 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
     return "OK: removed " + l.path + " (cache write-through store, no history kept)";
   }
   File& file = *l.file;
+  auto cross_process = lock_across_processes(*store);
   fs::path mirror = store->mirror_path(l.path);
   if (!mirror.empty()) {
     // The mirror copy is the content a restore brings back; write it when the file
@@ -202,6 +210,7 @@ std::string fs_restore(CommandContext& ctx, std::string_view args) {
   File& file = *l.file;
   if (!file.tombstoned) return "ERROR: " + l.path + " is not tombstoned";
   if (file.versions.empty()) return "ERROR: no content version to restore";
+  auto cross_process = lock_across_processes(*store);
   if (!write_atomic(store->disk_path(l.path), file.text()))
     return "ERROR: could not write " + l.path;
   fs::path mirror = store->mirror_path(l.path);
@@ -239,6 +248,7 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
   if (l.file->tombstoned)
     return "ERROR: file tombstoned: " + l.path + " (fs:restore to bring it back)";
 
+  auto cross_process = lock_across_processes(*store);
   fs::path from = store->disk_path(l.path), to = store->disk_path(*dest);
   fs::create_directories(to.parent_path(), ec);
   std::string reason;

@@ -58,6 +58,20 @@ std::string write_mirror(const fs::path& mirror, const File& file, const std::st
   return "";
 }
 
+// Another process may have saved this file since it was loaded here: the mirror and
+// archive on disk, read under the cross-process lock, are the truth for its number.
+void catch_up_with_disk(const Store& store, const std::string& path, File& file) {
+  fs::path mirror = store.mirror_path(path);
+  std::error_code ec;
+  if (mirror.empty() || !fs::exists(mirror, ec)) return;
+  auto archived = list_archived(archive_dir_of(mirror), mirror.filename().string());
+  std::uint32_t on_disk = archived.empty() ? 1 : archived.back().number + 1;
+  if (on_disk > file.current) {
+    file.current = on_disk;
+    file.archived = std::move(archived);
+  }
+}
+
 }  // namespace
 
 std::optional<std::string> refuse_path(const Store& store, const std::string& path) {
@@ -145,6 +159,7 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
 
   File* existing = store.find_file(path);
   File& file = existing != nullptr ? *existing : store.make_file(path);
+  if (store.versioned()) catch_up_with_disk(store, path, file);
   result.previous = file.current;
   result.version = file.current + 1;
 

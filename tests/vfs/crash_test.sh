@@ -5,7 +5,7 @@
 # must be in the file's chain (mirror copy or an archived ".xx<N>").
 # Usage: crash_test.sh <path to kx> [number of saves]
 set -u
-KX=$1
+KX=$(realpath "$1")
 SAVES=${2:-200}
 BASE=$(mktemp -d)
 trap 'rm -rf "$BASE"' EXIT

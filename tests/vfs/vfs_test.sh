@@ -3,7 +3,7 @@
 # command runs in a fresh process, so each one also re-enrolls from the config.
 # Usage: vfs_test.sh <path to kx>
 set -u
-KX=$1
+KX=$(realpath "$1")
 BASE=$(mktemp -d)
 trap 'rm -rf "$BASE"' EXIT
 HOME_DIR=$BASE/home
@@ -99,6 +99,14 @@ expect "same flags retarget" "OK: $PROJ is already enrolled — now the active d
 # turnlog- files have no mirror.
 kx "fsmk:file turnlog-1.md <content>t</content>" >/dev/null
 ok "turnlog has no mirror" [ ! -e "$MIRROR/turnlog-1.md" ]
+
+# Two processes saving into one file at once: the store lock keeps every version.
+for w in A B; do
+  (for ((i = 0; i < 15; i++)); do kx "fsmk:file race.txt <content>$w$i</content>" >/dev/null; done) &
+done
+wait
+chain=$(cd "$MIRROR" && cat race.txt .race.txt.oldversions/race.txt.xx* | grep -oE '[AB][0-9]+' | sort -u | wc -l)
+ok "parallel processes lose no version" [ "$chain" -eq 30 ]
 
 echo "vfs end-to-end: $passes passed, $failures failed"
 [[ $failures -eq 0 ]]
