@@ -89,7 +89,13 @@ TEST_F(InterpreterTest, MetacharactersNeedARealProgramOrACdataBody) {
   std::string refusal = run("Kestrune: hello | x");
   EXPECT_TRUE(refusal.starts_with("ERROR: shell metacharacters aren't natural language"))
       << refusal;
-  EXPECT_EQ(run("Kestrune: echo hi | tr a-z A-Z"), "OK: shell output:\nHI\n");
+#ifdef _WIN32
+  std::string piped = run("Kestrune: cmd /c echo Hi| more");
+#else
+  std::string piped = run("Kestrune: echo hi | tr a-z A-Z | tr I i");
+#endif
+  std::erase(piped, '\r');
+  EXPECT_EQ(piped, "OK: shell output:\nHi\n");
   // A body with a pipe rides CDATA and reaches the write intact.
   EXPECT_EQ(run("Kestrune: write notes.txt <![CDATA[a | b; c > d]]>"), "OK: checkin");
   EXPECT_EQ(calls.back().args, "<path>notes.txt</path><content><![CDATA[a | b; c > d]]></content>");
@@ -155,8 +161,15 @@ TEST_F(InterpreterTest, DirectoryWordsMoveTheSessionDirectoryOnly) {
 }
 
 TEST_F(InterpreterTest, ShellLinesReportExitCodesAndEmptyOutput) {
+#ifdef _WIN32
+  EXPECT_EQ(run("! rem"), "OK: shell output:\n(no output)");
+  std::string failed = run("! echo out& exit 3");
+#else
   EXPECT_EQ(run("! true"), "OK: shell output:\n(no output)");
-  EXPECT_EQ(run("! echo out; exit 3"), "OK: shell output:\nout\n[exit 3]");
+  std::string failed = run("! echo out; exit 3");
+#endif
+  std::erase(failed, '\r');
+  EXPECT_EQ(failed, "OK: shell output:\nout\n[exit 3]");
 }
 
 }  // namespace
