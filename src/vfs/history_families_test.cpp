@@ -190,6 +190,27 @@ TEST_F(HistoryFamiliesTest, CheckoutsAndDirtyFlagsSurviveARestart) {
   EXPECT_NE(read_file(home_ / "checkouts.jsonl").find(foreign), std::string::npos);
 }
 
+TEST_F(HistoryFamiliesTest, TwoProcessesOnOneStoreSeeEachOthersLocksAndFlags) {
+  Program other(home_, work_);  // a second kx process over the same home and tree
+  EXPECT_EQ(run("alice", "fslock:toggle a.txt"), "OK: locked a.txt");
+  EXPECT_EQ(other.run("bob", "fslock:status a.txt"), "OK: a.txt  LOCKED by alice");
+  EXPECT_EQ(other.save("bob", "a.txt", "bob\n").message, "file is locked (alice)");
+  EXPECT_TRUE(other.run("bob", checkin("a.txt", "bob's\n", true)).starts_with("OK: checked in"));
+  EXPECT_EQ(run("alice", "fslock:status a.txt"), "OK: a.txt  LOCKED by alice  [merge required]");
+  // The merge in this process clears the flag in the other; the release shows there too.
+  EXPECT_TRUE(
+      run("alice", checkin("a.txt", "merged\n")).starts_with("OK: checked in a.txt — merge"));
+  EXPECT_EQ(other.run("bob", "fslock:status a.txt"), "OK: a.txt  unlocked");
+  // Locks taken in both processes at once both stay in the journal.
+  EXPECT_EQ(other.run("bob", "fslock:toggle a.txt"), "OK: locked a.txt");
+  EXPECT_EQ(run("alice", "fslock:toggle src/b.txt"), "OK: locked src/b.txt");
+  EXPECT_TRUE(run("alice", "fslock:toggle a.txt").starts_with("ERROR: file is locked (bob)"));
+  EXPECT_EQ(other.run("bob", "fslock:toggle a.txt"), "OK: unlocked a.txt");
+  restart();
+  EXPECT_EQ(run("carol", "fslock:status a.txt"), "OK: a.txt  unlocked");
+  EXPECT_EQ(run("carol", "fslock:status src/b.txt"), "OK: src/b.txt  LOCKED by alice");
+}
+
 TEST_F(HistoryFamiliesTest, RevertIsANewVersionAndAMissingVersionChangesNothing) {
   run("cli", checkin("a.txt", "two\n"));
   run("cli", checkin("a.txt", "three\n"));

@@ -98,6 +98,32 @@ std::optional<std::string> LockTable::transfer(std::string_view path, std::strin
   return std::nullopt;
 }
 
+void LockTable::adopt_holders(const std::map<std::string, std::string>& holders) {
+  for (auto it = locks_.begin(); it != locks_.end();) {
+    if (holders.contains(it->first))
+      ++it;
+    else
+      it = locks_.erase(it);
+  }
+  for (const auto& [path, seat] : holders) {
+    auto it = locks_.find(path);
+    if (it == locks_.end()) {
+      locks_.emplace(path, Record{seat, {}});
+    } else if (it->second.holder != seat) {
+      it->second.holder = seat;
+      std::erase(it->second.queue, seat);
+    }
+  }
+}
+
+void LockTable::mark_dirty(std::string_view path, bool dirty) {
+  if (dirty) {
+    dirty_.emplace(path);
+  } else if (auto it = dirty_.find(path); it != dirty_.end()) {
+    dirty_.erase(it);
+  }
+}
+
 std::vector<std::string> LockTable::drop_stranded(
     const std::function<bool(std::string_view)>& admitted) {
   std::vector<std::string> dropped;

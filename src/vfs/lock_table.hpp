@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -81,6 +82,13 @@ class LockTable {
   // Hands `seat`'s lock on `path` to `to`. Error message when `seat` is not the holder.
   std::optional<std::string> transfer(std::string_view path, std::string_view seat,
                                       std::string_view to);
+
+  // Makes the holders exactly `holders` (store path -> seat), as another process left
+  // them. A lock whose holder is unchanged keeps its queue.
+  void adopt_holders(const std::map<std::string, std::string>& holders);
+  // Sets or clears the dirty flag directly (when replaying what was recorded).
+  void mark_dirty(std::string_view path, bool dirty);
+  void clear_dirty() { dirty_.clear(); }
 
   // Drops every lock on a path that `admitted` rejects; returns those paths, sorted.
   std::vector<std::string> drop_stranded(const std::function<bool(std::string_view)>& admitted);

@@ -1,17 +1,22 @@
 #pragma once
 // The lock layer over every store of the process: one lock table (with its dirty
 // set) per store, the save-time check installed as each store's save hooks, and the
-// check-out journal that carries held locks across restarts.
+// check-out journal that carries held locks across restarts and between processes.
 //
-// Every lock a seat takes (check-out or toggle) is journalled, so a lock taken by
-// one `kx` invocation holds for the next. Dirty flags need no journal of their own:
-// they are rebuilt from the store's edit log, where a dirty check-in is recorded as
-// op "checkin-dirty" and the merge that clears it as op "merge".
+// Every lock a seat takes (check-out or toggle) is in the journal, so the journal is
+// the lock table that all kx processes share: a process catches up with it before it
+// answers or checks a save, and changes it under the journal's file lock
+// ("checkouts.lock" beside it), so two processes never lose each other's changes.
+// Dirty flags need no journal of their own: they follow the store's edit log, where
+// a dirty check-in is recorded as op "checkin-dirty" and the merge that clears it as
+// op "merge"; a process reads the records added since it last looked.
 //
 // The merge: after a dirty check-in the file refuses every plain save. The lock
 // holder (or, once nobody holds a lock, any seat) checks in the merged text with
 // fsvctl:checkin; that save is recorded as op "merge" and clears the flag. The dirty
 // check-in's own bytes were saved as a version, so fsvctl:diff shows both sides.
+//
+// Waiting seats (the queue) are known only to the process they asked.
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -21,6 +26,7 @@
 #include <ostream>
 #include <string>
 
+#include "platform/durable_file.hpp"
 #include "vfs/checkout_journal.hpp"
 #include "vfs/lock_table.hpp"
 #include "vfs/store_set.hpp"
@@ -37,12 +43,12 @@ class SeatLocks {
  public:
   SeatLocks(StoreSet& stores, std::filesystem::path journal_file);
 
-  // Installs the save hooks on `store` and takes over its journalled locks and the
-  // dirty flags of its edit log. Doing it again changes nothing.
+  // Installs the save hooks on `store`. Doing it again changes nothing.
   void attach(Store& store);
   void attach_all();
 
-  // The lock table of an attached store. REQUIRES: the store's lock.
+  // The lock table of a store, caught up with the journal and the edit log.
+  // REQUIRES: the store's lock.
   LockTable& table(Store& store);
 
   // fslock verbs and check-out / check-in; each returns the command result. `path`
@@ -61,17 +67,33 @@ class SeatLocks {
   std::size_t reconcile_stranded(Store& store, std::ostream& warn);
 
  private:
+  // What a file looked like when last read, to tell whether it changed since.
+  struct FileMark {
+    std::uintmax_t size = 0;
+    std::filesystem::file_time_type time{};
+    bool operator==(const FileMark&) const = default;
+  };
   struct Held {
     LockTable table;
     std::map<std::string, std::int64_t> since;  // store path -> when its lock was taken
+    std::optional<FileMark> journal_seen;
+    std::uintmax_t edits_read = 0;  // bytes of the edit log already applied
   };
-  Held& held(Store& store);
-  void note_acquired(Store& store, const std::string& path, std::int64_t at);
-  void journal_all();
+  Held& held(const Store& store);
+  void catch_up(const Store& store);
+  void catch_up_journal(const Store& store, Held& h);
+  void catch_up_edits(const Store& store, Held& h);
+  // Adds a record for a newly taken lock / rewrites this store's part of the journal.
+  void journal_taken(const Store& store, const std::string& path, const std::string& seat);
+  void journal_store(const Store& store);
+  std::optional<FileMark> journal_mark() const;
+  // Holds the journal against other processes' changes until destroyed.
+  kx::platform::FileLock lock_journal() const;
 
   StoreSet& stores_;
   CheckoutJournal journal_;
-  std::mutex attach_mutex_;
+  std::filesystem::path journal_lock_;
+  std::mutex held_mutex_;  // guards the map only; each Held is guarded by its store's lock
   std::map<const Store*, std::unique_ptr<Held>> held_;
 };
 
