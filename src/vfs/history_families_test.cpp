@@ -299,7 +299,12 @@ TEST_F(HistoryFamiliesTest, EmitsWaitForAHumanAndWriteOut) {
       << restored;
   EXPECT_EQ(read_file(work_ / "a.txt"), "one\n");
   EXPECT_EQ(program_->version("a.txt"), 3u);  // restoring is a new version too
-  EXPECT_TRUE(run("bot1", "fsvctl:emit").starts_with("PENDING #3 — "));
+  EXPECT_TRUE(run("bot1", "fsvctl:emit latest").starts_with("PENDING #3 — "));
+  EXPECT_NE(run("cli", "fsvctl:emitlist").find("\n  #3  (store)  (latest)  requested by bot1 at "),
+            std::string::npos);
+  EXPECT_EQ(run("bot1", "fsvctl:emit src yesterday"),
+            "ERROR: bad time 'yesterday' — give <asof>YYYY-MM-DD HH:MM:SS</asof>, a date, seconds "
+            "since the epoch, or latest");
   EXPECT_EQ(run("bot2", "fsvctl:emitcancel 3").rfind("ERROR: emit #3 was requested by bot1", 0),
             0u);
   EXPECT_EQ(run("bot1", "fsvctl:emitcancel 3"), "OK: cancelled emit #3");

@@ -244,11 +244,14 @@ std::string timeline(HistoryState& state, lang::Session&, const kst::Args& args)
 
 std::string emit(HistoryState& state, lang::Session& session, const kst::Args& args) {
   std::string scope = args.element("scope").value_or(args.get("path", 0).value_or(""));
+  if (scope == "latest" && args.words.size() == 1) scope.clear();  // "fsvctl:emit latest"
   if (scope == "(store)" || scope == "." || scope == "/") scope.clear();
-  const std::string when = args.element("asof").value_or(
-      args.words.size() > (args.element("path") || args.element("scope") ? 0u : 1u)
-          ? args.words[args.element("path") || args.element("scope") ? 0 : 1]
-          : "latest");
+  // The time is <asof>, else the word after the scope ("latest" when there is none).
+  std::string when = args.element("asof").value_or("");
+  if (when.empty()) {
+    const std::size_t at = args.element("path") || args.element("scope") ? 0 : 1;
+    when = at < args.words.size() ? args.words[at] : "latest";
+  }
   std::optional<std::int64_t> asof;
   if (when != "latest") {
     asof = kst::parse_time(when);
