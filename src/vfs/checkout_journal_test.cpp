@@ -47,7 +47,7 @@ TEST_F(CheckoutJournalTest, ReplayKeepsTheLatestRecordPerPathAndSkipsTornLines) 
   ASSERT_TRUE(journal.append({"bob", "b.txt", 2}));
   ASSERT_TRUE(journal.append({"carol", "a.txt", 3}));
   {
-    std::ofstream torn(journal.file(), std::ios::app);
+    std::ofstream torn(journal.file(), std::ios::binary | std::ios::app);
     torn << "{\"leafId\":\"dave\",\"pa";
   }
   const auto open = journal.replay();

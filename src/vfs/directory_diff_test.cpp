@@ -34,10 +34,12 @@ TEST(DirectoryDiff, SummaryIsWrittenToItsFile) {
   const auto dir = std::filesystem::temp_directory_path() / "kx-dirdiff-summary";
   std::filesystem::create_directories(dir);
   ASSERT_TRUE(write_diff_summary(dir, "summary text\n"));
-  std::ifstream in(dir / "_DIFF_SUMMARY.txt");
-  std::stringstream got;
-  got << in.rdbuf();
-  EXPECT_EQ(got.str(), "summary text\n");
+  {
+    std::ifstream in(dir / "_DIFF_SUMMARY.txt", std::ios::binary);
+    std::stringstream got;
+    got << in.rdbuf();
+    EXPECT_EQ(got.str(), "summary text\n");
+  }
   EXPECT_FALSE(write_diff_summary(dir / "missing" / "deeper", "x"));
   std::filesystem::remove_all(dir);
 }

@@ -183,7 +183,7 @@ TEST_F(HistoryFamiliesTest, CheckoutsAndDirtyFlagsSurviveARestart) {
   // A check-in ends the check-out, and that too outlives the process.
   // A check-out in a directory this process has not enrolled is kept as it is.
   const std::string foreign = "{\"leafId\":\"zed\",\"path\":\"/elsewhere/x.txt\",\"at\":7}\n";
-  std::ofstream(home_ / "checkouts.jsonl", std::ios::app) << foreign;
+  std::ofstream(home_ / "checkouts.jsonl", std::ios::binary | std::ios::app) << foreign;
   EXPECT_EQ(run("alice", "fsvctl:checkin a.txt"), "OK: checked in a.txt");
   restart();
   EXPECT_EQ(run("bob", "fslock:status a.txt"), "OK: a.txt  unlocked");

@@ -15,7 +15,7 @@ EditRecord edit(std::int64_t ts, const std::string& path, const std::string& op,
 TEST(VersionChain, TextsComeFromRamOrTheArchive) {
   const auto dir = std::filesystem::temp_directory_path() / "kx-version-chain";
   std::filesystem::create_directories(dir);
-  std::ofstream(dir / "a.txt.xx1") << "first\n";
+  std::ofstream(dir / "a.txt.xx1", std::ios::binary) << "first\n";
   File file("a.txt");
   file.archived = {{1, dir / "a.txt.xx1"}, {2, dir / "a.txt.xx2"}};  // xx2 is missing on disk
   file.push_version(3, "third\n");
