@@ -39,13 +39,15 @@ TreeSurvey survey(const fs::path& root, const fs::path& home, const Policy& poli
   fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
   for (fs::recursive_directory_iterator end; !ec && it != end; it.increment(ec)) {
     std::error_code sec;
-    auto status = it->symlink_status(sec);
+    // Types come from the directory listing itself: no stat per entry.
+    bool symlink = it->is_symlink(sec);
+    bool directory = !symlink && it->is_directory(sec);
     std::string name = it->path().filename().string();
-    if (is_machinery_name(name) || fs::is_symlink(status) || it->path() == home) {
-      if (fs::is_directory(status)) it.disable_recursion_pending();
+    if (is_machinery_name(name) || symlink || it->path() == home) {
+      if (directory) it.disable_recursion_pending();
       continue;
     }
-    if (!fs::is_regular_file(status)) continue;
+    if (symlink || !it->is_regular_file(sec)) continue;
     auto size = it->file_size(sec);
     if (sec) size = 0;
     s.bytes += size;

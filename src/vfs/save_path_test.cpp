@@ -220,6 +220,29 @@ TEST_F(SavePath, LoadKeepsTheNewest64ArchivedVersionsInRamAndWarnsOnce) {
   EXPECT_TRUE(fs::exists(dir / "big.txt.xx1"));
 }
 
+TEST_F(SavePath, LoadReadsEveryTextOfALargeTree) {
+  // Enough files for the load to read on several threads.
+  for (int i = 0; i < 700; ++i)
+    write_file(project / ("d" + std::to_string(i % 7)) / ("f" + std::to_string(i)),
+               std::string(static_cast<std::size_t>(i), 'x') + std::to_string(i));
+  open();
+  ASSERT_TRUE(save("d0/f0", "second").ok);
+  fs::remove(project / "d1/f1");
+  write_file(mirror("d1/f1.tombstone"), "tombstoned v1 by cli at 0\n");
+  write_file(mirror("d1/f1"), "last words");
+  open();
+  ASSERT_EQ(store->files().size(), 700u);
+  for (int i = 2; i < 700; ++i) {
+    File* f = store->find_file("d" + std::to_string(i % 7) + "/f" + std::to_string(i));
+    ASSERT_NE(f, nullptr) << i;
+    EXPECT_EQ(f->text(), std::string(static_cast<std::size_t>(i), 'x') + std::to_string(i));
+  }
+  EXPECT_EQ(store->find_file("d0/f0")->text(), "second");
+  EXPECT_EQ(*store->find_file("d0/f0")->text_of(1), "0");
+  EXPECT_TRUE(store->find_file("d1/f1")->tombstoned);
+  EXPECT_EQ(store->find_file("d1/f1")->text(), "last words");
+}
+
 TEST_F(SavePath, LoadingWithoutADiskRootFails) {
   Store empty("", home / ".versioncontrol" / "x", Policy{});
   std::string reason;

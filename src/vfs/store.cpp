@@ -1,11 +1,15 @@
 #include "vfs/store.hpp"
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <system_error>
+#include <thread>
 #include <unordered_map>
 
+#include "platform/read_file.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/free_memory.hpp"
 
@@ -27,20 +31,8 @@ std::vector<std::string> split_path(const std::string& path) {
   return parts;
 }
 
-bool read_text(const fs::path& path, std::string& out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::error_code ec;
-  auto size = fs::file_size(path, ec);
-  if (ec) return false;
-  out.resize(size);
-  in.read(out.data(), static_cast<std::streamsize>(size));
-  out.resize(static_cast<std::size_t>(in.gcount()));
-  // A file that grew since the size was taken: read the rest too.
-  char buffer[65536];
-  while (in.read(buffer, sizeof buffer) || in.gcount() > 0)
-    out.append(buffer, static_cast<std::size_t>(in.gcount()));
-  return true;
+bool read_text(const fs::path& path, std::string& out, std::uint64_t size_hint = 0) {
+  return kx::platform::read_whole_file(path, out, size_hint);
 }
 
 std::uint64_t size_of(const fs::path& path) {
@@ -53,6 +45,7 @@ struct Candidate {
   std::string path;
   bool tombstoned = false;
   std::vector<ArchivedVersion> archived;
+  std::uint64_t size = 0;  // of the text to load: the working file, or the mirror copy
 };
 
 }  // namespace
@@ -170,21 +163,24 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     const auto& entry = *it;
     std::string name = entry.path().filename().string();
     std::error_code sec;
-    auto status = entry.symlink_status(sec);
-    if (is_machinery_name(name) || fs::is_symlink(status) ||
-        (!excluded_.empty() && entry.path() == excluded_)) {
-      if (fs::is_directory(status)) it.disable_recursion_pending();
+    // Types come from the directory listing itself: no stat per entry.
+    bool symlink = entry.is_symlink(sec);
+    bool directory = !symlink && entry.is_directory(sec);
+    if (is_machinery_name(name) || symlink || (!excluded_.empty() && entry.path() == excluded_)) {
+      if (directory) it.disable_recursion_pending();
       continue;
     }
     std::string rel = entry.path().lexically_relative(disk_root_).generic_string();
-    if (fs::is_directory(status)) {
+    if (directory) {
       directories.push_back(rel);
       continue;
     }
-    if (!fs::is_regular_file(status)) continue;
+    if (symlink || !entry.is_regular_file(sec)) continue;
     std::string rule;
     if (!ext_admits(policy_, name, rule)) continue;
-    Candidate c{rel, false, {}};
+    Candidate c{rel, false, {}, 0};
+    c.size = entry.file_size(sec);
+    if (sec) c.size = 0;
     fs::path mirror = mirror_path(rel);
     // Most directories of a freshly enrolled tree have no mirror yet: ask once per directory.
     bool mirrored = false;
@@ -218,7 +214,8 @@ bool Store::load(std::ostream& warn, std::string& reason) {
       std::string rel = target.lexically_relative(mirror_root_).generic_string();
       std::error_code sec;
       if (fs::exists(disk_root_ / rel, sec)) continue;  // recreated outside; live wins
-      Candidate c{rel, true, list_archived(archive_dir_of(target), target.filename().string())};
+      Candidate c{rel, true, list_archived(archive_dir_of(target), target.filename().string()),
+                  size_of(target)};
       candidates.push_back(std::move(c));
     }
   }
@@ -226,7 +223,7 @@ bool Store::load(std::ostream& warn, std::string& reason) {
   // Memory check before reading anything.
   std::uint64_t total = 0;
   for (const auto& c : candidates) {
-    total += c.tombstoned ? size_of(mirror_root_ / c.path) : size_of(disk_root_ / c.path);
+    total += c.size;
     std::size_t first = c.archived.size() > kVersionsInRam ? c.archived.size() - kVersionsInRam : 0;
     for (std::size_t i = first; i < c.archived.size(); ++i) total += size_of(c.archived[i].path);
   }
@@ -240,27 +237,49 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     warn << line;
   }
 
+  // Reading the texts is most of the work; it runs on a few threads, each filling the
+  // versions of its own candidates, and the tree is built afterwards on this thread.
+  std::vector<std::vector<Version>> texts(candidates.size());
+  std::vector<char> live_read(candidates.size(), 0);  // not vector<bool>: written concurrently
+  std::atomic<std::size_t> next{0};
+  auto reader = [&] {
+    for (std::size_t i = next++; i < candidates.size(); i = next++) {
+      const Candidate& c = candidates[i];
+      std::size_t first =
+          c.archived.size() > kVersionsInRam ? c.archived.size() - kVersionsInRam : 0;
+      for (std::size_t k = first; k < c.archived.size(); ++k) {
+        std::string text;
+        if (read_text(c.archived[k].path, text, size_of(c.archived[k].path)))
+          texts[i].push_back({c.archived[k].number, std::move(text)});
+      }
+      std::string text;
+      live_read[i] =
+          read_text(c.tombstoned ? mirror_root_ / c.path : disk_root_ / c.path, text, c.size);
+      texts[i].push_back({0, std::move(text)});
+    }
+  };
+  std::size_t workers = std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, 4);
+  workers = std::min(workers, candidates.size() / 256 + 1);
+  std::vector<std::thread> threads;
+  for (std::size_t w = 1; w < workers; ++w) threads.emplace_back(reader);
+  reader();
+  for (auto& t : threads) t.join();
+
   for (const auto& dir : directories) make_directory(dir);
-  for (auto& c : candidates) {
+  for (std::size_t i = 0; i < candidates.size(); ++i) {
+    Candidate& c = candidates[i];
     File& file = make_file(c.path);
     file.tombstoned = c.tombstoned;
-    std::size_t first = 0;
-    if (c.archived.size() > kVersionsInRam) {
+    if (c.archived.size() > kVersionsInRam)
       warn << "warning: '" << c.path << "' has " << c.archived.size()
            << " archived versions; loading the most recent " << kVersionsInRam
            << " into RAM (older remain on disk)\n";
-      first = c.archived.size() - kVersionsInRam;
-    }
-    for (std::size_t i = first; i < c.archived.size(); ++i) {
-      std::string text;
-      if (read_text(c.archived[i].path, text)) file.push_version(c.archived[i].number, text);
-    }
+    Version live = std::move(texts[i].back());
+    texts[i].pop_back();
+    for (auto& v : texts[i]) file.push_version(v.number, std::move(v.text));
     std::uint32_t current = c.archived.empty() ? 1 : c.archived.back().number + 1;
-    std::string text;
-    if (read_text(c.tombstoned ? mirror_root_ / c.path : disk_root_ / c.path, text) ||
-        !c.tombstoned)
-      file.push_version(current, std::move(text));
     // A tombstoned file without a mirror copy keeps its newest archived version as current.
+    if (live_read[i] || !c.tombstoned) file.push_version(current, std::move(live.text));
     file.archived = std::move(c.archived);
   }
   return true;
