@@ -22,7 +22,7 @@ measure() { # label, command...
 for pair in scattered block; do
   echo "== base.txt vs $pair.txt (10,000 lines each)"
   measure "file_diff_figures" "$bin" diff "$work/base.txt" "$work/$pair.txt"
-  echo "     $(cat "$work/out")"
+  echo "     $("$bin" best "$work/base.txt" "$work/$pair.txt")"
   measure "GNU diff" diff "$work/base.txt" "$work/$pair.txt"
   measure "file_diff_figures, same file" "$bin" diff "$work/base.txt" "$work/base.txt"
 done
