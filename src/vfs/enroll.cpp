@@ -239,6 +239,8 @@ std::string reenroll(StoreSet& stores, Store& existing, Request& r, std::ostream
            ".\n  (Tip: use different directories for cache-based vs versioned VC.)";
   }
   if (r.flags.empty() || r.policy == existing.policy()) {
+    progress << "[vc] (" << store_index(stores, &existing) << ") caching " << dir.string()
+             << " -> already cached\n";
     stores.set_active(&existing);
     record_in_config(stores.config_file(), dir, existing.policy());
     return "OK: " + dir.string() + " is already enrolled — now the active directory";
@@ -298,7 +300,10 @@ std::string enroll(StoreSet& stores, std::string_view args, const fs::path& cwd,
   Request& r = *request;
   const fs::path& dir = r.dir;
   std::error_code ec;
-  if (!fs::is_directory(dir, ec)) return "ERROR: no such directory: " + dir.string();
+  if (!fs::is_directory(dir, ec)) {
+    progress << "[vc]     skipped " << dir.string() << " (no such directory)\n";
+    return "ERROR: no such directory: " + dir.string();
+  }
   fs::path home = fs::weakly_canonical(stores.home(), ec);
   if (same_or_inside(dir, home) || dir == home)
     return "ERROR: refusing to enroll the tool's own .Kestrune home";

@@ -131,7 +131,7 @@ TEST_F(FileFamilies, ShortNamesResolveBySuffixOrListTheCandidates) {
   EXPECT_EQ(run("fs", "cat", "nly.cpp"), "ERROR: no such file: nly.cpp");
   EXPECT_EQ(run("fsstat", "exists", "ghost.md"), "OK: no  (ghost.md not found)");
   EXPECT_EQ(run("fsstat", "exists", "b"), "OK: yes dir  b");
-  EXPECT_EQ(run("fsstat", "ls", "b"), "OK: b/\n  f  v1\tx.cpp\n  f  v1\tonly.cpp\n(2 children)\n");
+  EXPECT_EQ(run("fsstat", "ls", "b"), "OK: b/\n  f  v1\tonly.cpp\n  f  v1\tx.cpp\n(2 children)\n");
   EXPECT_EQ(run("fsstat", "ls", "b/only.cpp"), "ERROR: not a directory: b/only.cpp");
   EXPECT_EQ(run("fsstat", "paths", "b/*.cpp"),
             "OK: 2 file(s) in " + project.string() +
@@ -142,13 +142,10 @@ TEST_F(FileFamilies, ShortNamesResolveBySuffixOrListTheCandidates) {
 TEST_F(FileFamilies, BadPathsAreRefusedAndChangeNothing) {
   enroll("proj");
   fs::create_directories(base / "outside");
-  fs::create_directory_symlink(base / "outside", project / "link");
   EXPECT_TRUE(run("fsmk", "file", "../escape.txt")
                   .starts_with("ERROR: path '../escape.txt' is outside the store"));
   EXPECT_TRUE(
       run("fsmk", "file", "/etc/passwd").starts_with("ERROR: path '/etc/passwd' is outside"));
-  EXPECT_EQ(run("fsmk", "file", "link/x.txt"),
-            "ERROR: path 'link/x.txt' leads outside the store through a symbolic link");
   EXPECT_EQ(run("fsmk", "file", std::string("bad\x01name")),
             "ERROR: invalid path 'bad\x01name': byte 0x01 is not allowed in a name");
   EXPECT_TRUE(run("fsmk", "file", "bad\xff.txt").starts_with("ERROR: invalid path"));
@@ -163,6 +160,17 @@ TEST_F(FileFamilies, BadPathsAreRefusedAndChangeNothing) {
   EXPECT_TRUE(fs::exists(base / "outside"));
   EXPECT_FALSE(fs::exists(base / "escape.txt"));
   EXPECT_FALSE(fs::exists(base / "outside/x.txt"));
+  EXPECT_TRUE(fs::is_empty(base / "outside"));
+}
+
+TEST_F(FileFamilies, SymbolicLinksCannotLeadOutOfTheStore) {
+  enroll("proj");
+  fs::create_directories(base / "outside");
+  std::error_code ec;
+  fs::create_directory_symlink(base / "outside", project / "link", ec);
+  if (ec) GTEST_SKIP() << "this system cannot make symbolic links: " << ec.message();
+  EXPECT_EQ(run("fsmk", "file", "link/x.txt"),
+            "ERROR: path 'link/x.txt' leads outside the store through a symbolic link");
   EXPECT_TRUE(fs::is_empty(base / "outside"));
 }
 

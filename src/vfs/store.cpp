@@ -220,6 +220,11 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     }
   }
 
+  // Children in name order on every platform, whatever order the disk lists them in.
+  std::sort(directories.begin(), directories.end());
+  std::sort(candidates.begin(), candidates.end(),
+            [](const Candidate& a, const Candidate& b) { return a.path < b.path; });
+
   // Memory check before reading anything.
   std::uint64_t total = 0;
   for (const auto& c : candidates) {
