@@ -353,6 +353,9 @@ lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
       std::string error;
       auto args = kst::parse_args(text, error);
       if (!args) return "ERROR: " + error;
+      // Resolving a path reads the store's index, which the watcher may be changing.
+      std::unique_lock<std::recursive_mutex> guard;
+      if (kst::Store* active = state->stores->active()) guard = std::unique_lock(active->mutex());
       return handler(*state, session, *args);
     } catch (const std::exception& e) {
       return std::string("ERROR: ") + e.what();

@@ -1,4 +1,6 @@
 // "fslock:" — status, toggle and transfer of the per-file locks that seats hold.
+#include <exception>
+
 #include "lang/session.hpp"
 #include "vfs/args.hpp"
 #include "vfs/history_state.hpp"
@@ -6,36 +8,81 @@
 namespace kx::vfs {
 namespace {
 
-// Parses the arguments and resolves the path to a file; on failure `out` holds the
-// answer.
-bool lock_target(HistoryState& state, std::string_view text, std::string_view usage, Target& target,
-                 kst::Args& args, std::string& out) {
+// The arguments and the file they name; `answer` is set when there is none.
+struct LockRequest {
+  kst::Args args;
+  Target target;
+  std::string answer;
+};
+
+LockRequest lock_request(HistoryState& state, std::string_view text, std::string_view usage) {
+  LockRequest r;
   std::string error;
   auto parsed = kst::parse_args(text, error);
   if (!parsed) {
-    out = "ERROR: " + error;
-    return false;
+    r.answer = "ERROR: " + error;
+    return r;
   }
-  args = std::move(*parsed);
-  auto path = args.get("path", 0);
+  r.args = std::move(*parsed);
+  auto path = r.args.get("path", 0);
   if (!path || path->empty()) {
-    out = "ERROR: usage  " + std::string(usage);
-    return false;
+    r.answer = "ERROR: usage  " + std::string(usage);
+    return r;
   }
-  target = find_target(*state.stores, *path);
-  if (!target.error.empty()) {
-    out = target.error;
-    return false;
+  r.target = find_target(*state.stores, *path);
+  if (!r.target.error.empty()) {
+    r.answer = r.target.error;
+  } else if (!r.target.found) {
+    r.answer = "ERROR: no such node: " + *path;
+  } else if (!r.target.is_file) {
+    r.answer = "ERROR: not a file: " + r.target.path + " (locks are per file)";
   }
-  if (!target.found) {
-    out = "ERROR: no such node: " + *path;
-    return false;
-  }
-  if (!target.is_file) {
-    out = "ERROR: not a file: " + target.path + " (locks are per file)";
-    return false;
-  }
-  return true;
+  return r;
+}
+
+using Action = std::string (*)(HistoryState&, lang::Session&, LockRequest&);
+
+lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
+                std::vector<std::string> aliases, std::string summary, std::string usage,
+                std::string example, std::string next_tip, Action action) {
+  lang::Verb v;
+  v.name = std::move(name);
+  v.aliases = std::move(aliases);
+  v.summary = std::move(summary);
+  v.usage = usage;
+  v.example = std::move(example);
+  v.section = "Concurrency";
+  v.next_tip = std::move(next_tip);
+  v.run = [state, usage, action](lang::Session& session, std::string_view text) -> std::string {
+    try {
+      // Resolving a path reads the store's index, which the watcher may be changing.
+      std::unique_lock<std::recursive_mutex> guard;
+      if (kst::Store* active = state->stores->active()) guard = std::unique_lock(active->mutex());
+      LockRequest r = lock_request(*state, text, usage);
+      if (!r.answer.empty()) return r.answer;
+      return action(*state, session, r);
+    } catch (const std::exception& e) {
+      return std::string("ERROR: ") + e.what();
+    }
+  };
+  return v;
+}
+
+std::string status(HistoryState& state, lang::Session&, LockRequest& r) {
+  return state.locks.status(*r.target.store, r.target.path);
+}
+
+std::string toggle(HistoryState& state, lang::Session& session, LockRequest& r) {
+  return state.locks.toggle(*r.target.store, r.target.path, session.bot_id);
+}
+
+std::string transfer(HistoryState& state, lang::Session& session, LockRequest& r) {
+  // The seat is the element <to> or <seat>, else the word after the path.
+  auto to = r.args.element("to");
+  if (!to) to = r.args.element("seat");
+  if (!to) to = r.args.get("", r.args.element("path") ? 0 : 1);
+  if (!to || to->empty()) return "ERROR: usage  fslock:transfer <path> <toSeat>";
+  return state.locks.transfer(*r.target.store, r.target.path, session.bot_id, *to);
 }
 
 }  // namespace
@@ -48,59 +95,19 @@ lang::Family make_lock_family(std::shared_ptr<HistoryState> state) {
   family.unknown_verb = [](std::string_view verb) {
     return "ERROR: unknown fslock op '" + std::string(verb) + "' (status|toggle|transfer)";
   };
-
-  family.verbs.push_back(
-      lang::Verb{"status",
-                 {"state", "check", "who"},
-                 "who holds the lock on a file, how many seats wait, whether it needs a merge",
-                 "fslock:status <path>",
-                 "fslock:status src/main.cpp",
-                 "Concurrency",
-                 "fslock:toggle <path> to take the lock",
-                 [state](lang::Session&, std::string_view text) {
-                   Target t;
-                   kst::Args args;
-                   std::string out;
-                   if (!lock_target(*state, text, "fslock:status <path>", t, args, out)) return out;
-                   return state->locks.status(*t.store, t.path);
-                 }});
-
-  family.verbs.push_back(
-      lang::Verb{"toggle",
-                 {"lock", "unlock"},
-                 "lock a file for your seat, or release your lock (lock and unlock both flip it)",
-                 "fslock:toggle <path>",
-                 "fslock:toggle src/main.cpp",
-                 "Concurrency",
-                 "fslock:status <path> to see the state",
-                 [state](lang::Session& session, std::string_view text) {
-                   Target t;
-                   kst::Args args;
-                   std::string out;
-                   if (!lock_target(*state, text, "fslock:toggle <path>", t, args, out)) return out;
-                   return state->locks.toggle(*t.store, t.path, session.bot_id);
-                 }});
-
-  family.verbs.push_back(
-      lang::Verb{"transfer",
-                 {},
-                 "hand the lock you hold on a file to another seat",
-                 "fslock:transfer <path> <toSeat>",
-                 "fslock:transfer src/main.cpp reviewer",
-                 "Concurrency",
-                 "",
-                 [state](lang::Session& session, std::string_view text) {
-                   Target t;
-                   kst::Args args;
-                   std::string out;
-                   if (!lock_target(*state, text, "fslock:transfer <path> <toSeat>", t, args, out))
-                     return out;
-                   auto to = args.get("to", 1);
-                   if (!to) to = args.element("seat");
-                   if (!to || to->empty())
-                     return std::string("ERROR: usage  fslock:transfer <path> <toSeat>");
-                   return state->locks.transfer(*t.store, t.path, session.bot_id, *to);
-                 }});
+  family.verbs = {
+      verb(state, "status", {"state", "check", "who"},
+           "who holds the lock on a file, how many seats wait, whether it needs a merge",
+           "fslock:status <path>", "fslock:status src/main.cpp",
+           "fslock:toggle <path> to take the lock", status),
+      verb(state, "toggle", {"lock", "unlock"},
+           "lock a file for your seat, or release your lock (lock and unlock both flip it)",
+           "fslock:toggle <path>", "fslock:toggle src/main.cpp",
+           "fslock:status <path> to see the state", toggle),
+      verb(state, "transfer", {}, "hand the lock you hold on a file to another seat",
+           "fslock:transfer <path> <toSeat>", "fslock:transfer src/main.cpp reviewer", "",
+           transfer),
+  };
   return family;
 }
 
