@@ -211,6 +211,17 @@ TEST_F(HistoryFamiliesTest, TwoProcessesOnOneStoreSeeEachOthersLocksAndFlags) {
   EXPECT_EQ(run("carol", "fslock:status src/b.txt"), "OK: src/b.txt  LOCKED by alice");
 }
 
+TEST_F(HistoryFamiliesTest, StoresOutlivingTheLockLayerSaveWithoutIt) {
+  run("alice", "fslock:toggle a.txt");
+  std::shared_ptr<kst::StoreSet> stores = program_->stores;
+  program_.reset();  // the families and their lock layer are gone; the stores are not
+  std::ostringstream quiet;
+  kst::SaveRequest request;
+  request.seat = "bob";
+  EXPECT_TRUE(kst::save_file(*stores->active(), "a.txt", "bob\n", request, quiet).ok);
+  program_ = std::make_unique<Program>(home_, work_);
+}
+
 TEST_F(HistoryFamiliesTest, RevertIsANewVersionAndAMissingVersionChangesNothing) {
   run("cli", checkin("a.txt", "two\n"));
   run("cli", checkin("a.txt", "three\n"));

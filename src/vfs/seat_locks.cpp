@@ -29,6 +29,21 @@ SeatLocks::SeatLocks(StoreSet& stores, fs::path journal_file)
   journal_lock_ = journal_.file().parent_path() / "checkouts.lock";
 }
 
+SeatLocks::~SeatLocks() {
+  std::vector<Store*> attached;
+  {
+    std::lock_guard guard(held_mutex_);
+    attached = attached_;
+  }
+  // A hook that is running holds the store's lock; once it is ours, none can start.
+  for (Store* store : attached) {
+    std::lock_guard guard(store->mutex());
+    store->hooks.before_save = nullptr;
+    store->hooks.after_save = nullptr;
+    store->hooks.policy_changed = nullptr;
+  }
+}
+
 kx::platform::FileLock SeatLocks::lock_journal() const {
   std::error_code ec;
   fs::create_directories(journal_lock_.parent_path(), ec);
@@ -44,6 +59,7 @@ void SeatLocks::attach(Store& store) {
     std::lock_guard guard(held_mutex_);
     if (held_.contains(&store)) return;
     held_.emplace(&store, std::make_unique<Held>());
+    attached_.push_back(&store);
   }
   std::lock_guard guard(store.mutex());
   // Both hooks run under the store's lock inside the one save, so the outcome

@@ -25,6 +25,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "platform/durable_file.hpp"
 #include "vfs/checkout_journal.hpp"
@@ -42,6 +43,10 @@ inline constexpr std::string_view kOpStrandedLock = "reconcile-stranded-lock";
 class SeatLocks {
  public:
   SeatLocks(StoreSet& stores, std::filesystem::path journal_file);
+  // Takes the hooks off the stores again: a store may outlive its lock layer.
+  ~SeatLocks();
+  SeatLocks(const SeatLocks&) = delete;
+  SeatLocks& operator=(const SeatLocks&) = delete;
 
   // Installs the save hooks on `store`. Doing it again changes nothing.
   void attach(Store& store);
@@ -95,6 +100,7 @@ class SeatLocks {
   std::filesystem::path journal_lock_;
   std::mutex held_mutex_;  // guards the map only; each Held is guarded by its store's lock
   std::map<const Store*, std::unique_ptr<Held>> held_;
+  std::vector<Store*> attached_;  // the stores whose hooks are ours
 };
 
 // What a check-in means for the lock layer, told to the save path through the
