@@ -8,6 +8,7 @@
 #include "memory/memory_family.hpp"
 #include "platform/home.hpp"
 #include "vfs/file_families.hpp"
+#include "vfs/history_families.hpp"
 
 namespace kx::launcher {
 
@@ -16,7 +17,9 @@ std::unique_ptr<Workspace> make_workspace() {
   lang::Registry& registry = workspace->registry;
   lang::register_system_family(registry);
   // Re-enrollment reports go to standard error: standard output carries results only.
-  vfs::reenroll_from_config(*vfs::register_file_families(registry), std::cerr);
+  auto stores = vfs::register_file_families(registry);
+  vfs::register_lock_and_history_families(registry, stores);
+  vfs::reenroll_from_config(*stores, std::cerr);
   memory::register_memory_family(registry, platform::contexts_dir());
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;

@@ -62,7 +62,7 @@ std::unique_ptr<Store> StoreSet::make_store(const fs::path& root, Policy policy)
 }
 
 Store& StoreSet::adopt(std::unique_ptr<Store> store) {
-  std::lock_guard guard(mutex_);
+  std::unique_lock guard(mutex_);
   for (auto& s : stores_) {
     if (s->disk_root() == store->disk_root()) {
       // Handlers may still hold the old address: keep the object, swap its contents.
@@ -72,7 +72,16 @@ Store& StoreSet::adopt(std::unique_ptr<Store> store) {
     }
   }
   stores_.push_back(std::move(store));
-  return *stores_.back();
+  Store& added = *stores_.back();
+  std::vector<std::function<void(Store&)>> callbacks = on_add_;
+  guard.unlock();
+  for (const auto& callback : callbacks) callback(added);
+  return added;
+}
+
+void StoreSet::on_add(std::function<void(Store&)> callback) {
+  std::lock_guard guard(mutex_);
+  on_add_.push_back(std::move(callback));
 }
 
 }  // namespace kst

@@ -3,6 +3,7 @@
 // enrolled or re-targeted). Stores are created by enrollment and live as long as
 // the process; their addresses are stable.
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -37,6 +38,10 @@ class StoreSet {
   // Takes a loaded store into the set, replacing one with the same root; returns it.
   Store& adopt(std::unique_ptr<Store> store);
 
+  // Called with every store that joins the set from now on, outside the set's lock and
+  // before the store serves a command (the lock layer installs its save hooks there).
+  void on_add(std::function<void(Store&)> callback);
+
   // Where warnings and progress lines go (standard error in the program).
   std::ostream& report() const { return *report_; }
   void set_report(std::ostream& out) { report_ = &out; }
@@ -46,6 +51,7 @@ class StoreSet {
   mutable std::mutex mutex_;
   std::vector<std::unique_ptr<Store>> stores_;
   Store* active_ = nullptr;
+  std::vector<std::function<void(Store&)>> on_add_;
   std::ostream* report_;
 };
 
