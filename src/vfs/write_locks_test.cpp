@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <future>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "lang/session.hpp"
@@ -128,8 +129,10 @@ TEST_F(WriteLocks, ALockFollowsItsFileThroughAMove) {
   EXPECT_EQ(run("bob", "fs", "rm", "docs/moved.txt"), "ERROR: file is locked (alice)");
 
   const std::string held = journal();
-  EXPECT_NE(held.find((project / "docs/moved.txt").string()), std::string::npos) << held;
-  EXPECT_EQ(held.find((project / "a.txt").string()), std::string::npos) << held;
+  const std::string moved = process->store().disk_path("docs/moved.txt").string();
+  const std::string old = process->store().disk_path("a.txt").string();
+  EXPECT_NE(held.find(nlohmann::json(moved).dump()), std::string::npos) << held << moved;
+  EXPECT_EQ(held.find(nlohmann::json(old).dump()), std::string::npos) << held << old;
 
   // Another process, and a restart, find the lock at the new path.
   Process other(project);
