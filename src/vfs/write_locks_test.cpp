@@ -1,6 +1,6 @@
-// The lock check guards every write of a file, not only saves: tombstone, move and
-// restore are refused over another seat's lock and change nothing; a lock follows its
-// file when it moves; and a lock taken by another process can never land between a
+// The lock check guards every write of a file, not only saves: tombstone, move,
+// restore and raw operations are refused over another seat's lock and change nothing; a lock
+// follows its file when it moves; and a lock taken by another process can never land between a
 // write's check and the write itself.
 #include <gtest/gtest.h>
 
@@ -95,6 +95,13 @@ TEST_F(WriteLocks, TombstoneMoveAndRestoreOverAnotherSeatsLockChangeNothing) {
   EXPECT_EQ(edits(), log);
   EXPECT_EQ(journal(), held);
   EXPECT_EQ(run("bob", "fslock", "status", "a.txt"), "OK: a.txt  LOCKED by alice");
+
+  // Raw operations bypass versioning, not locks.
+  EXPECT_EQ(run("bob", "fsraw", "remove", "a.txt"), "ERROR: file is locked (alice)");
+  EXPECT_EQ(run("bob", "fsraw", "move", "a.txt c.txt"), "ERROR: file is locked (alice)");
+  EXPECT_EQ(run("bob", "fsraw", "copy", "src/b.txt a.txt"), "ERROR: file is locked (alice)");
+  EXPECT_EQ(read_file(project / "a.txt"), "one\n");
+  EXPECT_EQ(run("bob", "fs", "cat", "a.txt"), "one\n");
 
   // The holder may tombstone her file; nobody else may bring it back.
   EXPECT_TRUE(run("alice", "fs", "rm", "a.txt").starts_with("OK: tombstoned a.txt"));
