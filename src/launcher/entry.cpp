@@ -1,11 +1,85 @@
 #include "launcher/entry.hpp"
 
 #include <cstdio>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "lang/parse_driver.hpp"
+#include "launcher/options.hpp"
+#include "launcher/resident_link.hpp"
+#include "launcher/workspace.hpp"
+#include "platform/console.hpp"
+#include "platform/home.hpp"
+#include "platform/shell.hpp"
 
 namespace kx::launcher {
+namespace {
 
-int run_entry(int, char**) {
-  return 0;
+// Tools of subsystems that are not part of this build: say so and fail.
+int not_in_this_build(const std::string& what) {
+  std::fprintf(stderr, "Kestrune: %s is not part of this build\n", what.c_str());
+  return 1;
+}
+
+int env_check() {
+  auto state = [](bool ready) { return ready ? "ready" : "MISSING"; };
+  bool python = platform::is_program_on_path("python3") || platform::is_program_on_path("python");
+  bool node = platform::is_program_on_path("node");
+  bool claude = platform::is_program_on_path("claude");
+  bool all = python && node && claude;
+  std::printf("[env-check] python:%s node:%s claude:%s => %s\n", state(python), state(node),
+              state(claude), all ? "ready" : "incomplete");
+  return all ? 0 : 1;
+}
+
+int run_locally(const EntryOptions& options, const std::string& line) {
+  auto workspace = make_workspace();
+  lang::Session& session = *workspace->session;
+
+  if (line == "mcp") return run_mcp(options.port);
+  if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
+
+  if (line.empty()) {
+    if (platform::stdin_is_terminal()) {
+      // At a console with no arguments: the usage text, then nothing else.
+      std::puts(usage_text());
+      return 0;
+    }
+    return lang::parse_input(session, platform::read_stdin, false, std::cout, std::cerr);
+  }
+  return lang::parse_string(session, line + "\n", std::cout, std::cerr);
+}
+
+}  // namespace
+
+int run_entry(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+
+  if (args.size() == 1) {
+    const std::string& only = args[0];
+    if (only == "env-check") return env_check();
+    if (only == "claude-setup" || only == "env-setup" || only == "skillify")
+      return not_in_this_build("'" + only + "' (agent configuration)");
+  }
+  if (!args.empty() && (args[0] == "remotebot" || args[0] == "collab"))
+    return not_in_this_build("the '" + args[0] + "' chat client");
+
+  EntryOptions options = parse_options(args);
+  if (!options.home_override.empty()) platform::set_home_override(options.home_override);
+
+  if (!options.words.empty() && options.words[0] == "kxterm")
+    return not_in_this_build("the kxterm terminal client");
+  if (!options.words.empty() && options.words[0] == "terminal") {
+    std::fprintf(stderr, "Kestrune: couldn't bring up the engine on port %d\n", options.port);
+    return 1;
+  }
+
+  std::string line = build_command_line(options.words);
+  bool console_without_line = line.empty() && platform::stdin_is_terminal();
+  if (!is_server_verb(line) && !console_without_line && forward_to_resident(options.port, line))
+    return 0;
+  return run_locally(options, line);
 }
 
 }  // namespace kx::launcher

@@ -1,6 +1,8 @@
 #pragma once
 // Questions about the process's standard streams.
 
+#include <cstddef>
+
 namespace kx::platform {
 
 bool stdin_is_terminal();
@@ -14,5 +16,13 @@ void set_color_disabled(bool disabled);
 
 // Prepares the console for escape sequences (a no-op where terminals always take them).
 void enable_virtual_terminal_output();
+
+}  // namespace kx::platform
+
+namespace kx::platform {
+
+// Reads what standard input has now, up to `max` bytes (a line at a terminal);
+// 0 at end of input or on error.
+std::size_t read_stdin(char* buffer, std::size_t max);
 
 }  // namespace kx::platform

@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "platform/console.hpp"
 
 namespace kx::platform {
@@ -14,5 +16,17 @@ bool stderr_is_terminal() {
   return isatty(STDERR_FILENO) == 1;
 }
 void enable_virtual_terminal_output() {}
+
+}  // namespace kx::platform
+
+namespace kx::platform {
+
+std::size_t read_stdin(char* buffer, std::size_t max) {
+  for (;;) {
+    ssize_t n = ::read(STDIN_FILENO, buffer, max);
+    if (n >= 0) return static_cast<std::size_t>(n);
+    if (errno != EINTR) return 0;
+  }
+}
 
 }  // namespace kx::platform

@@ -1,0 +1,56 @@
+#include "lang/text.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+namespace kx::lang {
+namespace {
+bool is_blank(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+}  // namespace
+
+std::string_view trim(std::string_view text) {
+  while (!text.empty() && is_blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_blank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+std::string_view first_word(std::string_view text) {
+  return text.substr(0, text.find_first_of(" \t"));
+}
+
+std::pair<std::string_view, std::string_view> split_first_word(std::string_view text) {
+  std::size_t cut = text.find_first_of(" \t");
+  if (cut == std::string_view::npos) return {text, {}};
+  std::string_view rest = text.substr(cut);
+  while (!rest.empty() && (rest.front() == ' ' || rest.front() == '\t')) rest.remove_prefix(1);
+  return {text.substr(0, cut), rest};
+}
+
+std::vector<std::string_view> split_words(std::string_view text) {
+  std::vector<std::string_view> words;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    while (i < text.size() && is_blank(text[i])) ++i;
+    std::size_t start = i;
+    while (i < text.size() && !is_blank(text[i])) ++i;
+    if (i > start) words.push_back(text.substr(start, i - start));
+  }
+  return words;
+}
+
+std::string to_lower(std::string_view text) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return out;
+}
+
+bool is_integer(std::string_view text) {
+  if (text.starts_with('-')) text.remove_prefix(1);
+  return !text.empty() && std::all_of(text.begin(), text.end(),
+                                      [](unsigned char c) { return std::isdigit(c) != 0; });
+}
+
+}  // namespace kx::lang
