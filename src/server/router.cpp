@@ -154,7 +154,9 @@ bool passes_loopback_rule(const Request& request, std::uint16_t port) {
 Response route_request(ServerState& state, const Request& request, RouteEffects& effects) {
   for (const Route& route : kRoutes) {
     if (!matches(route, request)) continue;
-    if (route.refusal != nullptr && !passes_loopback_rule(request, state.options.port))
+    if (route.refusal != nullptr &&
+        !passes_loopback_rule(request,
+                              state.bound_port ? state.bound_port.load() : state.options.port))
       return {"403 Forbidden", route.refusal_type, route.refusal};
     if (route.handler == nullptr) break;
     return route.handler(state, request, effects);

@@ -87,8 +87,10 @@ int Server::serve() {
     state_->phase = state_->stopping ? Phase::kStopped : Phase::kFailed;
     return state_->stopping ? 0 : 1;
   }
+  state_->bound_port = platform::local_port(state_->listener);
   state_->phase = Phase::kListening;
-  std::printf("orchestration server listening on http://127.0.0.1:%d/\n", state_->options.port);
+  std::printf("orchestration server listening on http://127.0.0.1:%d/\n",
+              state_->bound_port.load());
   std::fflush(stdout);
   while (!state_->stopping.load()) {
     auto accepted = platform::accept_connection(state_->listener);
@@ -113,6 +115,10 @@ void Server::stop() {
 
 Server::Phase Server::phase() const {
   return state_->phase.load();
+}
+
+std::uint16_t Server::bound_port() const {
+  return state_->bound_port.load();
 }
 
 int Server::active_connections() const {

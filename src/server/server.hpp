@@ -52,6 +52,8 @@ class Server {
 
   enum class Phase { kStarting, kListening, kFailed, kStopped };
   Phase phase() const;
+  // The port actually bound (differs from the option when that was 0); 0 before.
+  std::uint16_t bound_port() const;
   // Connections being served right now (HTTP and WebSocket).
   int active_connections() const;
 

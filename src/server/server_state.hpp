@@ -20,6 +20,7 @@ struct ServerState {
   std::atomic<int> active{0};
   std::atomic<Server::Phase> phase{Server::Phase::kStarting};
   std::atomic<bool> stopping{false};
+  std::atomic<std::uint16_t> bound_port{0};
   platform::Socket listener;  // valid while listening
 };
 
