@@ -5,6 +5,7 @@
 
 #include "server/http_request.hpp"
 #include "server/http_response.hpp"
+#include "server/request_reader.hpp"
 #include "server/router.hpp"
 #include "server/server_state.hpp"
 
@@ -19,44 +20,29 @@ constexpr std::size_t kChunk = 4096;
 
 using Clock = std::chrono::steady_clock;
 
-// Receives one chunk, never waiting past the deadline. False: peer gone, error
-// or time-out.
-bool receive_chunk(const platform::Socket& socket, std::string& buffer,
-                   Clock::time_point deadline) {
-  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-  if (left.count() <= 0) return false;
-  int wait = static_cast<int>(std::min<long long>(left.count(), kReceiveTimeoutMillis));
-  platform::set_receive_timeout(socket, std::max(wait, 1));
-  char chunk[kChunk];
-  long n = platform::receive_some(socket, chunk, sizeof chunk);
-  if (n <= 0) return false;
-  buffer.append(chunk, static_cast<std::size_t>(n));
-  return true;
-}
-
 // Reads head and body. False means: close without an answer.
 bool read_request(const platform::Socket& socket, Request& request) {
   const auto deadline = Clock::now() + kRequestDeadline;
-  std::string buffer;
-  std::size_t head_end;
-  std::size_t scanned = 0;
-  for (;;) {
-    head_end = find_head_end(buffer, scanned);
-    if (head_end != std::string::npos) break;
-    scanned = buffer.size() >= 3 ? buffer.size() - 3 : 0;
-    if (buffer.size() > kMaxHeadBytes) return false;
-    if (!receive_chunk(socket, buffer, deadline)) return false;
-  }
-  parse_head(std::string_view(buffer).substr(0, head_end), request);
-  request.body = buffer.substr(head_end + 4);
-  if (request.method == "POST") {
-    std::size_t length = content_length(request);
-    if (length > kMaxBodyBytes) return false;  // silent on purpose: no 413 for a body this size
-    while (request.body.size() < length) {
-      if (!receive_chunk(socket, request.body, deadline)) break;
+  RequestReader reader;
+  char chunk[kChunk];
+  while (reader.state() == RequestReader::State::kNeedMore) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    long n = -1;
+    if (left.count() > 0) {
+      int wait = static_cast<int>(std::min<long long>(left.count(), kReceiveTimeoutMillis));
+      platform::set_receive_timeout(socket, std::max(wait, 1));
+      n = platform::receive_some(socket, chunk, sizeof chunk);
     }
-    if (request.body.size() > length) request.body.resize(length);
+    if (n <= 0) {
+      reader.end_of_input();
+      break;
+    }
+    reader.feed(std::string_view(chunk, static_cast<std::size_t>(n)));
   }
+  if (reader.state() != RequestReader::State::kDone) return false;
+  bool loopback = request.loopback;
+  request = std::move(reader.request());
+  request.loopback = loopback;
   platform::set_receive_timeout(socket, 0);
   return true;
 }
