@@ -10,7 +10,7 @@ P=$(free_port)
 "$KX" --port "$P" --conf "$CONF" boot >/dev/null 2>&1 &
 RESIDENT=$!
 STARTED_PIDS+=("$RESIDENT")
-check "the resident comes up" wait_until 50 test -n "$(health "$P")"
+check "the resident comes up" wait_until 50 answering "$P"
 baseline=$(threads_of "$RESIDENT")
 
 node "$TESTS_DIR/resident/abusive_clients.mjs" "$P"

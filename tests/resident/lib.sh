@@ -42,6 +42,8 @@ wait_until() { # <tenths of a second> <command...>
   return 1
 }
 port_free() { [ -z "$(pid_on_port "$1")" ]; }
+listening() { [ -n "$(pid_on_port "$1")" ]; }
+answering() { [ -n "$(health "$1")" ]; }
 pid_gone() { ! kill -0 "$1" 2>/dev/null; }
 
 # Remembers a resident found on a port so that cleanup can end it by pid.

@@ -44,7 +44,7 @@ B1=$!
 "$KX" --port "$P2" --conf "$CONF" boot >/dev/null 2>&1 &
 B2=$!
 STARTED_PIDS+=("$B1" "$B2")
-wait_until 50 test -n "$(pid_on_port "$P2")"
+wait_until 50 listening "$P2"
 sleep 0.5
 alive=0
 for pid in $B1 $B2; do kill -0 "$pid" 2>/dev/null && alive=$((alive + 1)); done
@@ -58,7 +58,7 @@ P3=$(free_port)
 node "$TESTS_DIR/resident/fake_resident.mjs" "$P3" 1.0.9 >/dev/null &
 OLD=$!
 STARTED_PIDS+=("$OLD")
-wait_until 50 test -n "$(pid_on_port "$P3")"
+wait_until 50 listening "$P3"
 out=$(cd /tmp && "$KX" --port "$P3" --conf "$CONF" pwd 2>"$WORK/err")
 same "the eviction is announced" \
   "Kestrune: evicting stale resident 1.0.9 on port $P3, starting 1.0.11" "$(cat "$WORK/err")"
@@ -74,7 +74,7 @@ P4=$(free_port)
 node "$TESTS_DIR/resident/fake_resident.mjs" "$P4" 2.0.0 >/dev/null &
 NEWER=$!
 STARTED_PIDS+=("$NEWER")
-wait_until 50 test -n "$(pid_on_port "$P4")"
+wait_until 50 listening "$P4"
 out=$(cd /tmp && "$KX" --port "$P4" --conf "$CONF" pwd 2>"$WORK/err")
 same "a newer resident is left alone" \
   "Kestrune: port $P4 is held by a different Kestrune version — running this command locally" \
@@ -87,7 +87,7 @@ P5=$(free_port)
 node "$TESTS_DIR/resident/fake_resident.mjs" "$P5" foreign >/dev/null &
 FOREIGN=$!
 STARTED_PIDS+=("$FOREIGN")
-wait_until 50 test -n "$(pid_on_port "$P5")"
+wait_until 50 listening "$P5"
 start=$(date +%s%N)
 out=$(cd /tmp && "$KX" --port "$P5" --conf "$CONF" pwd 2>"$WORK/err")
 elapsed=$((($(date +%s%N) - start) / 1000000))
