@@ -143,10 +143,13 @@ bool passes_loopback_rule(const Request& request, std::uint16_t port) {
   if (!host_is_loopback(host)) return false;
   auto origin = request.headers.find("origin");
   if (origin != request.headers.end()) {
-    const std::string suffix = ":" + std::to_string(port);
-    if (origin->second != "http://127.0.0.1" + suffix &&
-        origin->second != "http://localhost" + suffix)
-      return false;
+    const std::string port_text = std::to_string(port);
+    std::string_view value = origin->second;
+    auto is_own = [&](std::string_view host) {
+      return value.size() == host.size() + 1 + port_text.size() && value.starts_with(host) &&
+             value[host.size()] == ':' && value.ends_with(port_text);
+    };
+    if (!is_own("http://127.0.0.1") && !is_own("http://localhost")) return false;
   }
   return true;
 }
