@@ -3,7 +3,7 @@
 # started by process id.
 set -u
 
-KX=${1:?usage: $0 <path to kx>}
+KX=$(realpath "${1:?usage: $0 <path to kx>}")
 TESTS_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/kx-resident-e2e.XXXXXX")
 export HOME="$WORK/user" XDG_RUNTIME_DIR="$WORK/run"

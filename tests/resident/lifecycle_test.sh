@@ -24,7 +24,7 @@ same "the same resident still serves" "$RESIDENT" "$(pid_on_port "$P")"
 piped=$(cd /tmp && printf 'pwd\r\n\npwd\n' | "$KX" --port "$P")
 same "piped lines are forwarded one by one" $'OK: /tmp\nOK: /tmp' "$piped"
 
-"$KX" --port "$P" --conf "$CONF" boot
+timeout 20 "$KX" --port "$P" --conf "$CONF" boot
 same "a second boot on a served port exits 0 at once" 0 $?
 
 # --- shutdown -----------------------------------------------------------------
@@ -104,6 +104,31 @@ check "with the bind failure line" grep -qxF \
   "Kestrune: boot could not bind port $P5 (held by another process) — exiting instead of running a listener-less resident" \
   "$WORK/err"
 kill "$FOREIGN"
+
+# --- the listening address -------------------------------------------------
+bound_address() { ss -Htln "sport = :$1" | awk '{print $4}' | head -n1; }
+P8=$(free_port)
+"$KX" --port "$P8" --conf "$CONF" boot >/dev/null 2>&1 &
+LOCAL_ONLY=$!
+STARTED_PIDS+=("$LOCAL_ONLY")
+wait_until 50 answering "$P8"
+same "by default the resident listens on loopback only" "127.0.0.1:$P8" "$(bound_address "$P8")"
+kill -TERM "$LOCAL_ONLY"
+wait "$LOCAL_ONLY"
+mkdir -p "$WORK/open/config"
+printf '[server]\nlisten = 0.0.0.0\n' >"$WORK/open/config/Kestrune.cfg"
+P9=$(free_port)
+"$KX" --port "$P9" --conf "$WORK/open" boot >/dev/null 2>&1 &
+OPEN=$!
+STARTED_PIDS+=("$OPEN")
+wait_until 50 answering "$P9"
+same "server.listen opens it to the network" "0.0.0.0:$P9" "$(bound_address "$P9")"
+same "private routes still refuse a foreign origin" '{"ok":false,"error":"/console/exec is loopback-only"}' \
+  "$(curl -s -H 'Origin: http://evil.example' --data-binary pwd "http://127.0.0.1:$P9/console/exec?bot=cli")"
+same "and a host that is not this machine" '{"ok":false,"error":"/console/exec is loopback-only"}' \
+  "$(curl -s -H 'Host: rebound.example' --data-binary pwd "http://127.0.0.1:$P9/console/exec?bot=cli")"
+kill -TERM "$OPEN"
+wait "$OPEN"
 
 # --- foreground start verbs -------------------------------------------------
 P6=$(free_port)
