@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, only those missing.
 # Sourced by ./run and ./test; installing needs root (apt-get), checking does not.
+# An entry "pkg" is checked with dpkg; "command=pkg" is satisfied by the command on
+# PATH whichever way it was installed (Node may come from outside Debian).
 kx_require_packages() {
   local missing=()
-  for pkg in "$@"; do
+  for entry in "$@"; do
+    local pkg=${entry#*=}
+    if [[ "$entry" == *=* ]] && command -v "${entry%%=*}" >/dev/null 2>&1; then continue; fi
     dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" || missing+=("$pkg")
   done
   [ ${#missing[@]} -eq 0 ] && return 0
@@ -17,4 +21,5 @@ kx_require_packages() {
 }
 
 KX_BUILD_PACKAGES=(g++ cmake ninja-build flex bison libpcre2-dev nlohmann-json3-dev)
-KX_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang curl tmux nodejs npm)
+KX_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang curl tmux bsdutils node=nodejs npm=npm)
+KX_WINDOWS_PACKAGES=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine wine64 dpkg-dev)

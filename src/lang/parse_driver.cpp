@@ -33,10 +33,14 @@ bool ParseContext::starts_plain_line(std::string_view word) const {
 }
 
 std::size_t ParseContext::read_input(char* buffer, std::size_t max) {
-  if (interactive) {
-    out << prompt(session) << std::flush;
+  if (input_ended) return 0;
+  if (interactive) out << prompt(session) << std::flush;
+  std::size_t n = reader(buffer, max);
+  if (n == 0) {
+    input_ended = true;
+    if (interactive) out << '\n' << std::flush;  // end of input typed at the prompt
   }
-  return reader(buffer, max);
+  return n;
 }
 
 void ParseContext::report_error(const std::string& message) {
@@ -89,6 +93,9 @@ int run_parser(ParseContext& ctx) {
   } catch (const std::bad_alloc&) {
     ctx.report_error("memory exhausted");
     status = kMemoryExhausted;
+  } catch (const std::exception& e) {
+    ctx.report_error(e.what());  // a fault of ours must not end the process
+    status = kSyntaxError;
   }
   kxscan_lex_destroy(scanner);
   if (status == kAccepted && ctx.had_syntax_error) status = kSyntaxError;

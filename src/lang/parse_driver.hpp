@@ -37,6 +37,7 @@ struct ParseContext {
   bool args_in_statement = false;  // ';' and '}' end a command's arguments
   bool line_has_error = false;     // a newline ends the line whatever the braces
   bool sent_final_eol = false;
+  bool input_ended = false;
 
   bool had_syntax_error = false;
 

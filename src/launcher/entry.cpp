@@ -40,6 +40,12 @@ int run_locally(const EntryOptions& options, const std::string& line) {
   if (line == "mcp") return run_mcp(options.port);
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
 
+  if (line == "repl") {
+    // An interactive session: a prompt before each line, until end of input.
+    platform::enable_virtual_terminal_output();
+    return lang::parse_input(session, platform::read_stdin, platform::stdin_is_terminal(),
+                             std::cout, std::cerr);
+  }
   if (line.empty()) {
     if (platform::stdin_is_terminal()) {
       // At a console with no arguments: the usage text, then nothing else.

@@ -25,11 +25,4 @@ std::optional<std::uint64_t> free_physical_memory() {
   return std::nullopt;
 }
 
-std::optional<std::filesystem::path> current_directory() {
-  std::error_code ec;
-  auto dir = std::filesystem::current_path(ec);
-  if (ec) return std::nullopt;
-  return dir;
-}
-
 }  // namespace kx::platform

@@ -32,8 +32,7 @@ bool is_program_on_path(std::string_view name) {
   while (start <= path.size()) {
     std::size_t end = path.find(':', start);
     if (end == std::string::npos) end = path.size();
-    std::string dir = path.substr(start, end - start);
-    if (dir.empty()) dir = ".";
+    std::string dir = end > start ? path.substr(start, end - start) : std::string(1, '.');
     if (is_executable_file(dir + "/" + word)) return true;
     start = end + 1;
   }
