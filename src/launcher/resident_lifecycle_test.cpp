@@ -30,6 +30,7 @@ class ForeignListener {
   ~ForeignListener() {
     stop_ = true;
     platform::shutdown_both(listener_);
+    if (auto poke = platform::connect_loopback(port_, 500)) poke->close();  // wakes accept
     thread_.join();
   }
   std::uint16_t port() const { return port_; }

@@ -18,7 +18,7 @@ TEST(StartupEntry, BootsThisProgramAndQuotesItsPath) {
 
 TEST(StartupEntry, IsWrittenUnderTheConfigHomeAndRewrittenOnlyWhenDifferent) {
   server::testing::TempDir dir;
-  platform::set_env("XDG_CONFIG_HOME", dir.path().c_str());
+  platform::set_env("XDG_CONFIG_HOME", dir.path().string().c_str());
   EXPECT_EQ(startup_entry_path(), dir.path() / "autostart" / "kestrune.desktop");
   ASSERT_TRUE(register_startup());
   auto read = [] {

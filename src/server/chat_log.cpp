@@ -29,6 +29,7 @@ std::vector<std::string> read_chat_tail(const std::filesystem::path& file, std::
   std::string line;
   while (std::getline(in, line)) {
     if (in.eof()) break;  // no line feed yet: a write in progress or a torn end
+    if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty() || line.front() != '{') continue;
     lines.push_back(std::move(line));
     if (lines.size() > count) lines.pop_front();

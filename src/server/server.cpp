@@ -110,7 +110,11 @@ int Server::serve() {
 
 void Server::stop() {
   if (state_->stopping.exchange(true)) return;
-  if (state_->listener.valid()) platform::shutdown_both(state_->listener);
+  if (state_->phase.load() != Phase::kListening) return;  // a bind retry sees the flag
+  // Some systems wake a blocked accept on shutdown, others only on a connection:
+  // do both.
+  platform::shutdown_both(state_->listener);
+  if (auto poke = platform::connect_loopback(state_->bound_port.load(), 500)) poke->close();
 }
 
 Server::Phase Server::phase() const {

@@ -40,7 +40,7 @@ class AssetsTest : public ::testing::Test {
   }
   void put(const std::filesystem::path& file, const std::string& text) {
     std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file) << text;
+    std::ofstream(file, std::ios::binary) << text;
   }
   std::string get(const std::string& target) {
     return raw_exchange(server->port(), "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
