@@ -96,6 +96,7 @@ void check_configuration() {
 
 int serve_until_stopped(const ResidentOptions& options) {
   platform::install_stop_signals();
+  platform::ignore_broken_pipe();  // a closed stdout must not end the resident
   Serving serving;
   if (!start_serving(options, serving)) return 1;
   if (options.print_up_line) {

@@ -65,7 +65,11 @@ void start_connection_thread(const std::shared_ptr<ServerState>& state,
   state->active.fetch_add(1);
   try {
     std::thread([state, socket = std::move(accepted.socket), loopback]() mutable {
-      handle_connection(state, std::move(socket), loopback);
+      try {
+        handle_connection(state, std::move(socket), loopback);
+      } catch (...) {
+        // Out of memory or a bug in one handler ends that connection, not the resident.
+      }
       state->active.fetch_sub(1);
     }).detach();
   } catch (const std::system_error&) {

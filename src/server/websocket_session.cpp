@@ -18,7 +18,13 @@ struct Outlet {
 
   bool send(int opcode, std::string_view payload) {
     std::lock_guard guard(lock);
-    return socket != nullptr && platform::send_all(*socket, encode_frame(opcode, payload));
+    if (socket == nullptr) return false;
+    if (platform::send_all(*socket, encode_frame(opcode, payload))) return true;
+    // A peer that stopped reading (send time-out) or vanished is cut off at once,
+    // which also ends its frame loop, instead of stalling every later delivery.
+    platform::shutdown_both(*socket);
+    socket = nullptr;
+    return false;
   }
   void detach() {
     std::lock_guard guard(lock);
