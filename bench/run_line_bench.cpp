@@ -15,10 +15,10 @@ kx::lang::Registry& registry() {
     kx::lang::Registry built;
     kx::lang::register_system_family(built);
     kx::lang::Family family{"fsstat", ':', "bench", {}, nullptr};
-    family.verbs.push_back({"exists", {}, "", "", "", "", "",
-                            [](kx::lang::Session&, std::string_view args) {
-                              return "OK: no  (" + std::string(args) + " not found)";
-                            }});
+    family.verbs.push_back(
+        {"exists", {}, "", "", "", "", "", [](kx::lang::Session&, std::string_view args) {
+           return "OK: no  (" + std::string(args) + " not found)";
+         }});
     built.add_family(std::move(family));
     return built;
   }();
@@ -27,7 +27,8 @@ kx::lang::Registry& registry() {
 
 void RunLineStructured(benchmark::State& state) {
   kx::lang::Session session(registry());
-  for (auto _ : state) benchmark::DoNotOptimize(kx::lang::run_line(session, "cli", "fsstat:exists x"));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(kx::lang::run_line(session, "cli", "fsstat:exists x"));
 }
 BENCHMARK(RunLineStructured);
 

@@ -26,6 +26,15 @@ bool is_natural_namespace(std::string_view ns) {
 std::string run_family_verb(Session& session, const Family& family, std::string_view verb,
                             std::string_view args) {
   if (const Verb* found = find_verb(family, verb)) return found->run(session, args);
+  // The bar form "memory.delete|cli|notes|my topic": the fields ride on the verb,
+  // and a field may hold spaces, so the rest of the line belongs to them.
+  if (std::size_t bar = verb.find('|'); bar != std::string_view::npos) {
+    if (const Verb* found = find_verb(family, verb.substr(0, bar))) {
+      std::string fields(verb.substr(bar + 1));
+      if (!args.empty()) fields += " " + std::string(args);
+      return found->run(session, fields);
+    }
+  }
   if (family.unknown_verb) return family.unknown_verb(verb);
   return "ERROR: unknown " + family.name + " verb '" + std::string(verb) + "'";
 }

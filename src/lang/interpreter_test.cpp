@@ -74,6 +74,9 @@ TEST_F(InterpreterTest, MemoryReachesItsFamilyWithoutAColon) {
   EXPECT_EQ(calls.back().args, "cli, notes, t, , body");
   EXPECT_EQ(run("Kestrune memory.add x"), "OK: add");
   EXPECT_EQ(run("memory.nope"), "ERROR: unknown memory op 'nope'");
+  // Bar-separated fields may hold spaces.
+  EXPECT_EQ(run("memory.add|cli|notes|my topic|body text"), "OK: add");
+  EXPECT_EQ(calls.back().args, "cli|notes|my topic|body text");
 }
 
 TEST_F(InterpreterTest, NaturalNamespacesAndDottedFamilies) {

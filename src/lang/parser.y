@@ -98,22 +98,8 @@ control:
   | FOR LPAREN IDENT ASSIGN expr DOTDOT expr RPAREN stmt
                                                  { $$ = make_for_range($3, $5, $7, $9); }
   | step                                         { $$ = $1; }
-  | ACTIONCALL                                   {
-      auto comma = $1.find(',');
-      std::string name = $1.substr(0, comma);
-      std::string body = comma == std::string::npos ? "" : $1.substr(comma + 1);
-      while (!name.empty() && name.back() == ' ') name.pop_back();
-      while (!body.empty() && body.front() == ' ') body.erase(0, 1);
-      $$ = make_call(Stmt::Kind::Action, name, body);
-    }
-  | PROMOTECALL                                  {
-      auto comma = $1.find(',');
-      std::string name = $1.substr(0, comma);
-      std::string value = comma == std::string::npos ? "" : $1.substr(comma + 1);
-      while (!name.empty() && name.back() == ' ') name.pop_back();
-      while (!value.empty() && value.front() == ' ') value.erase(0, 1);
-      $$ = make_call(Stmt::Kind::Promote, name, value);
-    }
+  | ACTIONCALL                                   { $$ = make_call_from_text(Stmt::Kind::Action, $1); }
+  | PROMOTECALL                                  { $$ = make_call_from_text(Stmt::Kind::Promote, $1); }
   | LBRACE stmts RBRACE                          { $$ = make_block($2); }
   ;
 

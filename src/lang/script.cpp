@@ -198,6 +198,15 @@ StmtPtr make_call(Stmt::Kind kind, std::string name, std::string value) {
   s->value = std::move(value);
   return s;
 }
+StmtPtr make_call_from_text(Stmt::Kind kind, const std::string& inner) {
+  auto comma = inner.find(',');
+  std::string name = inner.substr(0, comma);
+  std::string rest = comma == std::string::npos ? "" : inner.substr(comma + 1);
+  while (!name.empty() && name.back() == ' ') name.pop_back();
+  while (!rest.empty() && rest.front() == ' ') rest.erase(0, 1);
+  return make_call(kind, std::move(name), std::move(rest));
+}
+
 StmtPtr make_command(std::string line) {
   auto s = node(Stmt::Kind::Command);
   s->name = std::move(line);

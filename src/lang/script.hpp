@@ -66,6 +66,8 @@ StmtPtr make_for_range(std::string var, ExprPtr from, ExprPtr to, StmtPtr body);
 StmtPtr make_assign(std::string var, ExprPtr value);
 StmtPtr make_increment(std::string var, bool up);
 StmtPtr make_call(Stmt::Kind kind, std::string name, std::string value);  // action / promote
+// From the text between the parentheses of "action(name, body)" / "promote(name, value)".
+StmtPtr make_call_from_text(Stmt::Kind kind, const std::string& inner);
 StmtPtr make_command(std::string line);
 
 std::string to_text(const Expr& expr);

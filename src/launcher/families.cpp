@@ -2,7 +2,13 @@
 // registration call; order matters only for the help overview.
 #include "launcher/workspace.hpp"
 
+#include <iostream>
+
 #include "lang/system_family.hpp"
+#include "memory/memory_family.hpp"
+#include "platform/home.hpp"
+#include "vfs/file_families.hpp"
+#include "vfs/history_families.hpp"
 
 namespace kx::launcher {
 
@@ -10,6 +16,11 @@ std::unique_ptr<Workspace> make_workspace() {
   auto workspace = std::make_unique<Workspace>();
   lang::Registry& registry = workspace->registry;
   lang::register_system_family(registry);
+  // Re-enrollment reports go to standard error: standard output carries results only.
+  auto stores = vfs::register_file_families(registry);
+  vfs::register_lock_and_history_families(registry, stores);
+  vfs::reenroll_from_config(*stores, std::cerr);
+  memory::register_memory_family(registry, platform::contexts_dir());
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
 }

@@ -1,0 +1,362 @@
+#include "memory/context_store.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <unordered_set>
+
+#include "memory/data_file.hpp"
+#include "memory/tokenizer.hpp"
+
+namespace kx::memory {
+namespace {
+
+std::uint64_t round_to_step(std::uint64_t bytes) {
+  return std::max<std::uint64_t>(kHeapStep, (bytes + kHeapStep - 1) / kHeapStep * kHeapStep);
+}
+
+}  // namespace
+
+std::vector<std::string> memo_keywords(const std::vector<std::string>& caller,
+                                       std::string_view content) {
+  std::vector<std::string> keywords;
+  std::unordered_set<std::string_view> seen;
+  for (const std::string& keyword : caller)
+    if (!keyword.empty() && seen.insert(keyword).second) keywords.push_back(keyword);
+  std::vector<std::string> tokens = StripToTokens(content);
+  keywords.reserve(keywords.size() + tokens.size());
+  const std::size_t caller_count = keywords.size();
+  for (std::string& token : tokens) {
+    // Tokens are distinct among themselves; only the caller's keywords can repeat them.
+    const bool dup = caller_count > 0 && seen.contains(token);
+    if (!dup) keywords.push_back(std::move(token));
+  }
+  return keywords;
+}
+
+ContextStore::ContextStore(std::string name) : name_(std::move(name)) {}
+
+ContextStore::~ContextStore() {
+  std::free(data_);
+}
+
+void ContextStore::reserve(std::uint64_t bytes) {
+  if (bytes <= capacity_) return;
+  const std::uint64_t capacity = round_to_step(bytes);
+  // realloc lets large heaps grow by remapping pages instead of copying them.
+  char* grown = static_cast<char*>(std::realloc(data_, capacity));
+  if (grown == nullptr) throw std::bad_alloc();
+  data_ = grown;
+  capacity_ = capacity;
+}
+
+void ContextStore::reset() {
+  topics_.clear();
+  head_ = tail_ = nullptr;
+  index_.clear();
+  records_.clear();
+  related_.clear();
+  webs_.clear();
+  embeddings_.clear();
+  used_ = 0;
+}
+
+// --- recency list ----------------------------------------------------------------
+
+void ContextStore::unlink_recency(TopicNode* node) {
+  (node->prev ? node->prev->next : head_) = node->next;
+  (node->next ? node->next->prev : tail_) = node->prev;
+  node->prev = node->next = nullptr;
+}
+
+void ContextStore::push_head(TopicNode* node) {
+  node->prev = nullptr;
+  node->next = head_;
+  (head_ ? head_->prev : tail_) = node;
+  head_ = node;
+}
+
+void ContextStore::touch(TopicNode* node) {
+  if (node == head_) return;
+  unlink_recency(node);
+  push_head(node);
+}
+
+void ContextStore::erase_topic_node(TopicNode* node) {
+  webs_.erase_topic(node);
+  unlink_recency(node);
+  topics_.erase(node->topic);
+}
+
+// --- indexing ----------------------------------------------------------------------
+
+void ContextStore::register_record(std::uint64_t offset, const RecordView& record) {
+  auto [it, created] = topics_.try_emplace(std::string(record.topic));
+  if (created) {
+    it->second = std::make_unique<TopicNode>();
+    it->second->topic = it->first;
+  }
+  TopicNode* node = it->second.get();
+  node->memos.push_back({offset, record.flags});
+  records_.push_back({offset, node, static_cast<std::uint32_t>(node->memos.size() - 1)});
+  if (created)
+    push_head(node);
+  else
+    touch(node);
+
+  for (std::string_view keyword : record.keywords) {
+    // Look up before inserting: most keywords exist, and a lookup allocates nothing.
+    if (auto entry = index_.find(keyword); entry != index_.end()) {
+      entry->second.push_back({offset, record.flags});
+      continue;
+    }
+    auto entry = index_.emplace(std::string(keyword), std::vector<Posting>{}).first;
+    entry->second.push_back({offset, record.flags});
+    related_.link(entry->first);
+  }
+  webs_.add(node, derive_w5(record.topic, record.content));
+  if (!record.vector_bytes.empty()) embeddings_[offset] = record.vector();
+}
+
+std::uint64_t ContextStore::append_record(std::string_view content,
+                                          const std::vector<std::string>& keywords,
+                                          std::string_view topic, std::uint32_t flags,
+                                          const Embedding& vector) {
+  const std::vector<std::string> all = memo_keywords(keywords, content);
+  const std::size_t size = encoded_record_size(content, topic, all, vector);
+  reserve(used_ + size);
+  const std::uint64_t offset = used_;
+  encode_record(data_ + offset, flags, content, topic, all, vector);
+  used_ += size;
+  register_record(offset, record_at(offset));
+  return offset;
+}
+
+std::size_t ContextStore::load_heap(std::string_view heap_bytes) {
+  return load_heap(heap_bytes.size(), [&](char* heap) {
+    if (!heap_bytes.empty()) std::memcpy(heap, heap_bytes.data(), heap_bytes.size());
+    return true;
+  });
+}
+
+std::size_t ContextStore::load_heap(std::uint64_t size, const std::function<bool(char*)>& fill) {
+  reset();
+  reserve(std::max<std::uint64_t>(size, kHeapStep));  // at least one step
+  if (!fill(data_)) return 0;
+  used_ = size;
+  std::size_t count = 0;
+  RecordView record;
+  std::uint64_t offset = 0;
+  while (offset < used_ && parse_record(heap().substr(offset), record)) {
+    register_record(offset, record);
+    if (observer_) observer_(record.keywords);
+    offset += record.size;
+    ++count;
+  }
+  return count;
+}
+
+void ContextStore::rebuild_webs() {
+  webs_.clear();
+  for (const RecordSlot& s : records_) {
+    const RecordView record = record_at(s.offset);
+    webs_.add(s.topic, derive_w5(record.topic, record.content));
+  }
+}
+
+// --- removal -----------------------------------------------------------------------
+
+void ContextStore::remove_records(std::vector<std::uint64_t> offsets) {
+  std::sort(offsets.begin(), offsets.end());
+  offsets.erase(std::unique(offsets.begin(), offsets.end()), offsets.end());
+  std::erase_if(offsets, [&](std::uint64_t o) { return slot(o) == nullptr; });
+  if (offsets.empty()) return;
+
+  // 1. Un-index every removed record while its bytes are still in place.
+  std::vector<std::uint64_t> sizes;
+  std::vector<TopicNode*> touched_topics;
+  for (std::uint64_t offset : offsets) {
+    const RecordView record = record_at(offset);
+    sizes.push_back(record.size);
+    TopicNode* node = slot(offset)->topic;
+    for (std::string_view keyword : record.keywords) {
+      auto entry = index_.find(keyword);
+      if (entry == index_.end()) continue;
+      auto& list = entry->second;
+      auto at = std::lower_bound(list.begin(), list.end(), offset,
+                                 [](const Posting& p, std::uint64_t o) { return p.offset < o; });
+      if (at != list.end() && at->offset == offset) list.erase(at);
+      if (list.empty()) {
+        related_.unlink(entry->first);
+        index_.erase(entry);
+      }
+    }
+    webs_.remove(node, derive_w5(record.topic, record.content));
+    embeddings_.erase(offset);
+    touched_topics.push_back(node);
+  }
+  auto removed = [&](std::uint64_t o) {
+    return std::binary_search(offsets.begin(), offsets.end(), o);
+  };
+  std::erase_if(records_, [&](const RecordSlot& s) { return removed(s.offset); });
+
+  // 2. Renumber the positions of the affected topics; drop topics left empty.
+  std::sort(touched_topics.begin(), touched_topics.end());
+  touched_topics.erase(std::unique(touched_topics.begin(), touched_topics.end()),
+                       touched_topics.end());
+  for (TopicNode* node : touched_topics) {
+    std::erase_if(node->memos, [&](const MemoEntry& m) { return removed(m.offset); });
+    if (node->memos.empty()) {
+      erase_topic_node(node);
+      continue;
+    }
+    for (std::uint32_t i = 0; i < node->memos.size(); ++i)
+      const_cast<RecordSlot*>(slot(node->memos[i].offset))->position = i;
+  }
+
+  // 3. Close the gaps: slide the bytes between removed records down.
+  std::uint64_t write = offsets[0];
+  for (std::size_t i = 0; i < offsets.size(); ++i) {
+    const std::uint64_t from = offsets[i] + sizes[i];
+    const std::uint64_t to = i + 1 < offsets.size() ? offsets[i + 1] : used_;
+    std::memmove(data_ + write, data_ + from, to - from);
+    write += to - from;
+  }
+  used_ = write;
+
+  // 4. Correct every stored offset behind the first removed record.
+  std::vector<std::uint64_t> shift_before(offsets.size() + 1, 0);  // bytes removed below
+  for (std::size_t i = 0; i < offsets.size(); ++i) shift_before[i + 1] = shift_before[i] + sizes[i];
+  const std::uint64_t first = offsets.front();
+  auto moved = [&](std::uint64_t o) {
+    const std::size_t below = std::lower_bound(offsets.begin(), offsets.end(), o) - offsets.begin();
+    return o - shift_before[below];
+  };
+  for (auto& [keyword, list] : index_) {
+    auto at = std::upper_bound(list.begin(), list.end(), first,
+                               [](std::uint64_t o, const Posting& p) { return o < p.offset; });
+    for (; at != list.end(); ++at) at->offset = moved(at->offset);
+  }
+  for (RecordSlot& s : records_)
+    if (s.offset > first) s.offset = moved(s.offset);
+  for (auto& [name, node] : topics_)
+    for (MemoEntry& m : node->memos)
+      if (m.offset > first) m.offset = moved(m.offset);
+  std::map<std::uint64_t, Embedding> shifted;
+  for (auto& [offset, vector] : embeddings_) shifted.emplace(moved(offset), std::move(vector));
+  embeddings_ = std::move(shifted);
+}
+
+// --- reading -----------------------------------------------------------------------
+
+TopicNode* ContextStore::find_topic(std::string_view topic) const {
+  auto it = topics_.find(topic);
+  return it == topics_.end() ? nullptr : it->second.get();
+}
+
+RecordView ContextStore::record_at(std::uint64_t offset) const {
+  RecordView record;
+  parse_record(heap().substr(offset), record);
+  return record;
+}
+
+const RecordSlot* ContextStore::slot(std::uint64_t offset) const {
+  // Records are spread fairly evenly over the heap, so a few interpolation steps
+  // land next to the slot; a binary search over what is left bounds the bad cases.
+  std::size_t lo = 0, hi = records_.size();
+  for (int step = 0; step < 3 && hi - lo > 16; ++step) {
+    const std::uint64_t first = records_[lo].offset, last = records_[hi - 1].offset;
+    if (offset < first || offset > last) return nullptr;
+    const double fraction =
+        static_cast<double>(offset - first) / static_cast<double>(last - first + 1);
+    const std::size_t guess =
+        lo + static_cast<std::size_t>(fraction * static_cast<double>(hi - lo));
+    const std::size_t from = guess > lo + 8 ? guess - 8 : lo;
+    const std::size_t to = std::min(hi, guess + 9);
+    if (records_[from].offset > offset)
+      hi = from;
+    else if (records_[to - 1].offset < offset)
+      lo = to;
+    else
+      lo = from, hi = to;
+  }
+  auto it = std::lower_bound(records_.begin() + lo, records_.begin() + hi, offset,
+                             [](const RecordSlot& s, std::uint64_t o) { return s.offset < o; });
+  return it != records_.begin() + hi && it->offset == offset ? &*it : nullptr;
+}
+
+const std::vector<Posting>* ContextStore::postings(std::string_view keyword) const {
+  auto it = index_.find(keyword);
+  return it == index_.end() ? nullptr : &it->second;
+}
+
+const Embedding* ContextStore::embedding(std::uint64_t offset) const {
+  auto it = embeddings_.find(offset);
+  return it == embeddings_.end() ? nullptr : &it->second;
+}
+
+// --- persistent operations ----------------------------------------------------------
+
+std::string ContextStore::write_appended(std::uint64_t from) {
+  if (data_path_.empty()) return {};
+  if (batching_) {
+    batch_dirty_ = true;
+    return {};
+  }
+  if (!file_in_step_) return save();
+  std::string error = append_data_file(data_path_, heap().substr(from));
+  if (!error.empty()) file_in_step_ = false;
+  return error;
+}
+
+std::string ContextStore::append(std::string_view topic, const std::vector<std::string>& keywords,
+                                 std::uint32_t flags, std::string_view content,
+                                 const Embedding& vector) {
+  const std::uint64_t from = used_;
+  append_record(content, keywords, topic, flags, vector);
+  return write_appended(from);
+}
+
+std::string ContextStore::add(std::string_view topic, const std::vector<std::string>& keywords,
+                              std::string_view content, const Embedding& vector) {
+  std::string error;
+  if (find_topic(topic) != nullptr) error = delete_topic(topic);
+  std::string append_error = append(topic, keywords, 0, content, vector);
+  return error.empty() ? append_error : error;
+}
+
+std::string ContextStore::delete_topic(std::string_view topic) {
+  TopicNode* node = find_topic(topic);
+  if (node == nullptr) return {};
+  std::vector<std::uint64_t> offsets;
+  for (const MemoEntry& m : node->memos) offsets.push_back(m.offset);
+  remove_records(std::move(offsets));  // the last memo takes the node with it
+  return save();
+}
+
+std::string ContextStore::delete_memo(TopicNode* topic, std::uint32_t position) {
+  if (position >= topic->memos.size()) return "no memo at that position";
+  remove_record(topic->memos[position].offset);
+  return save();
+}
+
+std::string ContextStore::save() {
+  if (data_path_.empty()) return {};
+  if (batching_) {
+    batch_dirty_ = true;
+    return {};
+  }
+  std::string error = rewrite_data_file(data_path_, heap());
+  file_in_step_ = error.empty();
+  return error;
+}
+
+std::string ContextStore::end_batch() {
+  batching_ = false;
+  if (!batch_dirty_) return {};
+  batch_dirty_ = false;
+  return save();
+}
+
+}  // namespace kx::memory

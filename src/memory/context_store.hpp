@@ -1,0 +1,174 @@
+#pragma once
+// One open memory context: the data heap and everything derived from it.
+//
+// The heap is a single byte buffer (grown in whole 1 MiB steps) holding the
+// context's records back to back, exactly as they follow the magic in the data file.
+// A record is addressed by its byte offset in the heap. Everything else here - topic
+// table, recency list, keyword postings, record table, related-term links, the five
+// W webs and the embedding table - is derived from the heap on load and kept in step
+// on every append and removal; none of it is persisted.
+//
+// Invariants: records never overlap and leave no gap; offsets in every derived
+// structure name the start of a live record; a topic node exists only while it has
+// at least one memo; a keyword exists only while its posting list is non-empty.
+//
+// REQUIRES: external synchronisation (the interpreter session's lock).
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "memory/heap_record.hpp"
+#include "memory/related_terms.hpp"
+#include "memory/w5_web.hpp"
+
+namespace kx::memory {
+
+inline constexpr std::uint64_t kHeapStep = 0x100000;  // 1 MiB
+
+struct MemoEntry {
+  std::uint64_t offset;
+  std::uint32_t flags;
+};
+using Posting = MemoEntry;
+
+struct TopicNode {
+  std::string topic;
+  std::vector<MemoEntry> memos;  // append order; positions shown to users are 1-based
+  TopicNode* prev = nullptr;     // towards the most recently used
+  TopicNode* next = nullptr;     // towards the least recently used
+};
+
+// Where a record sits: its topic and its 0-based position in the topic's memo list.
+struct RecordSlot {
+  std::uint64_t offset;
+  TopicNode* topic;
+  std::uint32_t position;
+};
+
+struct StringHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+template <typename V>
+using StringMap = std::unordered_map<std::string, V, StringHash, std::equal_to<>>;
+
+// The keywords a record is stored with: the caller's non-empty keywords unchanged,
+// then StripToTokens(content), each keyword once (exact bytes), first seen first.
+std::vector<std::string> memo_keywords(const std::vector<std::string>& caller,
+                                       std::string_view content);
+
+// Told about every record read from the data file, with its keywords.
+using RecordObserver = std::function<void(const std::vector<std::string_view>& keywords)>;
+
+class ContextStore {
+ public:
+  explicit ContextStore(std::string name);
+  ~ContextStore();
+  ContextStore(const ContextStore&) = delete;
+  ContextStore& operator=(const ContextStore&) = delete;
+
+  const std::string& name() const { return name_; }
+
+  // --- persistence: with a data path, changes reach "data.mem" -------------------
+  // An empty path keeps the store in memory only.
+  void set_data_path(std::filesystem::path path) { data_path_ = std::move(path); }
+  const std::filesystem::path& data_path() const { return data_path_; }
+
+  // Each returns "" on success or an error sentence; on a failed write the change
+  // stays in memory and the next write rewrites the file whole.
+  std::string append(std::string_view topic, const std::vector<std::string>& keywords,
+                     std::uint32_t flags, std::string_view content, const Embedding& vector = {});
+  // Same topic = replace: an existing topic is deleted (and the file rewritten) first.
+  std::string add(std::string_view topic, const std::vector<std::string>& keywords,
+                  std::string_view content, const Embedding& vector = {});
+  std::string delete_topic(std::string_view topic);
+  // Removes the memo at 0-based `position`; the last memo takes the topic with it.
+  std::string delete_memo(TopicNode* topic, std::uint32_t position);
+  // Full rewrite of the data file, previous file kept at "data.mem.last".
+  std::string save();
+
+  // While batching, appends and rewrites stay in memory; end_batch writes once.
+  void begin_batch() { batching_ = true; }
+  std::string end_batch();
+
+  // --- in-memory operations ------------------------------------------------------
+  // Writes one record at the end of the heap and indexes it; returns its offset.
+  // Keywords: the caller's non-empty ones, then StripToTokens(content), each once.
+  std::uint64_t append_record(std::string_view content, const std::vector<std::string>& keywords,
+                              std::string_view topic, std::uint32_t flags, const Embedding& vector);
+  // Removes records (heap compaction and offset correction everywhere).
+  void remove_records(std::vector<std::uint64_t> offsets);
+  void remove_record(std::uint64_t offset) { remove_records({offset}); }
+
+  // Derives the five W webs afresh from every record.
+  void rebuild_webs();
+  // Drops everything, heap included.
+  void reset();
+  // Replaces the heap with `heap_bytes` and indexes every record that parses; parsing
+  // stops at the first record that does not fit, leaving the tail bytes in the heap.
+  // Returns the number of records indexed.
+  std::size_t load_heap(std::string_view heap_bytes);
+  // The same, with the bytes written straight into the heap by `fill` (which gets
+  // the destination and must fill exactly `size` bytes, or return false to leave
+  // the store empty). Spares a second copy of a large file while loading.
+  std::size_t load_heap(std::uint64_t size, const std::function<bool(char*)>& fill);
+
+  // --- reading -----------------------------------------------------------------------
+  std::string_view heap() const { return {data_, static_cast<std::size_t>(used_)}; }
+  std::uint64_t used() const { return used_; }
+  std::uint64_t capacity() const { return capacity_; }
+
+  TopicNode* find_topic(std::string_view topic) const;
+  void touch(TopicNode* topic);
+  const TopicNode* most_recent() const { return head_; }
+  std::size_t topic_count() const { return topics_.size(); }
+  std::size_t memo_count() const { return records_.size(); }
+
+  // Parses the record at `offset` (which must be a live record).
+  RecordView record_at(std::uint64_t offset) const;
+  const RecordSlot* slot(std::uint64_t offset) const;
+  const std::vector<Posting>* postings(std::string_view keyword) const;
+  const StringMap<std::vector<Posting>>& keyword_index() const { return index_; }
+  const RelatedTerms& related() const { return related_; }
+  const W5Web& webs() const { return webs_; }
+  const Embedding* embedding(std::uint64_t offset) const;
+  const std::map<std::uint64_t, Embedding>& embeddings() const { return embeddings_; }
+
+  void set_record_observer(RecordObserver observer) { observer_ = std::move(observer); }
+
+ private:
+  void reserve(std::uint64_t bytes);
+  void register_record(std::uint64_t offset, const RecordView& record);
+  void unlink_recency(TopicNode* node);
+  void push_head(TopicNode* node);
+  void erase_topic_node(TopicNode* node);
+  std::string write_appended(std::uint64_t from);
+
+  std::string name_;
+  std::filesystem::path data_path_;
+  bool file_in_step_ = true;  // false after a failed write: next write is a full rewrite
+  bool batching_ = false;
+  bool batch_dirty_ = false;
+
+  char* data_ = nullptr;
+  std::uint64_t used_ = 0;
+  std::uint64_t capacity_ = 0;
+
+  StringMap<std::unique_ptr<TopicNode>> topics_;
+  TopicNode* head_ = nullptr;
+  TopicNode* tail_ = nullptr;
+  StringMap<std::vector<Posting>> index_;
+  std::vector<RecordSlot> records_;  // ascending offsets (heap order)
+  RelatedTerms related_;
+  W5Web webs_;
+  std::map<std::uint64_t, Embedding> embeddings_;
+  RecordObserver observer_;
+};
+
+}  // namespace kx::memory

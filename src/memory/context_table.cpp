@@ -1,0 +1,73 @@
+#include "memory/context_table.hpp"
+
+#include <algorithm>
+#include <fstream>
+#include <system_error>
+
+#include "memory/context_dir.hpp"
+#include "memory/data_file.hpp"
+
+namespace kx::memory {
+namespace fs = std::filesystem;
+
+Context& ContextTable::open(std::string_view bot, std::string_view name) {
+  const std::string dir_name = context_dir_name(bot, name);
+  if (auto it = open_.find(dir_name); it != open_.end()) return *it->second;
+
+  auto context = std::make_unique<Context>(std::string(name));
+  context->dir = root_ / dir_name;
+  std::error_code ec;
+  fs::create_directories(context->dir, ec);
+  const fs::path id_file = context->dir / "context.id";
+  if (!fs::exists(id_file, ec)) std::ofstream(id_file, std::ios::binary) << name;
+  context->config = read_store_config(context->dir / "store.cfg");
+  context->store.set_data_path(context->dir / "data.mem");
+  load_data_file(context->store);
+  return *open_.emplace(dir_name, std::move(context)).first->second;
+}
+
+const Context* ContextTable::find_open(std::string_view bot, std::string_view name) const {
+  auto it = open_.find(context_dir_name(bot, name));
+  return it == open_.end() ? nullptr : it->second.get();
+}
+
+std::vector<ContextListing> ContextTable::list(std::string_view bot) const {
+  const std::string prefix = bot_dir_prefix(bot);
+  std::vector<ContextListing> out;
+  std::error_code ec;
+  for (fs::directory_iterator it(root_, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string dir_name = it->path().filename().string();
+    if (!dir_name.starts_with(prefix) || !it->is_directory(ec)) continue;
+    ContextListing entry;
+    if (auto open = open_.find(dir_name); open != open_.end()) {
+      const Context& context = *open->second;
+      entry.name = context.store.name();
+      entry.loaded = true;
+      entry.bytes = context.store.used() + kMagic.size();
+      entry.topics = context.store.topic_count();
+    } else {
+      // The name is in "context.id"; without it the directory name is decoded.
+      std::string id;
+      if (read_whole_file(it->path() / "context.id", id) && !id.empty())
+        entry.name = id;
+      else if (auto decoded = unescape_name_part(dir_name.substr(prefix.size())))
+        entry.name = *decoded;
+      else
+        continue;  // neither: no name would open this directory again
+
+      std::error_code size_ec;
+      const auto size = fs::file_size(it->path() / "data.mem", size_ec);
+      entry.bytes = size_ec ? 0 : size;
+    }
+    out.push_back(std::move(entry));
+  }
+  std::sort(out.begin(), out.end(),
+            [](const ContextListing& a, const ContextListing& b) { return a.name < b.name; });
+  return out;
+}
+
+std::string ContextTable::save_config(Context& context) {
+  return write_store_config(context.dir / "store.cfg", context.config);
+}
+
+}  // namespace kx::memory

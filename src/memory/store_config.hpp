@@ -1,0 +1,25 @@
+#pragma once
+// A context's settings file, "store.cfg":
+//
+//   [store]
+//   embed=disarmed                                   ARMED or disarmed
+//   embed.url=http://127.0.0.1:11434/api/embeddings  where vectors are asked for
+//   embed.model=nomic-embed-text
+//
+// Unknown keys and lines are ignored; a missing file means the defaults.
+#include <filesystem>
+#include <string>
+
+namespace kx::memory {
+
+struct StoreConfig {
+  bool embed_armed = false;
+  std::string embed_url = "http://127.0.0.1:11434/api/embeddings";
+  std::string embed_model = "nomic-embed-text";
+};
+
+StoreConfig read_store_config(const std::filesystem::path& file);
+// Returns "" or an error sentence.
+std::string write_store_config(const std::filesystem::path& file, const StoreConfig& config);
+
+}  // namespace kx::memory

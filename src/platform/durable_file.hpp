@@ -1,0 +1,43 @@
+#pragma once
+// Writes that survive a crash of the process or the machine: the data is on the
+// disk (fsync) before the call returns success.
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace kx::platform {
+
+// Creates or truncates `path`, writes `data` and fsyncs it. On failure returns false,
+// sets `reason`, and the file may hold part of the data (callers write to a
+// temporary name and rename).
+bool write_file_durable(const std::filesystem::path& path, std::string_view data,
+                        std::string& reason);
+
+// Appends `data` to `path` (created when missing) with one write and fsyncs it.
+bool append_file_durable(const std::filesystem::path& path, std::string_view data,
+                         std::string& reason);
+
+// Flushes an existing file's data to the device. False when it cannot be opened or synced.
+bool sync_file(const std::filesystem::path& file);
+
+// Flushes a directory's entries after a rename into it (a no-op where the file
+// system has no such step). False on failure.
+bool sync_directory(const std::filesystem::path& dir);
+
+// An exclusive advisory lock on a file, held until the object is destroyed. It keeps
+// two processes from interleaving the steps of one save; the kernel drops it when the
+// holder dies.
+class FileLock {
+ public:
+  explicit FileLock(const std::filesystem::path& path);  // blocks until held
+  ~FileLock();
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+  bool held() const { return handle_ != -1; }
+
+ private:
+  std::intptr_t handle_ = -1;  // a descriptor or a HANDLE
+};
+
+}  // namespace kx::platform

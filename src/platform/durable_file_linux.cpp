@@ -1,0 +1,93 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/durable_file.hpp"
+
+namespace kx::platform {
+namespace {
+
+bool write_all(int fd, std::string_view data, std::string& reason) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd, data.data(), data.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      reason = std::strerror(errno);
+      return false;
+    }
+    data.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+bool write_with_flags(const std::filesystem::path& path, std::string_view data, int flags,
+                      std::string& reason) {
+  int fd = ::open(path.c_str(), flags | O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    reason = std::strerror(errno);
+    return false;
+  }
+  bool ok = write_all(fd, data, reason);
+  if (ok && ::fsync(fd) != 0) {
+    reason = std::strerror(errno);
+    ok = false;
+  }
+  if (::close(fd) != 0 && ok) {
+    reason = std::strerror(errno);
+    ok = false;
+  }
+  return ok;
+}
+
+}  // namespace
+
+bool write_file_durable(const std::filesystem::path& path, std::string_view data,
+                        std::string& reason) {
+  return write_with_flags(path, data, O_TRUNC, reason);
+}
+
+bool append_file_durable(const std::filesystem::path& path, std::string_view data,
+                         std::string& reason) {
+  return write_with_flags(path, data, O_APPEND, reason);
+}
+
+FileLock::FileLock(const std::filesystem::path& path) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return;
+  while (::flock(fd, LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      ::close(fd);
+      return;
+    }
+  }
+  handle_ = fd;
+}
+
+FileLock::~FileLock() {
+  if (handle_ != -1) ::close(static_cast<int>(handle_));
+}
+
+namespace {
+
+bool sync_path(const std::filesystem::path& path, int flags) {
+  const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = ::fsync(fd) == 0;
+  ::close(fd);
+  return ok;
+}
+
+}  // namespace
+
+bool sync_file(const std::filesystem::path& file) {
+  return sync_path(file, O_RDONLY);
+}
+
+bool sync_directory(const std::filesystem::path& dir) {
+  return sync_path(dir, O_RDONLY | O_DIRECTORY);
+}
+
+}  // namespace kx::platform

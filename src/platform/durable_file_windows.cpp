@@ -1,0 +1,84 @@
+#include <windows.h>
+
+#include <string>
+
+#include "platform/durable_file.hpp"
+
+namespace kx::platform {
+namespace {
+
+std::string last_error_text() {
+  return "system error " + std::to_string(::GetLastError());
+}
+
+bool write_with_access(const std::filesystem::path& path, std::string_view data, DWORD access,
+                       DWORD disposition, std::string& reason) {
+  HANDLE file = ::CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) {
+    reason = last_error_text();
+    return false;
+  }
+  bool ok = true;
+  while (ok && !data.empty()) {
+    DWORD chunk = data.size() > 1u << 30 ? 1u << 30 : static_cast<DWORD>(data.size());
+    DWORD written = 0;
+    if (!::WriteFile(file, data.data(), chunk, &written, nullptr)) {
+      reason = last_error_text();
+      ok = false;
+      break;
+    }
+    data.remove_prefix(written);
+  }
+  if (ok && !::FlushFileBuffers(file)) {
+    reason = last_error_text();
+    ok = false;
+  }
+  ::CloseHandle(file);
+  return ok;
+}
+
+}  // namespace
+
+bool write_file_durable(const std::filesystem::path& path, std::string_view data,
+                        std::string& reason) {
+  return write_with_access(path, data, GENERIC_WRITE, CREATE_ALWAYS, reason);
+}
+
+bool append_file_durable(const std::filesystem::path& path, std::string_view data,
+                         std::string& reason) {
+  return write_with_access(path, data, FILE_APPEND_DATA, OPEN_ALWAYS, reason);
+}
+
+FileLock::FileLock(const std::filesystem::path& path) {
+  HANDLE file =
+      ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                    nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return;
+  OVERLAPPED whole{};
+  if (!::LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK, 0, MAXDWORD, MAXDWORD, &whole)) {
+    ::CloseHandle(file);
+    return;
+  }
+  handle_ = reinterpret_cast<std::intptr_t>(file);
+}
+
+FileLock::~FileLock() {
+  if (handle_ != -1) ::CloseHandle(reinterpret_cast<HANDLE>(handle_));
+}
+
+bool sync_file(const std::filesystem::path& file) {
+  HANDLE handle = ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return false;
+  bool ok = ::FlushFileBuffers(handle) != 0;
+  ::CloseHandle(handle);
+  return ok;
+}
+
+// NTFS makes a completed rename durable with the file's own metadata.
+bool sync_directory(const std::filesystem::path&) {
+  return true;
+}
+
+}  // namespace kx::platform

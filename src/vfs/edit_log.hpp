@@ -1,0 +1,32 @@
+#pragma once
+// The edit log of a store: one record per versioned change (create, modify,
+// tombstone, restore, move, copy, ...), newest last on disk.
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace kst {
+
+struct EditRecord {
+  std::int64_t ts = 0;  // seconds since the Unix epoch
+  std::string path;     // store path
+  std::string op;
+  std::string seat;
+  std::uint32_t new_version = 0;
+  std::uint32_t prev_version = 0;
+  std::string store;  // the store's disk root
+};
+
+// One record as its JSON line (no newline): {"ts":..,"path":..,"op":..,"seat":..,
+// "new":N,"prev":M,"store":..}.
+std::string edit_record_json(const EditRecord& record);
+
+// Appends one record durably. Returns false with `reason` on failure.
+bool append_edit(const std::filesystem::path& log_file, const EditRecord& record,
+                 std::string& reason);
+
+// Every complete record, oldest first. A torn last line is skipped.
+std::vector<EditRecord> read_edits(const std::filesystem::path& log_file);
+
+}  // namespace kst

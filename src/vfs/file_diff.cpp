@@ -1,0 +1,184 @@
+#include "vfs/file_diff.hpp"
+
+#include <algorithm>
+#include <new>
+#include <span>
+#include <unordered_map>
+
+#include "vfs/lcs_rows.hpp"
+
+namespace kst {
+namespace {
+
+using Ids = std::span<const std::uint32_t>;
+
+// Hirschberg's recursion over line ids. a_base / b_base turn range positions back
+// into line indices of the whole texts.
+class Aligner {
+ public:
+  explicit Aligner(std::vector<ScriptLine>& out) : out_(out) {}
+
+  void align(Ids a, std::uint32_t a_base, Ids b, std::uint32_t b_base) {
+    if (a.empty()) {
+      emit(LineTag::added, b_base, b.size());
+      return;
+    }
+    if (b.empty()) {
+      emit(LineTag::removed, a_base, a.size());
+      return;
+    }
+    if (a.size() == 1) {
+      for (std::size_t k = 0; k < b.size(); ++k) {
+        if (b[k] != a[0]) continue;
+        emit(LineTag::added, b_base, k);
+        out_.push_back({LineTag::same, a_base});
+        emit(LineTag::added, b_base + static_cast<std::uint32_t>(k) + 1, b.size() - k - 1);
+        return;
+      }
+      out_.push_back({LineTag::removed, a_base});
+      emit(LineTag::added, b_base, b.size());
+      return;
+    }
+
+    const std::size_t mid = a.size() / 2;
+    lcs_row(a.first(mid), b, forward_);
+    reversed_a_.assign(a.rbegin(), a.rend() - static_cast<std::ptrdiff_t>(mid));
+    reversed_b_.assign(b.rbegin(), b.rend());
+    lcs_row(reversed_a_, reversed_b_, backward_);
+
+    // backward_[m - k] is the LCS of the second half with b[k..m).
+    const std::size_t m = b.size();
+    std::size_t split = 0;
+    std::uint32_t best = 0;
+    for (std::size_t k = 0; k <= m; ++k) {
+      const std::uint32_t sum = forward_[k] + backward_[m - k];
+      if (k == 0 || sum > best) {
+        best = sum;
+        split = k;
+      }
+    }
+    align(a.first(mid), a_base, b.first(split), b_base);
+    align(a.subspan(mid), a_base + static_cast<std::uint32_t>(mid), b.subspan(split),
+          b_base + static_cast<std::uint32_t>(split));
+  }
+
+ private:
+  void emit(LineTag tag, std::uint32_t from, std::size_t count) {
+    for (std::size_t k = 0; k < count; ++k)
+      out_.push_back({tag, from + static_cast<std::uint32_t>(k)});
+  }
+
+  std::vector<ScriptLine>& out_;
+  // Scratch rows reused by every level: the recursion stays linear in space.
+  std::vector<std::uint32_t> forward_, backward_, reversed_a_, reversed_b_;
+};
+
+void append_line(std::string& out, std::string_view tag, std::string_view line) {
+  out += tag;
+  out += line;
+  out += '\n';
+}
+
+}  // namespace
+
+std::vector<std::string_view> split_lines(std::string_view text) {
+  std::vector<std::string_view> lines;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    const std::size_t end = text.find('\n', start);
+    if (end == std::string_view::npos) {
+      lines.push_back(text.substr(start));
+      break;
+    }
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+std::vector<ScriptLine> diff_lines(const std::vector<std::string_view>& first,
+                                   const std::vector<std::string_view>& second) {
+  std::vector<ScriptLine> script;
+  script.reserve(first.size() + second.size());
+
+  std::size_t prefix = 0;
+  while (prefix < first.size() && prefix < second.size() && first[prefix] == second[prefix])
+    ++prefix;
+  std::size_t suffix = 0;
+  while (suffix < first.size() - prefix && suffix < second.size() - prefix &&
+         first[first.size() - 1 - suffix] == second[second.size() - 1 - suffix])
+    ++suffix;
+
+  for (std::size_t i = 0; i < prefix; ++i)
+    script.push_back({LineTag::same, static_cast<std::uint32_t>(i)});
+
+  // Intern the middle lines so the LCS compares integers, not strings.
+  std::unordered_map<std::string_view, std::uint32_t> ids;
+  auto intern = [&](const std::vector<std::string_view>& lines) {
+    std::vector<std::uint32_t> out;
+    out.reserve(lines.size() - prefix - suffix);
+    for (std::size_t i = prefix; i < lines.size() - suffix; ++i)
+      out.push_back(
+          ids.try_emplace(lines[i], static_cast<std::uint32_t>(ids.size())).first->second);
+    return out;
+  };
+  const std::vector<std::uint32_t> a = intern(first);
+  const std::vector<std::uint32_t> b = intern(second);
+  Aligner(script).align(a, static_cast<std::uint32_t>(prefix), b,
+                        static_cast<std::uint32_t>(prefix));
+
+  for (std::size_t i = first.size() - suffix; i < first.size(); ++i)
+    script.push_back({LineTag::same, static_cast<std::uint32_t>(i)});
+  return script;
+}
+
+std::string file_diff(const DiffSide& first, const DiffSide& second, DiffLimits limits) {
+  const std::string size1 = std::to_string(first.text.size());
+  const std::string size2 = std::to_string(second.text.size());
+  if (first.text.find('\0') != std::string_view::npos ||
+      second.text.find('\0') != std::string_view::npos)
+    return "binary files differ (" + size1 + " vs " + size2 + " bytes)";
+
+  try {
+    if (limits.memory_budget != 0) {
+      // Lines, ids, the script and the scratch rows: a few words per line of either
+      // side, plus the rendered answer, which holds both texts at most once more.
+      const std::size_t lines =
+          static_cast<std::size_t>(std::count(first.text.begin(), first.text.end(), '\n') +
+                                   std::count(second.text.begin(), second.text.end(), '\n') + 2);
+      const std::size_t need = lines * 64 + first.text.size() + second.text.size();
+      if (need > limits.memory_budget) throw std::bad_alloc();
+    }
+    const std::vector<std::string_view> a = split_lines(first.text);
+    const std::vector<std::string_view> b = split_lines(second.text);
+    const std::vector<ScriptLine> script = diff_lines(a, b);
+
+    std::string out;
+    out.reserve(first.text.size() + second.text.size() + script.size() * 5 + 256);
+    out += "=== FILE DIFF ===\n";
+    out += "FILE1: " + std::string(first.label) + "  (v" + std::to_string(first.version) + ")\n";
+    out += "FILE2: " + std::string(second.label) + "  (v" + std::to_string(second.version) + ")\n";
+    out += "legend: [ ] same   [-] only in FILE1   [+] only in FILE2\n";
+    out += "---\n";
+    for (const ScriptLine& line : script) {
+      switch (line.tag) {
+        case LineTag::same:
+          append_line(out, "[ ] ", a[line.index]);
+          break;
+        case LineTag::removed:
+          append_line(out, "[-] ", a[line.index]);
+          break;
+        case LineTag::added:
+          append_line(out, "[+] ", b[line.index]);
+          break;
+      }
+    }
+    out += "=== END DIFF ===\n";
+    return out;
+  } catch (const std::bad_alloc&) {
+    return "not enough free memory to diff these files right now (" + size1 + " vs " + size2 +
+           " bytes) — close some things to free RAM and try again";
+  }
+}
+
+}  // namespace kst

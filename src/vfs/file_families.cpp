@@ -1,0 +1,212 @@
+#include "vfs/file_families.hpp"
+
+#include <iostream>
+#include <system_error>
+
+#include "lang/session.hpp"
+#include "platform/home.hpp"
+#include "platform/process_info.hpp"
+#include "vfs/commands.hpp"
+#include "vfs/enroll.hpp"
+
+namespace kx::vfs {
+
+namespace fs = std::filesystem;
+using kst::CommandContext;
+
+namespace {
+
+using Handler = std::string (*)(CommandContext&, std::string_view);
+
+fs::path session_cwd(const lang::Session& session) {
+  if (!session.cwd.empty()) return session.cwd;
+  return platform::current_directory().value_or(fs::path("."));
+}
+
+lang::VerbHandler handler_of(const std::shared_ptr<kst::StoreSet>& stores, Handler handler) {
+  return [stores, handler](lang::Session& session, std::string_view args) -> std::string {
+    try {
+      CommandContext ctx{*stores, session.bot_id, session_cwd(session), stores->report()};
+      return handler(ctx, args);
+    } catch (const std::exception& e) {
+      return std::string("ERROR: ") + e.what();
+    }
+  };
+}
+
+lang::Verb verb(std::string name, std::vector<std::string> aliases, std::string summary,
+                std::string usage, std::string example, std::string section,
+                lang::VerbHandler run) {
+  lang::Verb v;
+  v.name = std::move(name);
+  v.aliases = std::move(aliases);
+  v.summary = std::move(summary);
+  v.usage = std::move(usage);
+  v.example = std::move(example);
+  v.section = std::move(section);
+  v.run = std::move(run);
+  return v;
+}
+
+lang::Family family(std::string name, std::string title, std::string unknown_text) {
+  lang::Family f;
+  f.name = std::move(name);
+  f.separator = ':';
+  f.title = std::move(title);
+  std::string family_name = f.name;
+  f.unknown_verb = [family_name, unknown_text](std::string_view v) {
+    return "ERROR: unknown " + family_name + " op '" + std::string(v) + "' " + unknown_text;
+  };
+  return f;
+}
+
+}  // namespace
+
+std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry) {
+  auto stores = std::make_shared<kst::StoreSet>(platform::home_dir());
+
+  auto fs_family = family("fs", "Versioned files",
+                          "(cat|rm|move|copy|restore). Use fsmk: to create, fsvctl: for "
+                          "checkout/checkin/log/diff/revert, fsraw: for a direct OS op.");
+  fs_family.verbs = {
+      verb("cat", {"read"}, "print a versioned file's current text", "fs:cat <path>",
+           "fs:cat src/main.cpp", "Files", handler_of(stores, kst::fs_cat)),
+      verb("rm", {"del", "remove", "delete"}, "tombstone a file (history kept; fs:restore undoes)",
+           "fs:rm <path>", "fs:rm notes/old.md", "Files", handler_of(stores, kst::fs_rm)),
+      verb("move", {"mv", "rename"}, "move a file with its whole version chain",
+           "fs:move <src> <dst>", "fs:move a.txt docs/a.txt", "Files",
+           handler_of(stores, kst::fs_move)),
+      verb("copy", {"cp"}, "copy a file's text into a new version of the destination",
+           "fs:copy <src> <dst>", "fs:copy a.txt b.txt", "Files", handler_of(stores, kst::fs_copy)),
+      verb("restore", {"undelete"}, "bring a tombstoned file back", "fs:restore <path>",
+           "fs:restore notes/old.md", "Files", handler_of(stores, kst::fs_restore)),
+  };
+  registry.add_family(std::move(fs_family));
+
+  auto mk = family("fsmk", "Create files and directories", "(file|dir)");
+  mk.verbs = {
+      verb("file", {"new", "create", "newfile", "touch"},
+           "create a versioned file (or save a new version of it)",
+           "fsmk:file <path> [<content><![CDATA[..]]></content>]",
+           "fsmk:file src/a.txt <content><![CDATA[hello]]></content>", "Files",
+           handler_of(stores, kst::fsmk_file)),
+      verb("dir", {"mkdir", "folder", "newdir"}, "create a directory", "fsmk:dir <path>",
+           "fsmk:dir src/util", "Files", handler_of(stores, kst::fsmk_dir)),
+  };
+  registry.add_family(std::move(mk));
+
+  auto raw = family("fsraw", "Unversioned disk operations", "(copy|move|remove)");
+  raw.verbs = {
+      verb("copy", {"cp"}, "copy on disk without versioning", "fsraw:copy <src> <dst>",
+           "fsraw:copy build/app.bin dist/app.bin", "Filesystem",
+           handler_of(stores, kst::fsraw_copy)),
+      verb("move", {"mv"}, "move on disk without versioning", "fsraw:move <src> <dst>",
+           "fsraw:move tmp/out.log logs/out.log", "Filesystem",
+           handler_of(stores, kst::fsraw_move)),
+      verb("remove", {"rm", "del"}, "remove from disk without a tombstone", "fsraw:remove <path>",
+           "fsraw:remove tmp/out.log", "Filesystem", handler_of(stores, kst::fsraw_remove)),
+  };
+  registry.add_family(std::move(raw));
+
+  auto stat = family("fsstat", "Inspect the stores", "(exists|version|ls|stores|paths)");
+  stat.verbs = {
+      verb("exists", {}, "whether a file or directory is in the store", "fsstat:exists <path>",
+           "fsstat:exists src/a.txt", "Inspect", handler_of(stores, kst::fsstat_exists)),
+      verb("version", {"ver"}, "a node's version number", "fsstat:version <path>",
+           "fsstat:version src/a.txt", "Inspect", handler_of(stores, kst::fsstat_version)),
+      verb("ls", {"list", "children"}, "a directory's children", "fsstat:ls <dirpath>",
+           "fsstat:ls src", "Inspect", handler_of(stores, kst::fsstat_ls)),
+      verb("stores", {"filesystems", "mounts"}, "every enrolled store; * marks the active one",
+           "fsstat:stores", "fsstat:stores", "Inspect", handler_of(stores, kst::fsstat_stores)),
+      verb("vcstatus", {"syncstatus"}, "sync state of each enrolled directory as JSON",
+           "fsstat:vcstatus", "fsstat:vcstatus", "Inspect",
+           handler_of(stores, kst::fsstat_vcstatus)),
+      verb("history", {"edits"}, "the edit log, newest first, one JSON object per line",
+           "fsstat:history [limit=N]", "fsstat:history limit=20", "Version control",
+           handler_of(stores, kst::fsstat_history)),
+      verb("paths", {"files", "all"}, "every file of the active store with its version",
+           "fsstat:paths [pattern]", "fsstat:paths *.cpp", "Inspect",
+           handler_of(stores, kst::fsstat_paths)),
+  };
+  registry.add_family(std::move(stat));
+
+  lang::PlainVerb enroll_verb;
+  enroll_verb.words = {"EnrollVersionControl", "enroll", "enrollversioncontrol",
+                       "enrollinversioncontrol"};
+  enroll_verb.summary = "put a directory under version control and make it the active store";
+  enroll_verb.usage = "Kestrune EnrollVersionControl <directory> [flags]";
+  enroll_verb.example = "Kestrune EnrollVersionControl ~/proj ext=allbut:.log watch=on";
+  enroll_verb.section = "Version control";
+  enroll_verb.run = [stores](lang::Session& session, std::string_view args) -> std::string {
+    try {
+      return kst::enroll(*stores, args, session_cwd(session), stores->report());
+    } catch (const std::exception& e) {
+      return std::string("ERROR: ") + e.what();
+    }
+  };
+  registry.add_plain_verb(std::move(enroll_verb));
+
+  lang::PlainVerb policy_verb;
+  policy_verb.words = {"policy", "vcpolicy", "flags"};
+  policy_verb.summary = "change the version-control policy of an enrolled directory";
+  policy_verb.usage = "Kestrune policy <directory> <flags>";
+  policy_verb.example = "Kestrune policy ~/proj ext=only:.md,.txt";
+  policy_verb.section = "Version control";
+  policy_verb.run = [stores](lang::Session& session, std::string_view args) -> std::string {
+    try {
+      return kst::change_policy(*stores, args, session_cwd(session), stores->report());
+    } catch (const std::exception& e) {
+      return std::string("ERROR: ") + e.what();
+    }
+  };
+  registry.add_plain_verb(std::move(policy_verb));
+  return stores;
+}
+
+void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
+  auto entries = kst::read_config_entries(stores.config_file());
+  std::size_t n = 0;
+  for (const auto& entry : entries) {
+    ++n;
+    std::error_code ec;
+    if (!fs::is_directory(entry.path, ec)) {
+      report << "[vc]     skipped " << entry.path << " (no such directory)\n";
+      report << "[versioncontroldirs] " << entry.path << " -> skipped (no such directory)\n";
+      continue;
+    }
+    // The same directory written differently (a link, a trailing slash) is one store.
+    fs::path root = fs::canonical(entry.path, ec);
+    if (ec) root = entry.path;
+    std::string error;
+    auto policy = kst::parse_policy(entry.flags, error);
+    if (!policy) {
+      report << "[versioncontroldirs] " << entry.path << " -> ERROR: bad policy: " << error << "\n";
+      continue;
+    }
+    auto store = stores.make_store(root, *policy);
+    std::string reason;
+    report << "[vc] (" << n << ") caching " << entry.path;
+    if (store->versioned() && !store->load(report, reason)) {
+      report << " -> ingest failed\n";
+      report << "[versioncontroldirs] " << entry.path << " -> ERROR: ingest failed\n";
+      continue;
+    }
+    std::size_t count = store->files().size();
+    report << " -> cached (" << count << " file(s))\n";
+    stores.set_active(&stores.adopt(std::move(store)));
+    report << "[versioncontroldirs] " << entry.path << " -> enrolled (" << count << " file(s)), "
+           << (policy->watch ? "not watched (the change watcher is not running yet)" : "watch=off")
+           << "\n";
+  }
+  if (!entries.empty()) report << "[vc] version control ready.\n";
+  for (const auto& entry : kst::read_config_entries(stores.watched_files_file())) {
+    std::error_code ec;
+    report << "[watchedfiles] " << entry.path << " -> "
+           << (fs::is_regular_file(entry.path, ec)
+                   ? "not watched (the change watcher is not running yet)"
+                   : "skipped (no such file)")
+           << "\n";
+  }
+}
+
+}  // namespace kx::vfs

@@ -1,0 +1,22 @@
+#pragma once
+// The file command families "fs:", "fsmk:", "fsraw:", "fsstat:" and the enroll and
+// policy verbs, over one set of stores.
+#include <memory>
+#include <ostream>
+
+#include "lang/registry.hpp"
+#include "vfs/store_set.hpp"
+
+namespace kx::vfs {
+
+// Registers the families; the returned set is shared with their handlers (and with
+// other families that work on the same stores, such as locks and history).
+std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry);
+
+// Enrolls again every directory listed in versioncontroldirs.cfg, and reads
+// watchedfiles.cfg. Report lines ("[versioncontroldirs] <dir> -> <outcome>", the
+// "[vc] ..." progress lines) go to `report`; the program passes standard error so
+// that standard output carries only command results.
+void reenroll_from_config(kst::StoreSet& stores, std::ostream& report);
+
+}  // namespace kx::vfs

@@ -1,0 +1,347 @@
+#include "vfs/file_families.hpp"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "lang/session.hpp"
+#include "vfs/free_memory.hpp"
+#include "vfs/test_home.hpp"
+
+namespace kx::vfs {
+namespace {
+
+namespace fs = std::filesystem;
+using kst::testing::read_file;
+using kst::testing::write_file;
+
+// Drives the families the way the interpreter does: family, verb, argument text.
+class FileFamilies : public kst::testing::TempHome {
+ protected:
+  void SetUp() override {
+    TempHome::SetUp();
+    start();
+  }
+  // A fresh process: new registry, new store set, re-enrollment from the config.
+  void start() {
+    registry = std::make_unique<lang::Registry>();
+    stores = register_file_families(*registry);
+    stores->set_report(report);
+    reenroll_from_config(*stores, report);
+    session = std::make_unique<lang::Session>(*registry);
+    session->cwd = base;
+  }
+  std::string run(std::string_view family, std::string_view verb, std::string_view args = "") {
+    const lang::Family* f = registry->find_family(family);
+    if (f == nullptr) return "no family";
+    const lang::Verb* v = lang::find_verb(*f, verb);
+    if (v == nullptr) return f->unknown_verb(verb);
+    return v->run(*session, args);
+  }
+  std::string enroll(std::string_view args) {
+    return registry->find_plain_verb("enroll")->run(*session, args);
+  }
+  fs::path mirror_root() { return stores->active()->mirror_root(); }
+
+  std::unique_ptr<lang::Registry> registry;
+  std::shared_ptr<kst::StoreSet> stores;
+  std::unique_ptr<lang::Session> session;
+  std::ostringstream report;
+};
+
+TEST_F(FileFamilies, CreateReadTombstoneRestoreAcrossProcesses) {
+  ASSERT_TRUE(enroll("proj").starts_with("OK: enrolled " + project.string() + " — 0 file(s)"));
+  std::string created = run("fsmk", "file", "src/a.txt <content><![CDATA[hello]]></content>");
+  EXPECT_EQ(created,
+            "OK: created file src/a.txt\n  [version control: automatic] src/a.txt saved as v1 — "
+            "history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 0'");
+  start();
+  EXPECT_NE(
+      report.str().find("[versioncontroldirs] " + project.string() + " -> enrolled (1 file(s))"),
+      std::string::npos);
+  EXPECT_EQ(run("fs", "cat", "a.txt"), "hello");
+  EXPECT_EQ(run("fs", "rm", "a.txt"), "OK: tombstoned src/a.txt (append-only; fs:restore to undo)");
+  EXPECT_FALSE(fs::exists(project / "src/a.txt"));
+  EXPECT_TRUE(fs::exists(mirror_root() / "src/a.txt.tombstone"));
+  start();
+  EXPECT_EQ(run("fs", "read", "src/a.txt"),
+            "ERROR: file tombstoned: src/a.txt (fs:restore to bring it back)");
+  EXPECT_EQ(run("fsstat", "paths"), "OK: 1 file(s) in " + project.string() +
+                                        "  (f = file, t = tombstoned)\n  t  v1\tsrc/a.txt\n");
+  EXPECT_EQ(run("fs", "undelete", "<path>src/a.txt</path>"), "OK: restored src/a.txt");
+  EXPECT_EQ(read_file(project / "src/a.txt"), "hello");
+  EXPECT_FALSE(fs::exists(mirror_root() / "src/a.txt.tombstone"));
+  auto history = run("fsstat", "history");
+  EXPECT_TRUE(history.starts_with("{\"ts\":")) << history;
+  EXPECT_NE(history.find("\"op\":\"restore\""), std::string::npos);
+  EXPECT_LT(history.find("\"op\":\"restore\""), history.find("\"op\":\"tombstone\""));
+}
+
+TEST_F(FileFamilies, MoveCarriesTheWholeChain) {
+  enroll("proj");
+  run("fsmk", "file", "a.txt <content>one</content>");
+  run("fsmk", "file", "a.txt <content>two</content>");
+  EXPECT_EQ(run("fs", "move", "a.txt docs/b.txt"),
+            "OK: moved a.txt -> docs/b.txt (history followed)");
+  EXPECT_EQ(read_file(project / "docs/b.txt"), "two");
+  EXPECT_EQ(read_file(mirror_root() / "docs/.b.txt.oldversions/b.txt.xx1"), "one");
+  EXPECT_FALSE(fs::exists(mirror_root() / ".a.txt.oldversions"));
+  start();
+  EXPECT_EQ(run("fsstat", "version", "docs/b.txt"), "OK: 2");
+  EXPECT_EQ(run("fs", "mv", "b.txt docs/b.txt"), "ERROR: source and destination are the same");
+  run("fsmk", "file", "c.txt");
+  EXPECT_EQ(run("fs", "rename", "c.txt <dest>docs/b.txt</dest>"),
+            "ERROR: destination 'docs/b.txt' already exists — fs:rm it first, or fs:copy to keep "
+            "its history");
+  EXPECT_EQ(run("fs", "move", "docs c"), "ERROR: not a file");
+  EXPECT_EQ(run("fs", "move", "nope.txt x"), "ERROR: no such file: nope.txt");
+  EXPECT_EQ(run("fs", "move", "c.txt"), "ERROR: usage  fs:move <src> <dst>");
+}
+
+TEST_F(FileFamilies, CopyAddsAVersionToAnExistingDestination) {
+  enroll("proj");
+  run("fsmk", "file", "src.txt <content>S</content>");
+  for (int i = 0; i < 3; ++i)
+    run("fsmk", "file", "dst.txt <content>" + std::to_string(i) + "</content>");
+  std::string copied = run("fs", "copy", "src.txt dst.txt");
+  EXPECT_TRUE(copied.starts_with(
+      "OK: copied src.txt -> dst.txt (v4; incoming copy replaced the working bytes)\n  [version "
+      "control: automatic] dst.txt saved as v4"))
+      << copied;
+  EXPECT_TRUE(run("fs", "cp", "src.txt new.txt")
+                  .starts_with("OK: copied src.txt -> new.txt (v1, new versioned file)"));
+  run("fsmk", "dir", "d");
+  EXPECT_EQ(run("fs", "copy", "src.txt d"), "ERROR: destination is a directory: d");
+  run("fs", "rm", "src.txt");
+  EXPECT_EQ(run("fs", "copy", "src.txt z.txt"),
+            "ERROR: source is tombstoned: src.txt (fs:restore it first)");
+  EXPECT_EQ(run("fs", "cat", "dst.txt"), "S");
+}
+
+TEST_F(FileFamilies, ShortNamesResolveBySuffixOrListTheCandidates) {
+  write_file(project / "a/x.cpp", "1");
+  write_file(project / "b/x.cpp", "2");
+  write_file(project / "b/only.cpp", "3");
+  enroll("proj");
+  EXPECT_EQ(run("fs", "cat", "only.cpp"), "3");
+  EXPECT_EQ(run("fs", "cat", (project / "a/x.cpp").string()), "1");
+  EXPECT_EQ(run("fs", "cat", "x.cpp"),
+            "ERROR: 2 files match 'x.cpp' — did you mean:\n  a/x.cpp\n  b/x.cpp\n(give a fuller "
+            "or absolute path to pick one)");
+  EXPECT_EQ(run("fs", "cat", "nly.cpp"), "ERROR: no such file: nly.cpp");
+  EXPECT_EQ(run("fsstat", "exists", "ghost.md"), "OK: no  (ghost.md not found)");
+  EXPECT_EQ(run("fsstat", "exists", "b"), "OK: yes dir  b");
+  EXPECT_EQ(run("fsstat", "ls", "b"), "OK: b/\n  f  v1\tonly.cpp\n  f  v1\tx.cpp\n(2 children)\n");
+  EXPECT_EQ(run("fsstat", "ls", "b/only.cpp"), "ERROR: not a directory: b/only.cpp");
+  EXPECT_EQ(run("fsstat", "paths", "b/*.cpp"),
+            "OK: 2 file(s) in " + project.string() +
+                "  matching b/*.cpp  (f = file, t = tombstoned)\n  f  v1\tb/only.cpp\n  f  "
+                "v1\tb/x.cpp\n");
+}
+
+TEST_F(FileFamilies, BadPathsAreRefusedAndChangeNothing) {
+  enroll("proj");
+  fs::create_directories(base / "outside");
+  EXPECT_TRUE(run("fsmk", "file", "../escape.txt")
+                  .starts_with("ERROR: path '../escape.txt' is outside the store"));
+  EXPECT_TRUE(
+      run("fsmk", "file", "/etc/passwd").starts_with("ERROR: path '/etc/passwd' is outside"));
+  EXPECT_EQ(run("fsmk", "file", std::string("bad\x01name")),
+            "ERROR: invalid path 'bad\x01name': byte 0x01 is not allowed in a name");
+  EXPECT_TRUE(run("fsmk", "file", "bad\xff.txt").starts_with("ERROR: invalid path"));
+  EXPECT_EQ(run("fsmk", "file", "a.txt.tombstone"),
+            "ERROR: reserved name: 'a.txt.tombstone' uses a machinery suffix (.tombstone / .tmp$ "
+            "/ .oldversions)");
+  EXPECT_EQ(run("fsmk", "dir", "x.oldversions"),
+            "ERROR: reserved name: 'x.oldversions' uses a machinery suffix (.tombstone / .tmp$ / "
+            ".oldversions)");
+  EXPECT_EQ(run("fsraw", "remove", "../outside"),
+            "ERROR: path '../outside' is outside the store " + project.string());
+  EXPECT_TRUE(fs::exists(base / "outside"));
+  EXPECT_FALSE(fs::exists(base / "escape.txt"));
+  EXPECT_FALSE(fs::exists(base / "outside/x.txt"));
+  EXPECT_TRUE(fs::is_empty(base / "outside"));
+}
+
+TEST_F(FileFamilies, SymbolicLinksCannotLeadOutOfTheStore) {
+  enroll("proj");
+  fs::create_directories(base / "outside");
+  std::error_code ec;
+  fs::create_directory_symlink(base / "outside", project / "link", ec);
+  if (ec) GTEST_SKIP() << "this system cannot make symbolic links: " << ec.message();
+  EXPECT_EQ(run("fsmk", "file", "link/x.txt"),
+            "ERROR: path 'link/x.txt' leads outside the store through a symbolic link");
+  EXPECT_TRUE(fs::is_empty(base / "outside"));
+}
+
+TEST_F(FileFamilies, UsageAndUnknownVerbTexts) {
+  EXPECT_EQ(run("fs", "cat", "a.txt"),
+            "ERROR: no disk root (enroll a directory, or setRelativePath/setDiskRoot)");
+  enroll("proj");
+  EXPECT_EQ(run("fs", "cat"), "ERROR: usage  fs:cat <path>");
+  EXPECT_EQ(run("fs", "rm", ""), "ERROR: usage  fs:rm <path>");
+  EXPECT_EQ(run("fsmk", "file", ""),
+            "ERROR: usage  fsmk:file <path> [<content><![CDATA[..]]></content>]");
+  EXPECT_EQ(run("fsraw", "copy", "a"), "ERROR: usage  fsraw:copy <src> <dst>");
+  EXPECT_EQ(run("fs", "write", "a"),
+            "ERROR: unknown fs op 'write' (cat|rm|move|copy|restore). Use fsmk: to create, "
+            "fsvctl: for checkout/checkin/log/diff/revert, fsraw: for a direct OS op.");
+  EXPECT_EQ(run("fsstat", "nope"),
+            "ERROR: unknown fsstat op 'nope' (exists|version|ls|stores|paths)");
+  EXPECT_EQ(run("fsmk", "link"), "ERROR: unknown fsmk op 'link' (file|dir)");
+  EXPECT_EQ(run("fsraw", "chmod"), "ERROR: unknown fsraw op 'chmod' (copy|move|remove)");
+}
+
+TEST_F(FileFamilies, RawOperationsBypassVersioning) {
+  enroll("proj ext=allbut:.bin");
+  EXPECT_EQ(run("fsmk", "file", "app.bin"),
+            "ERROR: excluded by version-control policy [ext=allbut:.bin] — fsraw: writes it "
+            "unversioned");
+  write_file(project / "build/app.bin", "BIN");
+  EXPECT_EQ(run("fsraw", "copy", "build/app.bin dist.bin"),
+            "OK: raw copy build/app.bin -> dist.bin");
+  EXPECT_EQ(run("fsraw", "mv", "dist.bin moved.bin"), "OK: raw move dist.bin -> moved.bin");
+  EXPECT_EQ(run("fsraw", "rm", "moved.bin"), "OK: raw remove moved.bin");
+  EXPECT_EQ(run("fsraw", "rm", "moved.bin"), "ERROR: raw remove failed");
+  EXPECT_FALSE(fs::exists(mirror_root() / "moved.bin"));
+}
+
+TEST_F(FileFamilies, EnrollmentTextsAndRefusals) {
+  write_file(project / "notes.md", "# n");
+  write_file(project / "main.cpp", "int main(){}");
+  std::string out = enroll("proj ext=only:.md watch=off");
+  EXPECT_TRUE(out.starts_with("OK: enrolled " + project.string() +
+                              " — 1 file(s) ingested (3 B), NOT watching (watch=off)\n  policy: "
+                              "[scope=all ext=only:.md watch=off mode=vc]"))
+      << out;
+  EXPECT_NE(out.find("\n  NOT source controlled: 1 file(s), 12 B — excluded by the ext policy:\n   "
+                     " - main.cpp"),
+            std::string::npos);
+  EXPECT_NE(out.find("\n  data kept at: " + (home / ".versioncontrol").string()),
+            std::string::npos);
+  EXPECT_NE(report.str().find("[vc] (1) caching " + project.string() + " -> cached (1 file(s))"),
+            std::string::npos);
+  EXPECT_EQ(read_file(home / "config/versioncontroldirs.cfg"),
+            "[versioncontroldirs]\n" + project.string() +
+                " :: scope=all ext=only:.md watch=off mode=vc\n");
+
+  EXPECT_EQ(enroll("proj ext=only:.md watch=off"),
+            "OK: " + project.string() + " is already enrolled — now the active directory");
+  EXPECT_EQ(
+      enroll("proj mode=cachewt"),
+      "ERROR: " + project.string() +
+          " is already enrolled as versioned VC (mode=vc).\n  A directory uses one mode at a "
+          "time and modes are not switched in place.\n  To change it: UNENROLL this directory "
+          "(VC panel -> remove, or the unenroll\n  verb), then re-enroll with "
+          "mode=cachewt.\n  (Tip: use different directories for cache-based vs versioned VC.)");
+  EXPECT_EQ(enroll("proj watch=maybe"), "ERROR: bad policy: watch must be on|off (got 'maybe')");
+  EXPECT_EQ(enroll("nowhere"), "ERROR: no such directory: " + (base / "nowhere").string());
+  EXPECT_EQ(enroll(home.string()), "ERROR: refusing to enroll the tool's own .Kestrune home");
+  EXPECT_EQ(enroll(""), "ERROR: usage  Kestrune EnrollVersionControl <directory> [flags]\n");
+  fs::create_directories(base / "big");
+  write_file(base / "big/blob", std::string(3000, 'x'));
+  EXPECT_TRUE(enroll("big max=2kb")
+                  .starts_with("ERROR: " + (base / "big").string() +
+                               " is 2.9 KB — over the max repo size 2.0 KB.\n"));
+
+  std::string widened = enroll("proj ext=default watch=off");
+  EXPECT_EQ(widened, "OK: " + project.string() +
+                         " re-enrolled — policy now [scope=all ext=default watch=off mode=vc]; "
+                         "active directory\n  0 file(s) left VC under the new rules (mirror "
+                         "history kept)");
+  EXPECT_EQ(run("fs", "cat", "main.cpp"), "int main(){}");
+  start();
+  EXPECT_EQ(run("fs", "cat", "main.cpp"), "int main(){}");
+}
+
+TEST_F(FileFamilies, ConfigCommentsAndMissingDirectoriesAtStart) {
+  fs::create_directories(home / "config");
+  write_file(home / "config/versioncontroldirs.cfg", "[versioncontroldirs]\n# my projects\n\n" +
+                                                         (base / "gone").string() + "\n" +
+                                                         project.string() + " :: watch=off\n");
+  write_file(home / "config/watchedfiles.cfg",
+             "[watchedfiles]\n# none yet\n" + (base / "w.txt").string() + "\n");
+  write_file(project / "k.txt", "k");
+  start();
+  std::string r = report.str();
+  EXPECT_NE(r.find("[vc]     skipped " + (base / "gone").string() + " (no such directory)"),
+            std::string::npos);
+  EXPECT_NE(r.find("[versioncontroldirs] " + (base / "gone").string() + " -> skipped"),
+            std::string::npos);
+  EXPECT_NE(r.find("[versioncontroldirs] " + project.string() + " -> enrolled (1 file(s))"),
+            std::string::npos);
+  EXPECT_NE(r.find("[watchedfiles] " + (base / "w.txt").string() + " -> skipped (no such file)"),
+            std::string::npos);
+  EXPECT_NE(r.find("[vc] version control ready.\n"), std::string::npos);
+  EXPECT_EQ(run("fs", "cat", "k.txt"), "k");
+  EXPECT_TRUE(run("fsstat", "stores")
+                  .starts_with("1 store(s) under version control  (* = active; retarget with "
+                               "Kestrune EnrollVersionControl <root>)\n* " +
+                               project.string()));
+}
+
+TEST_F(FileFamilies, ScopeEditedVersionsOnlyWhatIsEditedThroughTheProgram) {
+  write_file(project / "old.txt", "untouched");
+  ASSERT_TRUE(enroll("proj scope=edited")
+                  .starts_with("OK: enrolled " + project.string() + " — 0 file(s) ingested"));
+  EXPECT_EQ(run("fs", "cat", "old.txt"), "ERROR: no such file: old.txt");
+  run("fsmk", "file", "new.txt <content>n</content>");
+  start();
+  EXPECT_EQ(run("fsstat", "paths"), "OK: 1 file(s) in " + project.string() +
+                                        "  (f = file, t = tombstoned)\n  f  v1\tnew.txt\n");
+}
+
+TEST_F(FileFamilies, CacheWriteThroughWritesStraightToTheRealFiles) {
+  write_file(project / "r.txt", "real");
+  std::string out = enroll("proj mode=cachewt");
+  EXPECT_TRUE(out.starts_with("OK: cache write-through (no version) enrolled\n  nothing ingested"))
+      << out;
+  EXPECT_NE(out.find("\n  policy: [scope=all ext=default watch=on mode=cachewt]"),
+            std::string::npos);
+  EXPECT_EQ(run("fs", "cat", "r.txt"), "real");
+  EXPECT_EQ(run("fsmk", "file", "w.txt <content>through</content>"), "OK: created file w.txt");
+  EXPECT_EQ(read_file(project / "w.txt"), "through");
+  EXPECT_FALSE(fs::exists(mirror_root() / "w.txt"));
+  EXPECT_NE(run("fsstat", "stores").find("* " + project.string() + "  2 cached file(s)  ["),
+            std::string::npos);
+  start();
+  EXPECT_EQ(run("fs", "cat", "w.txt"), "through");
+}
+
+class RamChecks : public FileFamilies {
+ protected:
+  void TearDown() override {
+    kst::set_free_memory_for_testing({});
+    FileFamilies::TearDown();
+  }
+};
+
+TEST_F(RamChecks, TooLittleFreeRamRefusesAndTightRamWarns) {
+  write_file(project / "a.txt", "abc");
+  const std::uint64_t gib = 1024ull * 1024 * 1024;
+  kst::set_free_memory_for_testing([&] { return std::optional<std::uint64_t>(3 * gib); });
+  EXPECT_EQ(enroll("proj"),
+            "ERROR: enrolling " + project.string() +
+                " in cached (RAM) VC needs ~3 B of RAM but only 3.0 GB is free — the tree must be "
+                "at least 4 GB\n  smaller than your free RAM. Free up memory, or enroll it as the "
+                "non-cached\n  fallback (caches on access, writes through to disk, evicts under "
+                "pressure):\n    Kestrune EnrollVersionControl " +
+                project.string() + " mode=cachewt");
+  EXPECT_FALSE(fs::exists(home / "config/versioncontroldirs.cfg"));
+  kst::set_free_memory_for_testing([&] { return std::optional<std::uint64_t>(5 * gib); });
+  std::string out = enroll("proj");
+  ASSERT_TRUE(out.starts_with("OK: enrolled ")) << out;
+  EXPECT_NE(out.find("\n  note: this leaves ~5.0 GB of RAM headroom — the configuration is a "
+                     "little tight.\n"),
+            std::string::npos);
+  // Loading with less free memory than the tree plus 2 GiB warns and goes on.
+  kst::set_free_memory_for_testing([&] { return std::optional<std::uint64_t>(gib); });
+  start();
+  EXPECT_NE(report.str().find("warning: performance may be degraded due to memory constraints "
+                              "(loading 3 bytes, ~1073741821 free after)\n"),
+            std::string::npos);
+  EXPECT_EQ(run("fs", "cat", "a.txt"), "abc");
+}
+
+}  // namespace
+}  // namespace kx::vfs

@@ -1,0 +1,44 @@
+#pragma once
+// The one write path of a versioned file. In order: lock hook, reserved names,
+// policy, mkdirs, write "<target>.tmp$" and fsync, promote over the target, then
+// mirror copy, archive of the replaced version and mirror promote. A failure after
+// the promote never fails the save: it warns and tags the result "mirror-fail".
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include "vfs/store.hpp"
+
+namespace kst {
+
+struct SaveRequest {
+  std::string seat = "cli";  // the acting party
+  std::string op;            // edit-log op; empty: "create" for v1, else "modify"
+  bool dirty = false;        // a dirty check-in over somebody's lock
+};
+
+struct SaveResult {
+  bool ok = false;
+  std::string message;  // on failure: the store's message (no "ERROR: ")
+  std::uint32_t version = 0;
+  std::uint32_t previous = 0;
+  bool mirror_failed = false;
+};
+
+// Saves `text` as the new current version of the file at store path `path` (created
+// when missing). Takes the store's lock. Warnings go to `warn`.
+SaveResult save_file(Store& store, const std::string& path, std::string text,
+                     const SaveRequest& request, std::ostream& warn);
+
+// The notice appended to the result of every versioned save.
+std::string save_notice(const std::string& path, std::uint32_t version);
+
+// Reserved-name and policy refusal for a store path, or nothing when it may be saved.
+std::optional<std::string> refuse_path(const Store& store, const std::string& path);
+
+// Records one edit in the store's log; a failure is a warning only.
+void record_edit(Store& store, const std::string& path, const std::string& op,
+                 const std::string& seat, std::uint32_t new_version, std::uint32_t prev_version,
+                 std::ostream& warn);
+
+}  // namespace kst

@@ -1,0 +1,111 @@
+#!/usr/bin/env bash
+# End-to-end checks of locks and history through the real kx binary: every command
+# is its own process, so locks, dirty flags and versions must survive between them.
+# Usage: history_test.sh <path to kx>
+set -u
+KX=$(realpath "$1")
+ROOT=$(mktemp -d)
+trap 'rm -rf "$ROOT"' EXIT
+HOME_DIR=$ROOT/home
+WORK=$ROOT/work
+mkdir -p "$HOME_DIR" "$WORK"
+printf 'one\n' >"$WORK/a.txt"
+failures=0
+passes=0
+
+kx() { (cd "$WORK" && "$KX" --conf "$HOME_DIR" "$@" 2>/dev/null); }
+
+# expect <name> <expected stdout> <command...>
+expect() {
+  local name=$1 want=$2
+  shift 2
+  local got
+  got=$("$@")
+  if [[ "$got" == "$want" ]]; then
+    passes=$((passes + 1))
+  else
+    echo "FAIL $name"
+    echo "  got:  $(printf %q "$got")"
+    echo "  want: $(printf %q "$want")"
+    failures=$((failures + 1))
+  fi
+}
+
+# expect_prefix <name> <expected start of stdout> <command...>
+expect_prefix() {
+  local name=$1 want=$2
+  shift 2
+  local got
+  got=$("$@")
+  if [[ "$got" == "$want"* ]]; then
+    passes=$((passes + 1))
+  else
+    echo "FAIL $name"
+    echo "  got:  $(printf %q "$got")"
+    echo "  want: $(printf %q "$want")..."
+    failures=$((failures + 1))
+  fi
+}
+
+expect_prefix "enroll" "OK: enrolled $WORK" kx Kestrune EnrollVersionControl "$WORK"
+
+expect "status of a clean file" "OK: a.txt  unlocked" kx fslock:status a.txt
+expect "toggle locks" "OK: locked a.txt" kx fslock:toggle a.txt
+expect "the lock outlives the process" "OK: a.txt  LOCKED by cli" kx fslock:state a.txt
+expect "toggle by the holder unlocks" "OK: unlocked a.txt" kx fslock:toggle a.txt
+expect "journal rewritten on release" "" cat "$HOME_DIR/checkouts.jsonl"
+
+# Another seat's check-out, as its journal record says after a restart.
+printf '{"leafId":"alice","path":"%s/a.txt","at":1700000000}\n' "$WORK" >"$HOME_DIR/checkouts.jsonl"
+expect "journalled check-out is taken over" "OK: a.txt  LOCKED by alice" kx fslock:status a.txt
+expect "save over another seat's lock is refused" "ERROR: file is locked (alice)" \
+  kx fsvctl:checkin '<path>a.txt</path><content><![CDATA[mine
+]]></content>'
+expect "refused save left the file" "one" cat "$WORK/a.txt"
+expect "refused save left the chain" "LOG a.txt  (1 versions)" bash -c "cd '$WORK' && '$KX' --conf '$HOME_DIR' fsvctl:log a.txt 2>/dev/null | head -1"
+expect "not the holder: no transfer" "ERROR: only the holder can transfer a lock (alice holds it)" \
+  kx fslock:transfer a.txt cli
+
+expect_prefix "dirty check-in goes over the lock" \
+  "OK: checked in a.txt — dirty check-in over alice's lock — merge required (both parties)" \
+  kx fsvctl:checkin '<path>a.txt</path><content><![CDATA[urgent
+]]></content><dirty>true</dirty>'
+expect "dirty flag shows in the status" "OK: a.txt  LOCKED by alice  [merge required]" kx fslock:status a.txt
+expect "dirty bytes kept as a version" "urgent" kx fsvctl:open '<path>a.txt</path><version>2</version>'
+expect "plain save waits for the merge" \
+  "ERROR: merge required (file was flagged dirty by an earlier op)" \
+  bash -c "cd '$WORK' && printf '{\"leafId\":\"cli\",\"path\":\"%s/a.txt\",\"at\":1}\n' '$WORK' >'$HOME_DIR/checkouts.jsonl' && '$KX' --conf '$HOME_DIR' fsvctl:revert '<path>a.txt</path><version>1</version>' 2>/dev/null"
+expect_prefix "the holder's check-in is the merge" \
+  "OK: checked in a.txt — merge recorded, dirty flag cleared" \
+  kx fsvctl:checkin '<path>a.txt</path><content><![CDATA[one
+urgent
+]]></content>'
+expect "merged and released" "OK: a.txt  unlocked" kx fslock:status a.txt
+
+expect "diff between versions" "=== FILE DIFF ===
+FILE1: a.txt  (v1)
+FILE2: a.txt  (v3)
+legend: [ ] same   [-] only in FILE1   [+] only in FILE2
+---
+[ ] one
+[+] urgent
+=== END DIFF ===" kx fsvctl:diff '<path>a.txt</path><a>1</a>'
+expect "revert to a missing version" "ERROR: no such version" kx fsvctl:revert '<path>a.txt</path><version>12</version>'
+expect_prefix "revert is a new version" "OK: reverted a.txt to v1 (now v4)" \
+  kx fsvctl:revert '<path>a.txt</path><version>1</version>'
+expect "reverted text on disk" "one" cat "$WORK/a.txt"
+expect_prefix "log reaches every version" "LOG a.txt  (4 versions)
+  v1  " kx fsvctl:log a.txt
+expect_prefix "timeline newest first" "TIMELINE (store)
+  " kx fsvctl:timeline
+
+expect_prefix "emit request" "PENDING #1 — a human must approve it" kx fsvctl:emit
+expect "emit numbers are per process" "PENDING-EMITS 0" kx fsvctl:emitlist
+expect "unknown fsvctl verb" \
+  "ERROR: unknown fsvctl function 'blame' (checkout|checkin|revert|diff|log|open|timeline|emit)" \
+  kx fsvctl:blame a.txt
+expect "unknown fslock verb" "ERROR: unknown fslock op 'steal' (status|toggle|transfer)" \
+  kx fslock:steal a.txt
+
+echo "history end-to-end: $passes passed, $failures failed"
+[[ $failures -eq 0 ]]

@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# End-to-end checks of the memory verbs through the real kx binary: every command
+# is its own process, so whatever a later command sees came through data.mem.
+# Usage: memory_cli_test.sh <path to kx>
+set -u
+KX=$1
+HOME_DIR=$(mktemp -d)
+trap 'rm -rf "$HOME_DIR"' EXIT
+PORT=$((20000 + RANDOM % 20000))  # no resident listens there: commands run here
+CTX="$HOME_DIR/.contexts/cli@notes"
+failures=0
+passes=0
+
+kx() { "$KX" --conf "$HOME_DIR" --port "$PORT" "$@" 2>/dev/null; }
+
+# expect <name> <expected stdout> <command...>
+expect() {
+  local name=$1 want=$2
+  shift 2
+  local out
+  out=$("$@")
+  if [[ "$out" == "$want" ]]; then
+    passes=$((passes + 1))
+  else
+    echo "FAIL $name"
+    echo "  got:  $(printf %q "$out")"
+    echo "  want: $(printf %q "$want")"
+    failures=$((failures + 1))
+  fi
+}
+# truth <name> <test command...>
+truth() {
+  local name=$1
+  shift
+  if "$@"; then passes=$((passes + 1)); else echo "FAIL $name"; failures=$((failures + 1)); fi
+}
+
+expect "add" "OK: memory 'build' added to context(s): notes" \
+  kx memory.add cli, notes, build, , how to build: cmake --preset release
+expect "retrieve in a new process" "how to build: cmake --preset release" kx memory.retrieve cli, notes, build
+truth "data file begins with the magic" [ "$(head -c 4 "$CTX/data.mem")" = KST2 ]
+truth "context.id holds the name" [ "$(cat "$CTX/context.id")" = notes ]
+
+expect "addmemo" "OK: memo procedure|usage appended to 'steps' in context(s): notes" \
+  kx memory.addmemo cli, notes, steps, , procedure\|usage, configure then build
+kx memory.addmemo cli, notes, steps, , , run the tests > /dev/null
+expect "memos" "OK: 'steps' — 2 memo(s)
+  1. [procedure|usage] configure then build
+  2. [untyped] run the tests" kx memory.memos cli, notes, steps
+expect "getmemo" "OK: memo 2 of 2 in 'steps' [untyped]
+run the tests" kx memory.getmemo cli, notes, steps, 2
+expect "getmemo out of range" "ERROR: 'steps' has 2 memo(s) in context 'notes' — n is 1-based" \
+  kx memory.getmemo cli, notes, steps, 3
+
+cp "$CTX/data.mem" "$HOME_DIR/before-delete"
+expect "delete" "OK: deleted 'build' from context 'notes' (previous file kept at data.mem.last)" \
+  kx memory.delete cli, notes, build
+truth "crash net is the file before the deletion" cmp -s "$HOME_DIR/before-delete" "$CTX/data.mem.last"
+expect "deleted topic is gone" "" kx memory.retrieve cli, notes, build
+expect "deletememo" "OK: memo 1 [procedure|usage] deleted from 'steps' (1 memo(s) left; previous file kept at data.mem.last)" \
+  kx memory.deletememo cli, notes, steps, 1
+
+# A file cut in the middle of its last record still loads what came before it.
+kx memory.add cli, notes, later, , written last > /dev/null
+size=$(stat -c %s "$CTX/data.mem")
+truncate -s $((size - 5)) "$CTX/data.mem"
+expect "truncated file keeps earlier records" "run the tests" kx memory.retrieve cli, notes, steps
+expect "cut record is not loaded" "" kx memory.retrieve cli, notes, later
+
+expect "keywords" "OK: keyword 'tests' — 1 memo hit(s):
+  steps #1 [untyped]" kx memory.keywords cli, notes, Tests
+expect "keyword bar form" "ERROR: keyword 'zebra' not in context 'notes'" kx 'memory.keywords|cli|notes|zebra'
+expect "striptotokens" "OK: 3 token(s): hello world report.pdf" kx memory.striptotokens Hello, WORLD! hello Report.PDF
+expect "usage" "ERROR: usage  memory.add <botid>, {contexts}, <topic>, <keywords>, <content>" kx memory.add cli, notes
+expect "unknown verb" "ERROR: unknown memory verb 'frob'" kx memory.frob x
+expect "contexts listing loads nothing" "OK: 1 context(s) under $HOME_DIR/.contexts for bot 'cli'
+  notes  $(stat -c %s "$CTX/data.mem") bytes on disk (not loaded)" kx memory.contexts cli
+
+out=$(kx memory.help)
+is_generated_help() { [[ "$1" == "OK: memory"*"it can't go stale."*"memory.clone"* ]]; }
+truth "help is generated" is_generated_help "$out"
+truth "bare memory is help" [ "$(kx memory)" = "$out" ]
+
+echo "memory end-to-end: $passes passed, $failures failed"
+[ "$failures" -eq 0 ]
