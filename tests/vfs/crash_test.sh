@@ -5,6 +5,8 @@
 # must be in the file's chain (mirror copy or an archived ".xx<N>").
 # Usage: crash_test.sh <path to kx> [number of saves]
 set -u
+# These checks are about local runs: never forward to (or spawn) a resident.
+export KESTRUNE_LOCAL=1
 KX=$(realpath "$1")
 SAVES=${2:-200}
 BASE=$(mktemp -d)
