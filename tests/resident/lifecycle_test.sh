@@ -132,13 +132,14 @@ wait "$OPEN"
 
 # --- foreground start verbs -------------------------------------------------
 P6=$(free_port)
-"$KX" --port "$P6" --conf "$CONF" gui >"$WORK/gui.out" 2>&1 &
+# "serve" rather than "gui", which would also open a browser on a desktop.
+"$KX" --port "$P6" --conf "$CONF" serve >"$WORK/gui.out" 2>&1 &
 GUI=$!
 STARTED_PIDS+=("$GUI")
-check "gui serves in the foreground" wait_until 50 grep -qsxF \
+check "serve runs in the foreground" wait_until 50 grep -qsxF \
   "Kestrune orchestration server up — http://127.0.0.1:$P6/" "$WORK/gui.out"
 same "a second start finds it running" "Kestrune resident already running — http://127.0.0.1:$P6/" \
-  "$("$KX" --port "$P6" --conf "$CONF" serve 2>/dev/null)"
+  "$("$KX" --port "$P6" --conf "$CONF" gui 2>/dev/null)"
 check "the workstation page is served" bash -c "curl -s http://127.0.0.1:$P6/ui/ | grep -q '<title>Kestrune</title>'"
 kill -INT "$GUI"
 wait "$GUI"
