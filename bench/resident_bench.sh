@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Figures for the resident, printed as a small report:
 #   - `kx fsstat:exists x` as a process: forwarded to a running resident vs run
-#     locally (KESTRUNE_LOCAL=1), median wall time of 50 runs each;
+#     locally (KESTRUNE_LOCAL=1), median wall time of 50 runs each, with an empty
+#     home and with an enrolled tree of 2,000 small files (which a local run loads);
 #   - "/health" with wrk at 1, 16 and 64 connections: requests/s and p99 latency
 #     (every request is its own connection, as the server answers "Connection: close");
 #   - the resident's thread count and resident memory after 100,000 requests.
 # Usage: bench/resident_bench.sh [path to a release kx] [seconds per wrk run, default 10]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-KX=${1:-build/release/src/launcher/kx}
+KX=$(realpath "${1:-build/release/src/launcher/kx}")
 SECONDS_PER_RUN=${2:-10}
 [ -x "$KX" ] || { echo "no kx at $KX (build it: cmake --build build/release --target kx)" >&2; exit 1; }
 command -v wrk >/dev/null || { echo "wrk is needed (apt-get install wrk)" >&2; exit 1; }
@@ -24,9 +25,15 @@ cleanup() {
 }
 trap cleanup EXIT
 
-"$KX" --port "$PORT" --conf "$WORK/home" boot >/dev/null 2>&1 &
-RESIDENT=$!
-for _ in $(seq 50); do curl -s "http://127.0.0.1:$PORT/health" >/dev/null && break; sleep 0.1; done
+start_resident() { # <home>
+  "$KX" --port "$PORT" --conf "$1" boot >/dev/null 2>&1 &
+  RESIDENT=$!
+  for _ in $(seq 50); do curl -s "http://127.0.0.1:$PORT/health" >/dev/null && break; sleep 0.1; done
+}
+stop_resident() {
+  kill -TERM "$RESIDENT" && wait "$RESIDENT" 2>/dev/null
+  RESIDENT=
+}
 
 # Median wall time in milliseconds of 50 runs of the command.
 median_ms() {
@@ -41,11 +48,23 @@ median_ms() {
   printf '%s\n' "${times[@]}" | sort -n | awk '{a[NR]=$1} END {printf "%.2f", (a[25]+a[26])/2/1000}'
 }
 
+compare() { # <home> <label>
+  local forwarded local_run
+  # Locally first, while no resident holds the stores (a local run next to a
+  # resident leaves the watched trees to it and loads less).
+  local_run=$(cd "$WORK" && KESTRUNE_LOCAL=1 median_ms "$KX" --port "$PORT" --conf "$1" fsstat:exists x)
+  start_resident "$1"
+  forwarded=$(cd "$WORK" && median_ms "$KX" --port "$PORT" fsstat:exists x)
+  printf '%-28s forwarded %7s ms   local %7s ms\n' "$2" "$forwarded" "$local_run"
+  stop_resident
+}
 echo "== kx fsstat:exists x as a process (median of 50)"
-forwarded=$(median_ms "$KX" --port "$PORT" fsstat:exists x)
-local_run=$(KESTRUNE_LOCAL=1 median_ms "$KX" --port "$PORT" --conf "$WORK/home" fsstat:exists x)
-echo "forwarded to the resident: ${forwarded} ms"
-echo "run locally:               ${local_run} ms"
+compare "$WORK/home" "empty home:"
+mkdir -p "$WORK/tree"
+for i in $(seq 2000); do echo "line $i" >"$WORK/tree/f$i.txt"; done
+KESTRUNE_LOCAL=1 "$KX" --conf "$WORK/enrolled" enroll "$WORK/tree" >/dev/null 2>&1
+compare "$WORK/enrolled" "2,000 enrolled files:"
+start_resident "$WORK/home"
 
 echo "== GET /health with wrk (${SECONDS_PER_RUN}s per run)"
 total=0
