@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Wall time of `kx fssys:help` as a whole process: median and p90 of N runs.
 # Usage: bench/cli_startup.sh [path to kx] [runs, default 20]
+# Figures of local runs: never forward to (or spawn) a resident.
+export KESTRUNE_LOCAL=1
 set -euo pipefail
 KX=${1:-build/bench/src/launcher/kx}
 runs=${2:-20}

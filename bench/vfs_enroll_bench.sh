@@ -3,6 +3,8 @@
 # tree. Prints files/s and MB/s for `kx enroll` and for `git add -A && git commit -q`,
 # then the time a fresh kx process takes to re-enroll (load) the enrolled tree.
 # Usage: vfs_enroll_bench.sh [path to kx] [files (20000)] [MiB (200)] [work dir]
+# Figures of local runs: never forward to (or spawn) a resident.
+export KESTRUNE_LOCAL=1
 set -eu
 KX=$(realpath "${1:-$(dirname "$0")/../build/bench/src/launcher/kx}")
 FILES=${2:-20000}

@@ -27,6 +27,11 @@ void set_home_override(const std::filesystem::path& dir) {
   g_cached.reset();
 }
 
+bool has_home_override() {
+  std::lock_guard lock(g_mutex);
+  return !g_override.empty();
+}
+
 const std::filesystem::path& home_dir() {
   std::lock_guard lock(g_mutex);
   if (!g_cached) g_cached = resolve();

@@ -9,6 +9,9 @@ namespace kx::platform {
 // environment. Call before the first home_dir(); an empty path clears it.
 void set_home_override(const std::filesystem::path& dir);
 
+// Whether a home was given on the command line (a spawned resident is told it too).
+bool has_home_override();
+
 // The override if set; else $ProgramData/Kestrune when ProgramData is set and not
 // empty; else <user profile>/.Kestrune.
 const std::filesystem::path& home_dir();

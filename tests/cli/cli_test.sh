@@ -2,6 +2,8 @@
 # End-to-end checks of the real kx binary: exact texts, streams and exit statuses.
 # Usage: cli_test.sh <path to kx>   (KX_EMULATOR, e.g. wine, runs a Windows build)
 set -u
+# These checks are about local runs: never forward to (or spawn) a resident.
+export KESTRUNE_LOCAL=1
 read -r -a KX <<<"${KX_EMULATOR:-}"
 KX+=("$1")
 HOME_DIR=$(mktemp -d)

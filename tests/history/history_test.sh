@@ -3,6 +3,8 @@
 # is its own process, so locks, dirty flags and versions must survive between them.
 # Usage: history_test.sh <path to kx>   (KX_EMULATOR, e.g. wine, runs a Windows build)
 set -u
+# These checks are about local runs: never forward to (or spawn) a resident.
+export KESTRUNE_LOCAL=1
 read -r -a KX <<<"${KX_EMULATOR:-}"
 KX+=("$(realpath "$1")")
 ROOT=$(mktemp -d)

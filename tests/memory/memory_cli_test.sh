@@ -3,6 +3,8 @@
 # is its own process, so whatever a later command sees came through data.mem.
 # Usage: memory_cli_test.sh <path to kx>
 set -u
+# These checks are about local runs: never forward to (or spawn) a resident.
+export KESTRUNE_LOCAL=1
 KX=$1
 HOME_DIR=$(mktemp -d)
 trap 'rm -rf "$HOME_DIR"' EXIT

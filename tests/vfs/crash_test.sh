@@ -6,6 +6,8 @@
 # Usage: crash_test.sh <path to kx> [number of saves]   (KX_EMULATOR, e.g. wine, runs a
 # Windows build)
 set -u
+# These checks are about local runs: never forward to (or spawn) a resident.
+export KESTRUNE_LOCAL=1
 read -r -a KX <<<"${KX_EMULATOR:-}"
 KX+=("$(realpath "$1")")
 SAVES=${2:-200}

@@ -3,6 +3,8 @@
 # command runs in a fresh process, so each one also re-enrolls from the config.
 # Usage: vfs_test.sh <path to kx>   (KX_EMULATOR, e.g. wine, runs a Windows build)
 set -u
+# These checks are about local runs: never forward to (or spawn) a resident.
+export KESTRUNE_LOCAL=1
 read -r -a KX <<<"${KX_EMULATOR:-}"
 KX+=("$(realpath "$1")")
 BASE=$(mktemp -d)

@@ -1,0 +1,94 @@
+#!/usr/bin/env bash
+# Figures for the resident, printed as a small report:
+#   - `kx fsstat:exists x` as a process: forwarded to a running resident vs run
+#     locally (KESTRUNE_LOCAL=1), median wall time of 50 runs each, with an empty
+#     home and with an enrolled tree of 2,000 small files (which a local run loads);
+#   - "/health" with wrk at 1, 16 and 64 connections: requests/s and p99 latency
+#     (every request is its own connection, as the server answers "Connection: close");
+#   - the resident's thread count and resident memory after 100,000 requests.
+# Usage: bench/resident_bench.sh [path to a release kx] [seconds per wrk run, default 10]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+KX=$(realpath "${1:-build/release/src/launcher/kx}")
+SECONDS_PER_RUN=${2:-10}
+[ -x "$KX" ] || { echo "no kx at $KX (build it: cmake --build build/release --target kx)" >&2; exit 1; }
+command -v wrk >/dev/null || { echo "wrk is needed (apt-get install wrk)" >&2; exit 1; }
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/kx-bench.XXXXXX")
+export HOME="$WORK/user" XDG_RUNTIME_DIR="$WORK/run"
+mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$WORK/home"
+PORT=$(node -e "const s=require('net').createServer().listen(0,'127.0.0.1',()=>{console.log(s.address().port);s.close()})")
+RESIDENT=
+cleanup() {
+  [ -n "$RESIDENT" ] && kill -TERM "$RESIDENT" 2>/dev/null && wait "$RESIDENT" 2>/dev/null
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+start_resident() { # <home>
+  "$KX" --port "$PORT" --conf "$1" boot >/dev/null 2>&1 &
+  RESIDENT=$!
+  for _ in $(seq 50); do curl -s "http://127.0.0.1:$PORT/health" >/dev/null && break; sleep 0.1; done
+}
+stop_resident() {
+  kill -TERM "$RESIDENT" && wait "$RESIDENT" 2>/dev/null
+  RESIDENT=
+}
+
+# Median wall time in milliseconds of 50 runs of the command.
+median_ms() {
+  local times=()
+  for _ in $(seq 50); do
+    local start end
+    start=$(date +%s%N)
+    "$@" >/dev/null 2>&1 || true
+    end=$(date +%s%N)
+    times+=($(((end - start) / 1000)))
+  done
+  printf '%s\n' "${times[@]}" | sort -n | awk '{a[NR]=$1} END {printf "%.2f", (a[25]+a[26])/2/1000}'
+}
+
+compare() { # <home> <label>
+  local forwarded local_run
+  # Locally first, while no resident holds the stores (a local run next to a
+  # resident leaves the watched trees to it and loads less).
+  local_run=$(cd "$WORK" && KESTRUNE_LOCAL=1 median_ms "$KX" --port "$PORT" --conf "$1" fsstat:exists x)
+  start_resident "$1"
+  forwarded=$(cd "$WORK" && median_ms "$KX" --port "$PORT" fsstat:exists x)
+  printf '%-28s forwarded %7s ms   local %7s ms\n' "$2" "$forwarded" "$local_run"
+  stop_resident
+}
+echo "== kx fsstat:exists x as a process (median of 50)"
+compare "$WORK/home" "empty home:"
+mkdir -p "$WORK/tree"
+for i in $(seq 2000); do echo "line $i" >"$WORK/tree/f$i.txt"; done
+KESTRUNE_LOCAL=1 "$KX" --conf "$WORK/enrolled" enroll "$WORK/tree" >/dev/null 2>&1
+compare "$WORK/enrolled" "2,000 enrolled files:"
+start_resident "$WORK/home"
+
+echo "== GET /health with wrk (${SECONDS_PER_RUN}s per run)"
+total=0
+run_wrk() { # <connections> <seconds>
+  local c=$1 threads=$(( $1 < 2 ? 1 : 2 ))
+  local out
+  out=$(wrk -t"$threads" -c"$c" -d"${2}s" --latency "http://127.0.0.1:$PORT/health")
+  local rps p99 count errors
+  rps=$(awk '/^Requests\/sec/ {print $2}' <<<"$out")
+  p99=$(awk '$1 == "99%" {print $2}' <<<"$out")
+  count=$(awk '/requests in/ {print $1}' <<<"$out")
+  errors=$(awk '/Socket errors|Non-2xx/ {printf "%s ", $0}' <<<"$out")
+  total=$((total + count))
+  printf '%3d connections: %10s req/s   p99 %8s   (%s requests%s)\n' "$c" "$rps" "$p99" "$count" \
+    "${errors:+; $errors}"
+}
+for c in 1 16 64; do run_wrk "$c" "$SECONDS_PER_RUN"; done
+while [ "$total" -lt 100000 ]; do
+  out=$(wrk -t2 -c16 -d5s "http://127.0.0.1:$PORT/health")
+  total=$((total + $(awk '/requests in/ {print $1}' <<<"$out")))
+done
+sleep 3  # let lingering closes finish
+threads=$(awk '/^Threads:/ {print $2}' "/proc/$RESIDENT/status")
+rss=$(awk '/^VmRSS:/ {print $2}' "/proc/$RESIDENT/status")
+hwm=$(awk '/^VmHWM:/ {print $2}' "/proc/$RESIDENT/status")
+echo "== resident after $total requests"
+echo "threads: $threads   memory: ${rss} KiB resident (peak ${hwm} KiB)"

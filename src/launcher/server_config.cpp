@@ -1,0 +1,55 @@
+#include "launcher/server_config.hpp"
+
+#include <cstdio>
+#include <fstream>
+
+#include "platform/home.hpp"
+#include "platform/socket.hpp"
+
+namespace kx::launcher {
+namespace {
+
+std::string trim(const std::string& text) {
+  std::size_t start = text.find_first_not_of(" \t\r\n");
+  if (start == std::string::npos) return {};
+  std::size_t end = text.find_last_not_of(" \t\r\n");
+  return text.substr(start, end - start + 1);
+}
+
+}  // namespace
+
+std::optional<std::string> parse_listen_address(std::istream& config) {
+  std::string section;
+  std::string line;
+  std::optional<std::string> found;
+  while (std::getline(config, line)) {
+    line = trim(line);
+    if (line.empty() || line[0] == '#' || line[0] == ';') continue;
+    if (line.front() == '[' && line.back() == ']') {
+      section = trim(line.substr(1, line.size() - 2));
+      continue;
+    }
+    std::size_t eq = line.find('=');
+    if (eq == std::string::npos) continue;
+    std::string key = trim(line.substr(0, eq));
+    if (key == "server.listen" || (section == "server" && key == "listen"))
+      found = trim(line.substr(eq + 1));
+  }
+  return found;
+}
+
+std::string configured_listen_address() {
+  for (const auto& file : {platform::main_config_file(), platform::legacy_config_file()}) {
+    std::ifstream in(file);
+    if (!in) continue;
+    auto address = parse_listen_address(in);
+    if (!address) continue;
+    if (platform::is_ipv4_address(*address)) return *address;
+    std::fprintf(stderr, "Kestrune: server.listen '%s' is not an IPv4 address — using 127.0.0.1\n",
+                 address->c_str());
+    break;
+  }
+  return "127.0.0.1";
+}
+
+}  // namespace kx::launcher

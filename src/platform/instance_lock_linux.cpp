@@ -1,0 +1,54 @@
+// The lock is an exclusive flock on "Kestrune_resident_daemon_<port>.lock" in the
+// user's runtime directory (else /tmp). The file itself is never removed: removing
+// it would let a second process lock a fresh inode while the first still holds the
+// old one.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "platform/env.hpp"
+#include "platform/instance_lock.hpp"
+
+namespace kx::platform {
+
+InstanceLock& InstanceLock::operator=(InstanceLock&& other) noexcept {
+  if (this != &other) {
+    release();
+    handle_ = other.handle_;
+    other.handle_ = -1;
+  }
+  return *this;
+}
+
+void InstanceLock::release() {
+  if (handle_ >= 0) {
+    ::flock(static_cast<int>(handle_), LOCK_UN);
+    ::close(static_cast<int>(handle_));
+  }
+  handle_ = -1;
+}
+
+std::filesystem::path instance_lock_path(std::uint16_t port) {
+  std::filesystem::path dir = get_env_nonempty("XDG_RUNTIME_DIR").value_or("/tmp");
+  return dir / ("Kestrune_resident_daemon_" + std::to_string(port) + ".lock");
+}
+
+std::optional<InstanceLock> try_lock_instance(std::uint16_t port) {
+  std::string path = instance_lock_path(port).string();
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return std::nullopt;
+  int rc;
+  do {
+    rc = ::flock(fd, LOCK_EX | LOCK_NB);
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0) {
+    ::close(fd);
+    return std::nullopt;
+  }
+  return InstanceLock(fd);
+}
+
+}  // namespace kx::platform

@@ -1,0 +1,170 @@
+#include "server/router.hpp"
+
+#include <string_view>
+
+#include "server/routes.hpp"
+#include "server/server_state.hpp"
+
+namespace kx::server {
+namespace {
+
+using Handler = Response (*)(ServerState&, const Request&, RouteEffects&);
+
+struct Route {
+  const char* path;
+  bool prefix;
+  const char* method;        // only this method matches; nullptr: any
+  const char* refusal;       // loopback-only: the 403 body; nullptr: open to every peer
+  const char* refusal_type;  // content type of the refusal
+  Handler handler;           // nullptr: the subsystem is not in this build (404)
+};
+
+constexpr const char* J = kJson;
+constexpr const char* kLoopbackOnly = R"({"ok":false,"error":"loopback only"})";
+
+// Checked in order; the first match answers.
+const Route kRoutes[] = {
+    {"/", false, nullptr, nullptr, nullptr, handle_index},
+    {"/index.html", false, nullptr, nullptr, nullptr, handle_index},
+    {"/dm/thread", false, nullptr, nullptr, nullptr, handle_dm_thread},
+    {"/ui", false, nullptr, nullptr, nullptr, handle_ui},
+    {"/ui/", true, nullptr, nullptr, nullptr, handle_ui},
+    {"/roster", false, nullptr, nullptr, nullptr, handle_roster},
+    {"/channels", false, nullptr, nullptr, nullptr, handle_channels},
+    {"/term/open", false, nullptr, kLoopbackOnly, J, nullptr},
+    {"/term/share", false, nullptr, kLoopbackOnly, J, nullptr},
+    {"/term/send", false, nullptr, kLoopbackOnly, J, nullptr},
+    {"/term/resize", false, nullptr, kLoopbackOnly, J, nullptr},
+    {"/term/read", false, nullptr, kLoopbackOnly, J, nullptr},
+    {"/term/close", false, nullptr, kLoopbackOnly, J, nullptr},
+    {"/console/exec", false, "POST", R"({"ok":false,"error":"/console/exec is loopback-only"})", J,
+     handle_console_exec},
+    {"/console/tail", false, nullptr, R"({"ok":false,"error":"/console/tail is loopback-only"})", J,
+     nullptr},
+    {"/manual/list", false, nullptr, nullptr, nullptr, handle_manual_list},
+    {"/manual/page", false, nullptr, nullptr, nullptr, handle_manual_page},
+    {"/meistro/new", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/meistro/crew", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/meistro/delete", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/meistro/status", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/taskforce/prepare", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/taskforce/split", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/taskforce/atomic", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/taskforce/agree", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/taskforce/approve", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/taskforce/green", false, "POST", kLoopbackOnly, J, nullptr},
+    {"/vc/dirs", false, nullptr, R"({"ok":false,"error":"/vc/dirs is loopback-only"})", J, nullptr},
+    {"/vc/add", false, "POST", R"({"ok":false,"error":"/vc/add is loopback-only"})", J, nullptr},
+    // These change the stores' state, so they are guarded like /vc/add.
+    {"/vc/emit", false, "POST", R"({"ok":false,"error":"/vc/emit is loopback-only"})", J, nullptr},
+    {"/vc/approve", false, "POST", R"({"ok":false,"error":"/vc/approve is loopback-only"})", J,
+     nullptr},
+    {"/vc/unenroll", false, "POST", R"({"ok":false,"error":"/vc/unenroll is loopback-only"})", J,
+     nullptr},
+    {"/kestnode/", true, nullptr, nullptr, nullptr, handle_kestnode},
+    {"/bots/create", false, "POST", R"({"ok":false,"error":"bot mutations are loopback-only"})", J,
+     nullptr},
+    {"/bots/delete", false, "POST", R"({"ok":false,"error":"bot mutations are loopback-only"})", J,
+     nullptr},
+    {"/bots/despawn", false, "POST", R"({"ok":false,"error":"bot mutations are loopback-only"})", J,
+     nullptr},
+    {"/bots/spawn", false, "POST", R"({"ok":false,"error":"spawn is loopback-only"})", J, nullptr},
+    {"/team/spawn", false, "POST", R"({"ok":false,"error":"team spawn is loopback-only"})", J,
+     nullptr},
+    {"/team/rename", false, "POST", R"({"ok":false,"error":"team rename is loopback-only"})", J,
+     nullptr},
+    {"/team/despawn", false, "POST", R"({"ok":false,"error":"team despawn is loopback-only"})", J,
+     nullptr},
+    {"/team/state", false, "POST", R"({"ok":false,"error":"team state is loopback-only"})", J,
+     nullptr},
+    {"/arena/lanes", false, "POST", R"({"ok":false,"error":"lanes control is loopback-only"})", J,
+     nullptr},
+    {"/work", false, "POST", R"({"ok":false,"error":"work control is loopback-only"})", J, nullptr},
+    {"/chatlog", false, nullptr, nullptr, nullptr, handle_chatlog},
+    {"/tick/run", false, "POST", R"({"ok":false,"error":"tick run is loopback-only"})", J, nullptr},
+    {"/bots/file", false, "GET", R"({"error":"bot file read is loopback-only"})", J, nullptr},
+    {"/bots/file", false, "POST", R"({"ok":false,"error":"bot file writes are loopback-only"})", J,
+     nullptr},
+    {"/bots/memories", false, nullptr, R"({"error":"bot memory read is loopback-only"})", J,
+     nullptr},
+    {"/bots/memory", false, nullptr, R"({"error":"bot memory read is loopback-only"})", J, nullptr},
+    {"/bots/search", false, nullptr, R"({"error":"bot memory read is loopback-only"})", J, nullptr},
+    {"/debug/stream", false, nullptr, R"({"ok":false,"error":"debug stream is loopback-only"})", J,
+     handle_debug_stream},
+    {"/interp", false, "POST", "interp is loopback-only", kText, handle_interp},
+    {"/rpc", false, "POST",
+     R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"mcp is loopback-only"}})", J,
+     nullptr},
+    {"/mcp", false, "POST",
+     R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"mcp is loopback-only"}})", J,
+     nullptr},
+    {"/mcp", false, "GET", nullptr, nullptr, handle_mcp_get},
+    {"/v1/chat/completions", false, "POST",
+     R"({"error":{"message":"oai-gateway is loopback-only","type":"forbidden"}})", J, nullptr},
+    {"/health", false, nullptr, nullptr, nullptr, handle_health},
+    {"/shutdown", false, "POST", kLoopbackOnly, J, handle_shutdown},
+    {"/dialog/bind", false, "POST", R"({"ok":false,"error":"dialog bind is loopback-only"})", J,
+     nullptr},
+};
+
+bool matches(const Route& route, const Request& request) {
+  if (route.method != nullptr && request.method != route.method) return false;
+  std::string_view path = request.path;
+  return route.prefix ? path.starts_with(route.path) : path == route.path;
+}
+
+bool host_is_loopback(std::string_view host) {
+  if (host.empty()) return true;  // HTTP/1.0 tools send none; a browser always does
+  if (host.starts_with("[")) {
+    std::size_t close = host.find(']');
+    return close != std::string_view::npos && host.substr(0, close + 1) == "[::1]";
+  }
+  host = host.substr(0, host.find(':'));
+  if (host == "localhost") return true;
+  if (!host.starts_with("127.")) return false;
+  int dots = 0;
+  for (char c : host) {
+    if (c == '.') {
+      ++dots;
+    } else if (c < '0' || c > '9') {
+      return false;
+    }
+  }
+  return dots == 3;
+}
+
+}  // namespace
+
+bool passes_loopback_rule(const Request& request, std::uint16_t port) {
+  if (!request.loopback) return false;
+  std::string host = request.header("host");
+  for (char& c : host)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  if (!host_is_loopback(host)) return false;
+  auto origin = request.headers.find("origin");
+  if (origin != request.headers.end()) {
+    const std::string port_text = std::to_string(port);
+    std::string_view value = origin->second;
+    auto is_own = [&](std::string_view host) {
+      return value.size() == host.size() + 1 + port_text.size() && value.starts_with(host) &&
+             value[host.size()] == ':' && value.ends_with(port_text);
+    };
+    if (!is_own("http://127.0.0.1") && !is_own("http://localhost")) return false;
+  }
+  return true;
+}
+
+Response route_request(ServerState& state, const Request& request, RouteEffects& effects) {
+  for (const Route& route : kRoutes) {
+    if (!matches(route, request)) continue;
+    if (route.refusal != nullptr &&
+        !passes_loopback_rule(request,
+                              state.bound_port ? state.bound_port.load() : state.options.port))
+      return {"403 Forbidden", route.refusal_type, route.refusal};
+    if (route.handler == nullptr) break;
+    return route.handler(state, request, effects);
+  }
+  return text_response("404 Not Found", "not found");
+}
+
+}  // namespace kx::server

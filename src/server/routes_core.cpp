@@ -1,0 +1,93 @@
+#include <chrono>
+
+#include "server/json_escape.hpp"
+#include "server/routes.hpp"
+#include "server/server_state.hpp"
+#include "server/version.hpp"
+
+namespace kx::server {
+namespace {
+
+std::string health_body(bool shutting_down) {
+  std::string body =
+      std::string("{\"ok\":true,\"app\":\"Kestrune\",\"version\":\"") + kVersion + "\"";
+  if (shutting_down) body += ",\"shutting_down\":true";
+  return body + "}";
+}
+
+std::string run_logged(ServerState& state, const ExecRequest& exec, const char* route) {
+  auto start = std::chrono::steady_clock::now();
+  std::string out = state.options.exec(exec);
+  auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    std::chrono::steady_clock::now() - start)
+                    .count();
+  state.debug.log(std::string("{\"event\":\"exec\",\"route\":\"") + route + "\",\"bot\":" +
+                  json_string(exec.bot) + ",\"bytes\":" + std::to_string(exec.line.size()) +
+                  ",\"ms\":" + std::to_string(millis) + "}");
+  return out;
+}
+
+}  // namespace
+
+Response handle_health(ServerState&, const Request&, RouteEffects&) {
+  return ok_json(health_body(false));
+}
+
+Response handle_shutdown(ServerState& state, const Request& request, RouteEffects& effects) {
+  if (request.header("x-kst-control") != "shutdown")
+    return json_response("403 Forbidden",
+                         R"({"ok":false,"error":"missing X-Kst-Control: shutdown"})");
+  auto on_shutdown = state.options.on_shutdown;
+  effects.after_response = [on_shutdown] {
+    if (on_shutdown) on_shutdown();
+  };
+  return ok_json(health_body(true));
+}
+
+Response handle_console_exec(ServerState& state, const Request& request, RouteEffects&) {
+  std::string bot = form_param(request.query, "bot");
+  if (bot.empty() || request.body.empty())
+    return json_response("400 Bad Request", R"({"ok":false,"error":"bot and command required"})");
+  if (request.body.size() > kMaxCommandBytes)
+    return json_response("413 Payload Too Large",
+                         R"x({"ok":false,"error":"command too large (limit 1 MiB)"})x");
+  if (!state.options.exec)
+    return json_response("503 Service Unavailable",
+                         R"({"ok":false,"error":"interpreter bridge not wired"})");
+  ExecRequest exec{bot, request.body, request.header("x-kst-cwd"),
+                   request.header("x-kst-tty") == "1"};
+  std::string out = run_logged(state, exec, "/console/exec");
+  return ok_json("{\"ok\":true,\"bot\":" + json_string(bot) + ",\"out\":" + json_string(out) + "}");
+}
+
+Response handle_interp(ServerState& state, const Request& request, RouteEffects&) {
+  std::string cmd = form_param(request.query, "cmd");
+  if (cmd.empty()) cmd = request.body;
+  if (cmd.empty()) return {"400 Bad Request", kTextUtf8, "cmd required (query ?cmd= or POST body)"};
+  if (!state.options.exec)
+    return {"503 Service Unavailable", kTextUtf8, "interpreter bridge not wired"};
+  std::string bot = form_param(request.query, "bot");
+  ExecRequest exec{bot.empty() ? "cli" : bot, cmd, {}, false};
+  return {"200 OK", kTextUtf8, run_logged(state, exec, "/interp")};
+}
+
+Response handle_debug_stream(ServerState& state, const Request& request, RouteEffects&) {
+  std::uint64_t since = 0;
+  for (char c : form_param(request.query, "since")) {
+    if (c < '0' || c > '9' || since > (UINT64_MAX - 9) / 10) break;
+    since = since * 10 + static_cast<std::uint64_t>(c - '0');
+  }
+  return ok_json(state.debug.since_json(since));
+}
+
+Response handle_mcp_get(ServerState&, const Request&, RouteEffects&) {
+  return {"200 OK", kTextUtf8,
+          "Kestrune MCP server — POST JSON-RPC 2.0 to /mcp. Call tools/list to begin."};
+}
+
+Response handle_kestnode(ServerState&, const Request&, RouteEffects&) {
+  return json_response("503 Service Unavailable",
+                       R"({"ok":false,"error":"Kestnode is disabled in this build"})");
+}
+
+}  // namespace kx::server

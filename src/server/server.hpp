@@ -1,0 +1,64 @@
+#pragma once
+// The resident's HTTP/1.1 and WebSocket server: one listening socket, one detached
+// thread per connection, one request and one answer per connection (except a
+// WebSocket upgrade, which keeps its connection for frames).
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "server/chat_hub.hpp"
+
+namespace kx::server {
+
+// One command line handed to the interpreter by "/console/exec" or "/interp".
+struct ExecRequest {
+  std::string bot;
+  std::string line;
+  std::string cwd;   // the caller's working directory, "" when not sent
+  bool tty = false;  // the caller's output is a terminal
+};
+using ExecBridge = std::function<std::string(const ExecRequest&)>;
+
+struct ServerOptions {
+  std::uint16_t port = 9999;
+  // "127.0.0.1" keeps the port private to this machine; "0.0.0.0" opens it, and
+  // then the loopback rule guards every private route.
+  std::string listen_address = "127.0.0.1";
+  ExecBridge exec;                    // empty: the interpreter routes answer 503
+  std::function<void()> on_shutdown;  // called after "/shutdown" has been answered
+  // Folders holding web/ and docs/manual/, searched in order.
+  std::vector<std::filesystem::path> asset_roots;
+  ChatPaths chat;
+  int bind_retry_millis = 120000;
+};
+
+struct ServerState;
+
+class Server {
+ public:
+  explicit Server(ServerOptions options);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Binds (retrying while the port is busy), listens and runs the accept loop.
+  // Returns 1 when the port could not be served, 0 after stop().
+  int serve();
+  // Ends the accept loop; connections under way finish on their own threads.
+  void stop();
+
+  enum class Phase { kStarting, kListening, kFailed, kStopped };
+  Phase phase() const;
+  // The port actually bound (differs from the option when that was 0); 0 before.
+  std::uint16_t bound_port() const;
+  // Connections being served right now (HTTP and WebSocket).
+  int active_connections() const;
+
+ private:
+  std::shared_ptr<ServerState> state_;
+};
+
+}  // namespace kx::server

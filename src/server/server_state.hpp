@@ -1,0 +1,37 @@
+#pragma once
+// What every connection thread shares with the listener. Held by shared_ptr so
+// that a connection still running when the server object goes away keeps it alive.
+#include <atomic>
+#include <memory>
+
+#include "platform/socket.hpp"
+#include "server/chat_hub.hpp"
+#include "server/debug_events.hpp"
+#include "server/server.hpp"
+
+namespace kx::server {
+
+struct ServerState {
+  explicit ServerState(ServerOptions opts) : options(std::move(opts)), chat(options.chat) {}
+
+  ServerOptions options;
+  ChatHub chat;
+  DebugEvents debug;
+  std::atomic<int> active{0};
+  std::atomic<Server::Phase> phase{Server::Phase::kStarting};
+  std::atomic<bool> stopping{false};
+  std::atomic<std::uint16_t> bound_port{0};
+  platform::Socket listener;  // valid while listening
+};
+
+// Connections beyond this many at once are closed at accept: a flood of idle
+// sockets must not exhaust the process's threads.
+inline constexpr int kMaxConnections = 1024;
+
+// Serves one accepted connection to its end; runs on its own thread.
+void handle_connection(std::shared_ptr<ServerState> state, platform::Socket socket, bool loopback);
+
+// Runs the WebSocket frame loop after a successful upgrade request.
+void serve_websocket(ServerState& state, platform::Socket& socket, const struct Request& request);
+
+}  // namespace kx::server

@@ -1,0 +1,175 @@
+// The server end to end over real sockets: exact answer bytes, the console-exec
+// rules, the request limits, and shutdown.
+#include "server/server.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "server/http_request.hpp"
+#include "server/test_client.hpp"
+
+namespace kx::server {
+namespace {
+
+using testing::body_of;
+using testing::raw_exchange;
+using testing::RunningServer;
+using testing::status_of;
+
+std::string post(const std::string& target, const std::string& body,
+                 const std::string& extra_headers = "") {
+  return "POST " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + extra_headers +
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+struct Recorded {
+  std::mutex lock;
+  ExecRequest last;
+};
+
+ServerOptions with_bridge(std::shared_ptr<Recorded> recorded) {
+  ServerOptions options;
+  options.exec = [recorded](const ExecRequest& request) {
+    std::lock_guard guard(recorded->lock);
+    recorded->last = request;
+    return "OK: ran " + request.line + "\r\n\ttab \"q\"";
+  };
+  return options;
+}
+
+}  // namespace
+
+TEST(Server, HealthAnswersWithTheExactBytes) {
+  RunningServer server{ServerOptions{}};
+  EXPECT_EQ(raw_exchange(server.port(), "GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"),
+            "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 47\r\n"
+            "Cache-Control: no-store\r\nConnection: close\r\n\r\n"
+            "{\"ok\":true,\"app\":\"Kestrune\",\"version\":\"1.0.11\"}");
+}
+
+TEST(Server, UnknownPathsAndSubsystemsNotInThisBuildAnswerNotFound) {
+  RunningServer server{ServerOptions{}};
+  for (const char* path : {"/nope", "/HEALTH", "/term/list", "/vc/list"}) {
+    std::string reply =
+        raw_exchange(server.port(), std::string("GET ") + path + " HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(status_of(reply), "HTTP/1.1 404 Not Found") << path;
+    EXPECT_EQ(body_of(reply), "not found") << path;
+  }
+}
+
+TEST(Server, ConsoleExecRunsTheBodyAndEscapesTheResult) {
+  auto recorded = std::make_shared<Recorded>();
+  RunningServer server{with_bridge(recorded)};
+  std::string reply = raw_exchange(
+      server.port(),
+      post("/console/exec?bot=cli", "fs:ls .", "X-Kst-Cwd: /tmp/work dir\r\nX-Kst-Tty: 1\r\n"));
+  EXPECT_EQ(status_of(reply), "HTTP/1.1 200 OK");
+  EXPECT_EQ(body_of(reply),
+            "{\"ok\":true,\"bot\":\"cli\",\"out\":\"OK: ran fs:ls .\\n\\u0009tab \\\"q\\\"\"}");
+  std::lock_guard guard(recorded->lock);
+  EXPECT_EQ(recorded->last.bot, "cli");
+  EXPECT_EQ(recorded->last.line, "fs:ls .");
+  EXPECT_EQ(recorded->last.cwd, "/tmp/work dir");
+  EXPECT_TRUE(recorded->last.tty);
+}
+
+TEST(Server, ConsoleExecChecksBotAndCommandBeforeSizeAndSizeBeforeTheBridge) {
+  auto recorded = std::make_shared<Recorded>();
+  RunningServer wired{with_bridge(recorded)};
+  RunningServer unwired{ServerOptions{}};
+  std::string limit(kMaxCommandBytes, 'x');
+
+  std::string no_bot = raw_exchange(wired.port(), post("/console/exec", std::string(limit + "x")));
+  EXPECT_EQ(status_of(no_bot), "HTTP/1.1 400 Bad Request");
+  EXPECT_EQ(body_of(no_bot), R"({"ok":false,"error":"bot and command required"})");
+  std::string no_length =
+      raw_exchange(wired.port(), "POST /console/exec?bot=cli HTTP/1.1\r\n\r\nignored");
+  EXPECT_EQ(status_of(no_length), "HTTP/1.1 400 Bad Request");
+
+  std::string too_big = raw_exchange(wired.port(), post("/console/exec?bot=cli", limit + "x"));
+  EXPECT_EQ(status_of(too_big), "HTTP/1.1 413 Payload Too Large");
+  EXPECT_EQ(body_of(too_big), R"x({"ok":false,"error":"command too large (limit 1 MiB)"})x");
+  EXPECT_EQ(status_of(raw_exchange(wired.port(), post("/console/exec?bot=cli", limit))),
+            "HTTP/1.1 200 OK");
+
+  std::string unwired_reply = raw_exchange(unwired.port(), post("/console/exec?bot=cli", "x"));
+  EXPECT_EQ(status_of(unwired_reply), "HTTP/1.1 503 Service Unavailable");
+  EXPECT_EQ(body_of(unwired_reply), R"({"ok":false,"error":"interpreter bridge not wired"})");
+}
+
+TEST(Server, InterpTakesTheQueryOrTheBodyAndAnswersPlainText) {
+  auto recorded = std::make_shared<Recorded>();
+  RunningServer server{with_bridge(recorded)};
+  std::string from_query = raw_exchange(server.port(), post("/interp?cmd=fs%3Als+x", ""));
+  EXPECT_NE(from_query.find("Content-Type: text/plain; charset=utf-8\r\n"), std::string::npos);
+  EXPECT_EQ(body_of(from_query), "OK: ran fs:ls x\r\n\ttab \"q\"");
+  EXPECT_EQ(body_of(raw_exchange(server.port(), post("/interp", "help"))).substr(0, 11),
+            "OK: ran hel");
+  std::string empty = raw_exchange(server.port(), post("/interp", ""));
+  EXPECT_EQ(status_of(empty), "HTTP/1.1 400 Bad Request");
+  EXPECT_EQ(body_of(empty), "cmd required (query ?cmd= or POST body)");
+}
+
+TEST(Server, OversizedHeadsAndBodiesAreDroppedWithoutAnAnswer) {
+  RunningServer server{ServerOptions{}};
+  std::string huge_head = "GET /health HTTP/1.1\r\nX-Pad: " + std::string(70000, 'a') + "\r\n\r\n";
+  EXPECT_EQ(raw_exchange(server.port(), huge_head), "");
+  std::string huge_body =
+      "POST /console/exec?bot=cli HTTP/1.1\r\nContent-Length: 33554433\r\n\r\nx";
+  EXPECT_EQ(raw_exchange(server.port(), huge_body), "");
+  // A head just under the limit is still served.
+  std::string big_head = "GET /health HTTP/1.1\r\nX-Pad: " + std::string(60000, 'a') + "\r\n\r\n";
+  EXPECT_EQ(status_of(raw_exchange(server.port(), big_head)), "HTTP/1.1 200 OK");
+}
+
+TEST(Server, ShutdownNeedsPostAndTheControlHeaderThenStopsAfterAnswering) {
+  std::atomic<int> stops{0};
+  ServerOptions options;
+  options.on_shutdown = [&stops] { ++stops; };
+  RunningServer server{std::move(options)};
+  EXPECT_EQ(status_of(raw_exchange(server.port(), "GET /shutdown HTTP/1.1\r\n\r\n")),
+            "HTTP/1.1 404 Not Found");
+  std::string refused = raw_exchange(server.port(), post("/shutdown", ""));
+  EXPECT_EQ(status_of(refused), "HTTP/1.1 403 Forbidden");
+  EXPECT_EQ(body_of(refused), R"({"ok":false,"error":"missing X-Kst-Control: shutdown"})");
+  EXPECT_EQ(stops.load(), 0);
+  std::string accepted =
+      raw_exchange(server.port(),
+                   "POST /shutdown HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Control: shutdown\r\n"
+                   "Content-Length: 0\r\nConnection: close\r\n\r\n");
+  EXPECT_EQ(body_of(accepted),
+            R"({"ok":true,"app":"Kestrune","version":"1.0.11","shutting_down":true})");
+  for (int i = 0; i < 100 && stops.load() == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(stops.load(), 1);
+}
+
+TEST(Server, ASecondServerCannotBindAPortThatIsServed) {
+  RunningServer first{ServerOptions{}};
+  ServerOptions options;
+  options.port = first.port();
+  options.bind_retry_millis = 0;
+  Server second(std::move(options));
+  EXPECT_EQ(second.serve(), 1);
+  EXPECT_EQ(second.phase(), Server::Phase::kFailed);
+}
+
+TEST(Server, ConnectionsEndAfterAbuseAndNoThreadIsLeftBehind) {
+  RunningServer server{ServerOptions{}};
+  // Half-closed and garbage connections, then a normal request still works.
+  for (int i = 0; i < 20; ++i) {
+    auto socket = platform::connect_loopback(server.port(), 1000);
+    ASSERT_TRUE(socket);
+    platform::send_all(*socket, i % 2 ? "\x16\x03\x01garbage" : "GET /he");
+    platform::shutdown_send(*socket);
+  }
+  EXPECT_EQ(status_of(raw_exchange(server.port(), "GET /health HTTP/1.1\r\n\r\n")),
+            "HTTP/1.1 200 OK");
+  for (int i = 0; i < 300 && server.server().active_connections() > 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(server.server().active_connections(), 0);
+}
+
+}  // namespace kx::server

@@ -1,0 +1,136 @@
+// Chat over WebSocket against a real resident, with the `ws` client:
+//   KX=<path to kx> node --test tests/resident/chat.test.mjs
+import { test, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
+import fs from 'node:fs';
+import net from 'node:net';
+import os from 'node:os';
+import path from 'node:path';
+import WebSocket from 'ws';
+
+const kx = process.env.KX;
+const work = fs.mkdtempSync(path.join(os.tmpdir(), 'kx-chat-e2e-'));
+const userHome = path.join(work, 'user');
+let port;
+let resident;
+
+const freePort = () => new Promise((resolve) => {
+  const s = net.createServer().listen(0, '127.0.0.1', () => { const p = s.address().port; s.close(() => resolve(p)); });
+});
+const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+const url = (p) => `http://127.0.0.1:${port}${p}`;
+
+// A chat client that keeps every parsed message and can wait for one.
+class Client {
+  constructor() {
+    this.messages = [];
+    this.waiters = [];
+    this.ws = new WebSocket(`ws://127.0.0.1:${port}/`);
+    this.ws.on('message', (data) => {
+      const msg = JSON.parse(data.toString());
+      this.messages.push(msg);
+      this.waiters = this.waiters.filter((w) => !(w.match(msg) && (w.resolve(msg), true)));
+    });
+    this.opened = new Promise((resolve, reject) => { this.ws.once('open', resolve); this.ws.once('error', reject); });
+    this.closed = new Promise((resolve) => this.ws.once('close', (code) => resolve(code)));
+  }
+  send(text) { this.ws.send(text); }
+  waitFor(match, ms = 3000) {
+    const seen = this.messages.find(match);
+    if (seen) return Promise.resolve(seen);
+    return new Promise((resolve, reject) => {
+      const timer = setTimeout(() => reject(new Error('timed out waiting for a message')), ms);
+      this.waiters.push({ match, resolve: (m) => { clearTimeout(timer); resolve(m); } });
+    });
+  }
+}
+
+before(async () => {
+  fs.mkdirSync(path.join(userHome, '.Kestrune', 'config'), { recursive: true });
+  fs.writeFileSync(path.join(userHome, '.Kestrune', 'config', 'bot.cfg'), '[callsigns]\nfalcon\n');
+  port = await freePort();
+  resident = spawn(kx, ['boot', '--port', String(port), '--conf', path.join(work, 'home')], {
+    env: { ...process.env, HOME: userHome, XDG_RUNTIME_DIR: work }, stdio: 'ignore',
+  });
+  for (let i = 0; i < 50; i++) {
+    try { if ((await fetch(url('/health'))).ok) return; } catch { /* not up yet */ }
+    await sleep(100);
+  }
+  throw new Error('resident did not come up');
+});
+
+after(async () => {
+  resident.kill('SIGTERM');
+  await new Promise((r) => resident.once('exit', r));
+  fs.rmSync(work, { recursive: true, force: true });
+});
+
+test('join, talk, direct messages, roster and logs', async () => {
+  const ann = new Client();
+  const ben = new Client();
+  await Promise.all([ann.opened, ben.opened]);
+  ann.send('join\ngeneral\nann');
+  const joined = await ann.waitFor((m) => m.type === 'joined');
+  assert.deepEqual({ channel: joined.channel, name: joined.name }, { channel: 'general', name: 'ann' });
+  ann.send('msg\nhello there');
+  await ann.waitFor((m) => m.type === 'msg' && m.msg.text === 'hello there');
+
+  ben.send('join\ngeneral\nben');
+  const benJoined = await ben.waitFor((m) => m.type === 'joined');
+  assert.ok(benJoined.history.some((r) => r.from === 'ann' && r.text === 'hello there' && r.kind === 'chat'));
+  const roster = await ann.waitFor((m) => m.type === 'roster' && m.users.length === 2);
+  assert.deepEqual([...roster.users].sort(), ['ann', 'ben']);
+  assert.ok(roster.detail.every((d) => d.live === true && d.channel === 'general'));
+
+  ben.send('dm\nann\njust you');
+  const dm = await ann.waitFor((m) => m.type === 'msg' && m.msg.kind === 'dm');
+  assert.equal(dm.msg.from, 'ben');
+  assert.equal(dm.msg.to, 'ann');
+  ben.send('dm\nnobody\nhi');
+  const notice = await ben.waitFor((m) => m.type === 'msg' && m.msg.kind === 'sys' && m.msg.text.startsWith('no such user:'));
+  assert.equal(notice.msg.from, 'server');
+
+  ben.ws.close(1000);
+  assert.equal(await ben.closed, 1000);
+  await ann.waitFor((m) => m.type === 'msg' && m.msg.text === 'ben left general');
+
+  const log = await (await fetch(url('/chatlog?channel=general'))).json();
+  assert.equal(log.ok, true);
+  assert.ok(log.records.some((r) => r.text === 'hello there'));
+  const channels = await (await fetch(url('/channels'))).json();
+  assert.deepEqual(channels, { ok: true, channels: ['general'] });
+  const thread = await (await fetch(url('/dm/thread?a=ann&b=ben'))).json();
+  assert.equal(thread.msgs.length, 1);
+  assert.ok(fs.existsSync(path.join(userHome, '.Kestrune', 'chatlogs', 'general.log')));
+  ann.ws.close();
+});
+
+test('a nameless client gets a callsign and fragments are joined', async () => {
+  const anon = new Client();
+  await anon.opened;
+  anon.send('join\n', { fin: false });
+  anon.send('general', { fin: true });
+  const joined = await anon.waitFor((m) => m.type === 'joined');
+  assert.equal(joined.name, 'falcon');
+  await anon.waitFor((m) => m.type === 'msg' && m.msg.text === 'your callsign is now falcon');
+  anon.ws.close();
+});
+
+test('ping is answered with the same payload', async () => {
+  const c = new Client();
+  await c.opened;
+  const pong = new Promise((resolve) => c.ws.once('pong', (data) => resolve(data.toString())));
+  c.ws.ping('still there?');
+  assert.equal(await pong, 'still there?');
+  c.ws.close();
+});
+
+test('a frame above 1 MiB ends the connection without a close frame', async () => {
+  const c = new Client();
+  await c.opened;
+  c.send('msg\n' + 'x'.repeat(1024 * 1024 + 1));
+  assert.equal(await c.closed, 1006);
+  const health = await (await fetch(url('/health'))).json();
+  assert.equal(health.app, 'Kestrune');
+});

@@ -1,0 +1,68 @@
+# Helpers for the resident's end-to-end tests (sourced). Every test gets its own
+# temporary home, HOME and runtime directory, picks free ports, and ends what it
+# started by process id.
+set -u
+
+KX=$(realpath "${1:?usage: $0 <path to kx>}")
+TESTS_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/kx-resident-e2e.XXXXXX")
+export HOME="$WORK/user" XDG_RUNTIME_DIR="$WORK/run"
+unset ProgramData KESTRUNE_LOCAL
+mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$WORK/home"
+CONF="$WORK/home"
+PASSED=0
+FAILED=0
+STARTED_PIDS=()
+
+ok() { PASSED=$((PASSED + 1)); echo "ok - $1"; }
+not_ok() { FAILED=$((FAILED + 1)); echo "not ok - $1"; }
+check() { # <description> <command...>
+  local what=$1; shift
+  if "$@"; then ok "$what"; else not_ok "$what"; fi
+}
+same() { # <description> <expected> <actual>
+  if [ "$2" == "$3" ]; then ok "$1"; else
+    not_ok "$1"; printf '   expected: %q\n   actual:   %q\n' "$2" "$3"; fi
+}
+
+free_port() {
+  node -e "const s=require('net').createServer().listen(0,'127.0.0.1',()=>{console.log(s.address().port);s.close()})"
+}
+
+# The pid of whatever listens on the port (empty when nothing does).
+pid_on_port() {
+  ss -Htlnp "sport = :$1" 2>/dev/null | sed -n 's/.*pid=\([0-9]*\).*/\1/p' | head -n1
+}
+
+health() { curl -s --max-time 3 "http://127.0.0.1:$1/health"; }
+
+wait_until() { # <tenths of a second> <command...>
+  local tries=$1; shift
+  for ((i = 0; i < tries; i++)); do "$@" && return 0; sleep 0.1; done
+  return 1
+}
+port_free() { [ -z "$(pid_on_port "$1")" ]; }
+listening() { [ -n "$(pid_on_port "$1")" ]; }
+answering() { [ -n "$(health "$1")" ]; }
+pid_gone() { ! kill -0 "$1" 2>/dev/null; }
+
+# Remembers a resident found on a port so that cleanup can end it by pid.
+track_port() {
+  local pid
+  pid=$(pid_on_port "$1")
+  [ -n "$pid" ] && STARTED_PIDS+=("$pid")
+  echo "$pid"
+}
+
+cleanup() {
+  for pid in "${STARTED_PIDS[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+  sleep 0.2
+  for pid in "${STARTED_PIDS[@]}"; do kill -KILL "$pid" 2>/dev/null; done
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+finish() {
+  echo "$PASSED passed, $FAILED failed"
+  [ "$FAILED" -eq 0 ]
+}
