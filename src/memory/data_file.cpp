@@ -94,6 +94,8 @@ bool load_data_file(ContextStore& store) {
     });
     return read;
   }
+  // Converting an old file renames over it, which Windows refuses while it is open.
+  in.close();
   std::string bytes;
   if (!read_whole_file(store.data_path(), bytes)) return false;
   load_from_bytes(store, bytes);

@@ -1,13 +1,11 @@
 #include "platform/http_client.hpp"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
+
+#include "platform/socket.hpp"
 
 namespace kx::platform {
 namespace {
@@ -17,22 +15,15 @@ namespace {
 class StubServer {
  public:
   explicit StubServer(std::string reply) : reply_(std::move(reply)) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    EXPECT_EQ(::listen(listener_, 1), 0);
-    socklen_t len = sizeof addr;
-    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
+    ListenResult listening = listen_tcp("127.0.0.1", 0);
+    EXPECT_TRUE(listening.socket.has_value());
+    listener_ = std::move(*listening.socket);
+    port_ = local_port(listener_);
     thread_ = std::thread([this] { serve(); });
   }
   ~StubServer() {
-    ::shutdown(listener_, SHUT_RDWR);
+    if (!served_) connect_loopback(port_, 1000);  // wake an accept nobody came to
     thread_.join();
-    ::close(listener_);
   }
   std::string url(std::string_view path) const {
     return "http://127.0.0.1:" + std::to_string(port_) + std::string(path);
@@ -41,8 +32,10 @@ class StubServer {
 
  private:
   void serve() {
-    const int fd = ::accept(listener_, nullptr, nullptr);
-    if (fd < 0) return;
+    std::optional<Accepted> peer = accept_connection(listener_);
+    served_ = true;
+    listener_.close();  // later connections are refused
+    if (!peer) return;
     char buffer[4096];
     while (true) {
       const auto header_end = request_.find("\r\n\r\n");
@@ -52,21 +45,21 @@ class StubServer {
             at == std::string::npos ? 0 : std::stoul(request_.substr(at + 16));
         if (request_.size() >= header_end + 4 + length) break;
       }
-      const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+      const long n = receive_some(peer->socket, buffer, sizeof buffer);
       if (n <= 0) break;
       request_.append(buffer, static_cast<std::size_t>(n));
     }
     if (!reply_.empty()) {
-      ::send(fd, reply_.data(), reply_.size(), MSG_NOSIGNAL);
+      send_all(peer->socket, reply_);
     } else {
-      ::recv(fd, buffer, sizeof buffer, 0);  // silent: wait for the client to give up
+      receive_some(peer->socket, buffer, sizeof buffer);  // silent: wait for the client to go
     }
-    ::close(fd);
   }
 
   std::string reply_;
-  int listener_ = -1;
-  int port_ = 0;
+  Socket listener_;
+  std::uint16_t port_ = 0;
+  std::atomic<bool> served_{false};
   std::string request_;
   std::thread thread_;
 };

@@ -51,6 +51,12 @@ void shutdown_both(const Socket& socket);
 // Connects to 127.0.0.1:port, giving up after `timeout_millis`.
 std::optional<Socket> connect_loopback(std::uint16_t port, int timeout_millis);
 
+// Resolves `host` and connects to the first address that answers within
+// `timeout_millis`. On failure `error` says why ("cannot resolve ...",
+// "connection refused", "timed out").
+std::optional<Socket> connect_tcp(const std::string& host, std::uint16_t port, int timeout_millis,
+                                  std::string& error);
+
 struct ListenResult {
   std::optional<Socket> socket;
   int error = 0;  // the system's error number when binding or listening failed

@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 #include "platform/socket.hpp"
 
@@ -86,21 +88,22 @@ void shutdown_both(const Socket& socket) {
   ::shutdown(fd_of(socket), SHUT_RDWR);
 }
 
-std::optional<Socket> connect_loopback(std::uint16_t port, int timeout_millis) {
-  Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+namespace {
+
+// Connects a fresh non-blocking socket to `addr`; blocking again once connected.
+std::optional<Socket> connect_address(const sockaddr* addr, socklen_t length, int family,
+                                      int timeout_millis, bool& timed_out) {
+  Socket socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket.valid()) return std::nullopt;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   int fd = fd_of(socket);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+  if (::connect(fd, addr, length) != 0) {
     if (errno != EINPROGRESS) return std::nullopt;
     pollfd pfd{fd, POLLOUT, 0};
     int ready;
     do {
       ready = ::poll(&pfd, 1, timeout_millis);
     } while (ready < 0 && errno == EINTR);
+    if (ready == 0) timed_out = true;
     if (ready <= 0) return std::nullopt;
     int error = 0;
     socklen_t len = sizeof error;
@@ -108,6 +111,37 @@ std::optional<Socket> connect_loopback(std::uint16_t port, int timeout_millis) {
   }
   int flags = fcntl(fd, F_GETFL, 0);
   fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+  return socket;
+}
+
+}  // namespace
+
+std::optional<Socket> connect_loopback(std::uint16_t port, int timeout_millis) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bool timed_out = false;
+  return connect_address(reinterpret_cast<sockaddr*>(&addr), sizeof addr, AF_INET, timeout_millis,
+                         timed_out);
+}
+
+std::optional<Socket> connect_tcp(const std::string& host, std::uint16_t port, int timeout_millis,
+                                  std::string& error) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    error = "cannot resolve " + host;
+    return std::nullopt;
+  }
+  bool timed_out = false;
+  std::optional<Socket> socket;
+  for (addrinfo* ai = found; ai != nullptr && !socket; ai = ai->ai_next)
+    socket = connect_address(ai->ai_addr, ai->ai_addrlen, ai->ai_family, timeout_millis, timed_out);
+  ::freeaddrinfo(found);
+  if (!socket) error = timed_out ? "timed out" : "connection refused";
   return socket;
 }
 

@@ -6,6 +6,7 @@
 #include <ws2tcpip.h>
 
 #include <mutex>
+#include <string>
 
 #include "platform/socket.hpp"
 
@@ -95,18 +96,18 @@ void shutdown_both(const Socket& socket) {
   ::shutdown(sock_of(socket), SD_BOTH);
 }
 
-std::optional<Socket> connect_loopback(std::uint16_t port, int timeout_millis) {
+namespace {
+
+// Connects a fresh non-blocking socket to `addr`; blocking again once connected.
+std::optional<Socket> connect_address(const sockaddr* addr, int length, int family,
+                                      int timeout_millis, bool& timed_out) {
   if (!winsock_ready()) return std::nullopt;
-  Socket socket(handle_of(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)));
+  Socket socket(handle_of(::socket(family, SOCK_STREAM, IPPROTO_TCP)));
   if (!socket.valid()) return std::nullopt;
   SOCKET s = sock_of(socket);
   u_long non_blocking = 1;
   ::ioctlsocket(s, FIONBIO, &non_blocking);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == SOCKET_ERROR) {
+  if (::connect(s, addr, length) == SOCKET_ERROR) {
     if (::WSAGetLastError() != WSAEWOULDBLOCK) return std::nullopt;
     fd_set writable, failed;
     FD_ZERO(&writable);
@@ -114,8 +115,9 @@ std::optional<Socket> connect_loopback(std::uint16_t port, int timeout_millis) {
     FD_SET(s, &writable);
     FD_SET(s, &failed);
     timeval tv{timeout_millis / 1000, (timeout_millis % 1000) * 1000};
-    if (::select(0, nullptr, &writable, &failed, &tv) <= 0 || FD_ISSET(s, &failed))
-      return std::nullopt;
+    int ready = ::select(0, nullptr, &writable, &failed, &tv);
+    if (ready == 0) timed_out = true;
+    if (ready <= 0 || FD_ISSET(s, &failed)) return std::nullopt;
     int error = 0;
     int len = sizeof error;
     if (::getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &len) != 0 ||
@@ -124,6 +126,42 @@ std::optional<Socket> connect_loopback(std::uint16_t port, int timeout_millis) {
   }
   u_long blocking = 0;
   ::ioctlsocket(s, FIONBIO, &blocking);
+  return socket;
+}
+
+}  // namespace
+
+std::optional<Socket> connect_loopback(std::uint16_t port, int timeout_millis) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bool timed_out = false;
+  return connect_address(reinterpret_cast<sockaddr*>(&addr), sizeof addr, AF_INET, timeout_millis,
+                         timed_out);
+}
+
+std::optional<Socket> connect_tcp(const std::string& host, std::uint16_t port, int timeout_millis,
+                                  std::string& error) {
+  if (!winsock_ready()) {
+    error = "sockets unavailable";
+    return std::nullopt;
+  }
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    error = "cannot resolve " + host;
+    return std::nullopt;
+  }
+  bool timed_out = false;
+  std::optional<Socket> socket;
+  for (addrinfo* ai = found; ai != nullptr && !socket; ai = ai->ai_next)
+    socket = connect_address(ai->ai_addr, static_cast<int>(ai->ai_addrlen), ai->ai_family,
+                             timeout_millis, timed_out);
+  ::freeaddrinfo(found);
+  if (!socket) error = timed_out ? "timed out" : "connection refused";
   return socket;
 }
 

@@ -1,19 +1,23 @@
 #!/usr/bin/env bash
 # End-to-end checks of the memory verbs through the real kx binary: every command
 # is its own process, so whatever a later command sees came through data.mem.
-# Usage: memory_cli_test.sh <path to kx>
+# Usage: memory_cli_test.sh <path to kx>   (KX_EMULATOR, e.g. wine, runs a Windows build)
 set -u
 # These checks are about local runs: never forward to (or spawn) a resident.
 export KESTRUNE_LOCAL=1
-KX=$1
+read -r -a KX <<<"${KX_EMULATOR:-}"
+KX+=("$1")
 HOME_DIR=$(mktemp -d)
 trap 'rm -rf "$HOME_DIR"' EXIT
 PORT=$((20000 + RANDOM % 20000))  # no resident listens there: commands run here
 CTX="$HOME_DIR/.contexts/cli@notes"
+# The contexts folder as kx prints it (a Windows path under the emulator).
+SHOWN_CONTEXTS=$HOME_DIR/.contexts
+[[ -n "${KX_EMULATOR:-}" ]] && SHOWN_CONTEXTS=$(winepath -w "$SHOWN_CONTEXTS" 2>/dev/null)
 failures=0
 passes=0
 
-kx() { "$KX" --conf "$HOME_DIR" --port "$PORT" "$@" 2>/dev/null; }
+kx() { "${KX[@]}" --conf "$HOME_DIR" --port "$PORT" "$@" 2>/dev/null; }
 
 # expect <name> <expected stdout> <command...>
 expect() {
@@ -75,7 +79,7 @@ expect "keyword bar form" "ERROR: keyword 'zebra' not in context 'notes'" kx 'me
 expect "striptotokens" "OK: 3 token(s): hello world report.pdf" kx memory.striptotokens Hello, WORLD! hello Report.PDF
 expect "usage" "ERROR: usage  memory.add <botid>, {contexts}, <topic>, <keywords>, <content>" kx memory.add cli, notes
 expect "unknown verb" "ERROR: unknown memory verb 'frob'" kx memory.frob x
-expect "contexts listing loads nothing" "OK: 1 context(s) under $HOME_DIR/.contexts for bot 'cli'
+expect "contexts listing loads nothing" "OK: 1 context(s) under $SHOWN_CONTEXTS for bot 'cli'
   notes  $(stat -c %s "$CTX/data.mem") bytes on disk (not loaded)" kx memory.contexts cli
 
 out=$(kx memory.help)
