@@ -28,11 +28,15 @@ std::int64_t now_seconds() {
       .count();
 }
 
-// Keeps another process's save of the same store out while the mirror is rearranged.
-kx::platform::FileLock lock_across_processes(const Store& store) {
-  std::error_code ec;
-  fs::create_directories(store.machinery_dir(), ec);
-  return kx::platform::FileLock(store.machinery_dir() / "store.lock");
+// The lock check of a write that is not a save (tombstone, move, restore). REQUIRES:
+// the store's mutex and a Store::ProcessLock, held until the write is done.
+std::optional<std::string> refuse_write(const Store& store, const std::string& path,
+                                        const CommandContext& ctx, std::string op) {
+  SaveRequest request;
+  request.seat = ctx.seat;
+  request.op = std::move(op);
+  if (auto refusal = check_write(store, path, request)) return "ERROR: " + *refusal;
+  return std::nullopt;
 }
 
 fs::path with_suffix(const fs::path& path, std::string_view suffix) {
@@ -168,6 +172,8 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
   if (l.directory) return "ERROR: not a file";
   if (l.file->tombstoned)
     return "ERROR: file tombstoned: " + l.path + " (fs:restore to bring it back)";
+  const Store::ProcessLock across_processes(*store);
+  if (auto refusal = refuse_write(*store, l.path, ctx, "tombstone")) return *refusal;
   std::error_code ec;
   if (!store->versioned()) {
     fs::remove(store->disk_path(l.path), ec);
@@ -176,7 +182,6 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
     return "OK: removed " + l.path + " (cache write-through store, no history kept)";
   }
   File& file = *l.file;
-  auto cross_process = lock_across_processes(*store);
   fs::path mirror = store->mirror_path(l.path);
   if (!mirror.empty()) {
     // The mirror copy is the content a restore brings back; write it when the file
@@ -210,7 +215,8 @@ std::string fs_restore(CommandContext& ctx, std::string_view args) {
   File& file = *l.file;
   if (!file.tombstoned) return "ERROR: " + l.path + " is not tombstoned";
   if (file.versions.empty()) return "ERROR: no content version to restore";
-  auto cross_process = lock_across_processes(*store);
+  const Store::ProcessLock across_processes(*store);
+  if (auto refusal = refuse_write(*store, l.path, ctx, "restore")) return *refusal;
   if (!write_atomic(store->disk_path(l.path), file.text()))
     return "ERROR: could not write " + l.path;
   fs::path mirror = store->mirror_path(l.path);
@@ -230,6 +236,8 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());
+  // Held from the first look at the destination to the last rename.
+  const Store::ProcessLock across_processes(*store);
   Located l = locate(*store, p->first);
   if (!l.error.empty()) {
     if (l.error.starts_with("ERROR: no such file: ")) return "ERROR: no such file: " + p->first;
@@ -247,8 +255,8 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
   if (auto refusal = refuse_path(*store, *dest)) return "ERROR: " + *refusal;
   if (l.file->tombstoned)
     return "ERROR: file tombstoned: " + l.path + " (fs:restore to bring it back)";
+  if (auto refusal = refuse_write(*store, l.path, ctx, "move")) return *refusal;
 
-  auto cross_process = lock_across_processes(*store);
   fs::path from = store->disk_path(l.path), to = store->disk_path(*dest);
   fs::create_directories(to.parent_path(), ec);
   std::string reason;
@@ -280,6 +288,7 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
   }
   std::uint32_t version = file.current;
   store->attach_file(*dest, store->detach_file(l.path));
+  if (store->hooks.after_move) store->hooks.after_move(*store, l.path, *dest);
   record_edit(*store, l.path, "move-away", ctx.seat, 0, version, ctx.warn);
   record_edit(*store, *dest, "move", ctx.seat, version, version, ctx.warn);
   return "OK: moved " + l.path + " -> " + *dest + " (history followed)";

@@ -3,12 +3,15 @@
 // root and may not leave it; without a store they are relative to the working
 // directory. A versioned file touched this way is dropped from RAM (its history stays
 // on disk and is found again at the next load).
+#include <initializer_list>
+#include <optional>
 #include <system_error>
 
 #include "vfs/archive.hpp"
 #include "vfs/args.hpp"
 #include "vfs/commands.hpp"
 #include "vfs/path_resolve.hpp"
+#include "vfs/save_path.hpp"
 
 namespace kst {
 
@@ -71,6 +74,20 @@ std::vector<std::string> two_args(std::string_view text, bool& ok) {
   return out;
 }
 
+// A raw write still honours the locks of versioned files: it runs the same check as
+// every other write. REQUIRES: the store's mutex and a Store::ProcessLock.
+std::optional<std::string> refuse_raw(const CommandContext& ctx, const Store* store,
+                                      std::initializer_list<const RawTarget*> targets) {
+  if (store == nullptr) return std::nullopt;
+  SaveRequest request;
+  request.seat = ctx.seat;
+  request.op = "raw";
+  for (const RawTarget* t : targets)
+    if (!t->store_path.empty())
+      if (auto refusal = check_write(*store, t->store_path, request)) return "ERROR: " + *refusal;
+  return std::nullopt;
+}
+
 void forget(Store* store, const std::string& path) {
   if (store != nullptr && !path.empty() && store->find_file(path) != nullptr)
     store->detach_file(path);
@@ -88,6 +105,9 @@ std::string fsraw_copy(CommandContext& ctx, std::string_view args) {
   RawTarget from = raw_target(ctx, store, a[0]), to = raw_target(ctx, store, a[1]);
   if (!from.ok) return "ERROR: " + from.error;
   if (!to.ok) return "ERROR: " + to.error;
+  std::optional<Store::ProcessLock> across_processes;
+  if (store != nullptr) across_processes.emplace(*store);
+  if (auto refusal = refuse_raw(ctx, store, {&to})) return *refusal;
   std::error_code ec;
   fs::copy(from.disk, to.disk, fs::copy_options::recursive | fs::copy_options::overwrite_existing,
            ec);
@@ -106,6 +126,9 @@ std::string fsraw_move(CommandContext& ctx, std::string_view args) {
   RawTarget from = raw_target(ctx, store, a[0]), to = raw_target(ctx, store, a[1]);
   if (!from.ok) return "ERROR: " + from.error;
   if (!to.ok) return "ERROR: " + to.error;
+  std::optional<Store::ProcessLock> across_processes;
+  if (store != nullptr) across_processes.emplace(*store);
+  if (auto refusal = refuse_raw(ctx, store, {&from, &to})) return *refusal;
   std::error_code ec;
   fs::rename(from.disk, to.disk, ec);
   if (ec) return "ERROR: raw move failed";
@@ -123,6 +146,9 @@ std::string fsraw_remove(CommandContext& ctx, std::string_view args) {
   if (store != nullptr) guard = std::unique_lock(store->mutex());
   RawTarget target = raw_target(ctx, store, a[0]);
   if (!target.ok) return "ERROR: " + target.error;
+  std::optional<Store::ProcessLock> across_processes;
+  if (store != nullptr) across_processes.emplace(*store);
+  if (auto refusal = refuse_raw(ctx, store, {&target})) return *refusal;
   std::error_code ec;
   if (!fs::exists(fs::symlink_status(target.disk, ec))) return "ERROR: raw remove failed";
   fs::remove_all(target.disk, ec);

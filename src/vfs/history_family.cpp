@@ -87,6 +87,8 @@ std::string checkin(HistoryState& state, lang::Session& session, const kst::Args
   const std::string& seat = session.bot_id;
   const auto content = args.element("content");
   std::lock_guard guard(store.mutex());
+  // The check below, the save and the release are one step for other processes too.
+  const kst::Store::ProcessLock across_processes(store);
   kst::LockTable& table = state.locks.table(store);
 
   if (!content) {

@@ -124,6 +124,17 @@ void LockTable::mark_dirty(std::string_view path, bool dirty) {
   }
 }
 
+void LockTable::rename(std::string_view from, std::string_view to) {
+  if (auto lock = locks_.find(from); lock != locks_.end()) {
+    Record record = std::move(lock->second);
+    locks_.erase(lock);
+    locks_.insert_or_assign(std::string(to), std::move(record));
+  }
+  const bool dirty = is_dirty(from);
+  mark_dirty(from, false);
+  if (dirty) mark_dirty(to, true);
+}
+
 std::vector<std::string> LockTable::drop_stranded(
     const std::function<bool(std::string_view)>& admitted) {
   std::vector<std::string> dropped;

@@ -90,6 +90,10 @@ class LockTable {
   void mark_dirty(std::string_view path, bool dirty);
   void clear_dirty() { dirty_.clear(); }
 
+  // The file at `from` now lives at `to`: its lock (holder and queue) and its dirty
+  // flag go with it.
+  void rename(std::string_view from, std::string_view to);
+
   // Drops every lock on a path that `admitted` rejects; returns those paths, sorted.
   std::vector<std::string> drop_stranded(const std::function<bool(std::string_view)>& admitted);
 

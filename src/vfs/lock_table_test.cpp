@@ -108,5 +108,22 @@ TEST(LockTable, StrandedLocksAreDroppedByPolicy) {
   EXPECT_EQ(t.status("keep.cpp").holder, "alice");
 }
 
+TEST(LockTable, RenameCarriesHolderQueueAndDirtyFlag) {
+  LockTable t;
+  t.acquire("a.txt", "alice");
+  t.acquire("a.txt", "bob");
+  t.mark_dirty("a.txt", true);
+  t.rename("a.txt", "sub/b.txt");
+  EXPECT_FALSE(t.status("a.txt").holder);
+  EXPECT_FALSE(t.is_dirty("a.txt"));
+  const LockStatus moved = t.status("sub/b.txt");
+  EXPECT_EQ(moved.holder, "alice");
+  EXPECT_EQ(moved.queued, 1u);
+  EXPECT_TRUE(moved.dirty);
+  // An unlocked, clean file leaves nothing behind at either path.
+  t.rename("c.txt", "d.txt");
+  EXPECT_EQ(t.locks().size(), 1u);
+}
+
 }  // namespace
 }  // namespace kst

@@ -91,6 +91,12 @@ std::optional<std::string> refuse_path(const Store& store, const std::string& pa
   return std::nullopt;
 }
 
+std::optional<std::string> check_write(const Store& store, const std::string& path,
+                                       const SaveRequest& request) {
+  if (!store.hooks.before_save) return std::nullopt;
+  return store.hooks.before_save(store, path, request);
+}
+
 void record_edit(Store& store, const std::string& path, const std::string& op,
                  const std::string& seat, std::uint32_t new_version, std::uint32_t prev_version,
                  std::ostream& warn) {
@@ -119,11 +125,12 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
     result.message = "no disk root (enroll a directory, or setRelativePath/setDiskRoot)";
     return result;
   }
-  if (store.hooks.before_save) {
-    if (auto refusal = store.hooks.before_save(store, path, request)) {
-      result.message = *refusal;
-      return result;
-    }
+  // Serialises writes of processes that share this store (the mutex covers threads);
+  // taken before the lock check so that no lock can be taken between check and write.
+  const Store::ProcessLock across_processes(store);
+  if (auto refusal = check_write(store, path, request)) {
+    result.message = *refusal;
+    return result;
   }
   if (auto refusal = refuse_path(store, path)) {
     result.message = *refusal;
@@ -135,10 +142,6 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
     result.message = "not a file";
     return result;
   }
-
-  // Serialises saves of processes that share this store; the mutex above covers threads.
-  fs::create_directories(store.machinery_dir(), ec);
-  kx::platform::FileLock cross_process(store.machinery_dir() / "store.lock");
 
   fs::create_directories(target.parent_path(), ec);
   if (ec) {

@@ -4,6 +4,7 @@
 // mirror copy, archive of the replaced version and mirror promote. A failure after
 // the promote never fails the save: it warns and tags the result "mirror-fail".
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -26,9 +27,15 @@ struct SaveResult {
 };
 
 // Saves `text` as the new current version of the file at store path `path` (created
-// when missing). Takes the store's lock. Warnings go to `warn`.
+// when missing). Takes the store's mutex and its ProcessLock. Warnings go to `warn`.
 SaveResult save_file(Store& store, const std::string& path, std::string text,
                      const SaveRequest& request, std::ostream& warn);
+
+// The lock check that every write of a store path (save, tombstone, move, restore)
+// runs before it changes anything: the refusal, or nothing. REQUIRES: the store's
+// mutex and a Store::ProcessLock held across the check and the write it guards.
+std::optional<std::string> check_write(const Store& store, const std::string& path,
+                                       const SaveRequest& request);
 
 // The notice appended to the result of every versioned save.
 std::string save_notice(const std::string& path, std::uint32_t version);

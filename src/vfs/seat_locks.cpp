@@ -41,6 +41,7 @@ SeatLocks::~SeatLocks() {
     store->hooks.before_save = nullptr;
     store->hooks.after_save = nullptr;
     store->hooks.policy_changed = nullptr;
+    store->hooks.after_move = nullptr;
   }
 }
 
@@ -76,6 +77,9 @@ void SeatLocks::attach(Store& store) {
                                   const SaveResult&) {
     LockTable& t = held(s).table;
     t.commit_save(path, t.check_save(path, request.seat, intent_of(request.dirty, request.op)));
+  };
+  store.hooks.after_move = [this](Store& s, const std::string& from, const std::string& to) {
+    moved(s, from, to);
   };
   store.hooks.policy_changed = [this](Store& changed) {
     return reconcile_stranded(changed, stores_.report());
@@ -193,6 +197,7 @@ std::string SeatLocks::status(Store& store, const std::string& path) {
 
 std::string SeatLocks::toggle(Store& store, const std::string& path, const std::string& seat) {
   std::lock_guard guard(store.mutex());
+  const Store::ProcessLock across_processes(store);
   const kx::platform::FileLock journal_guard = lock_journal();
   const LockTable::Toggle t = table(store).toggle(path, seat);
   if (!t.message.empty()) return "ERROR: " + t.message;
@@ -210,6 +215,7 @@ std::string SeatLocks::toggle(Store& store, const std::string& path, const std::
 std::string SeatLocks::transfer(Store& store, const std::string& path, const std::string& seat,
                                 const std::string& to) {
   std::lock_guard guard(store.mutex());
+  const Store::ProcessLock across_processes(store);
   const kx::platform::FileLock journal_guard = lock_journal();
   if (auto error = table(store).transfer(path, seat, to)) return "ERROR: " + *error;
   held(store).since[path] = now_seconds();
@@ -219,6 +225,7 @@ std::string SeatLocks::transfer(Store& store, const std::string& path, const std
 
 std::string SeatLocks::checkout(Store& store, const std::string& path, const std::string& seat) {
   std::lock_guard guard(store.mutex());
+  const Store::ProcessLock across_processes(store);
   const kx::platform::FileLock journal_guard = lock_journal();
   LockTable& t = table(store);
   const bool already = t.status(path).holder == seat;
@@ -230,6 +237,7 @@ std::string SeatLocks::checkout(Store& store, const std::string& path, const std
 std::string SeatLocks::release_after_checkin(Store& store, const std::string& path,
                                              const std::string& seat) {
   std::lock_guard guard(store.mutex());
+  const Store::ProcessLock across_processes(store);
   const kx::platform::FileLock journal_guard = lock_journal();
   LockTable& t = table(store);
   if (t.status(path).holder != seat) return "";
@@ -239,8 +247,24 @@ std::string SeatLocks::release_after_checkin(Store& store, const std::string& pa
   return next ? "\n  lock passed to " + *next + " (next in queue)" : "";
 }
 
+void SeatLocks::moved(Store& store, const std::string& from, const std::string& to) {
+  std::lock_guard guard(store.mutex());
+  const Store::ProcessLock across_processes(store);
+  const kx::platform::FileLock journal_guard = lock_journal();
+  LockTable& t = table(store);
+  const bool locked = t.status(from).holder.has_value();
+  t.rename(from, to);
+  Held& h = held(store);
+  if (auto since = h.since.find(from); since != h.since.end()) {
+    h.since[to] = since->second;
+    h.since.erase(from);
+  }
+  if (locked) journal_store(store);
+}
+
 std::size_t SeatLocks::reconcile_stranded(Store& store, std::ostream& warn) {
   std::lock_guard guard(store.mutex());
+  const Store::ProcessLock across_processes(store);
   const kx::platform::FileLock journal_guard = lock_journal();
   LockTable& t = table(store);
   std::map<std::string, std::string> holders;

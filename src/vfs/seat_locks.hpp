@@ -17,6 +17,11 @@
 // check-in's own bytes were saved as a version, so fsvctl:diff shows both sides.
 //
 // Waiting seats (the queue) are known only to the process they asked.
+//
+// Locks are taken in one order everywhere (see store.hpp): the store's mutex, then its
+// ProcessLock (store.lock), then checkouts.lock; held_mutex_ is innermost and guards
+// the map only. A lock verb takes store.lock too, so no process can take a lock
+// between another process's lock check and the write it lets through.
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -66,6 +71,10 @@ class SeatLocks {
   // Releases `seat`'s lock after a check-in; returns a line about where it went, if
   // it passed to a queued seat.
   std::string release_after_checkin(Store& store, const std::string& path, const std::string& seat);
+
+  // The file at store path `from` moved to `to`: its lock, dirty flag and journal
+  // record follow it.
+  void moved(Store& store, const std::string& from, const std::string& to);
 
   // Drops the locks on files the store's policy no longer admits (or that left the
   // store), records each in the edit log, and returns how many there were.

@@ -133,6 +133,18 @@ void Store::replace_with(Store&& other) {
   files_ = std::move(other.files_);
 }
 
+Store::ProcessLock::ProcessLock(Store& store) : store_(store) {
+  if (store_.process_lock_depth_++ > 0) return;
+  std::error_code ec;
+  fs::create_directories(store_.machinery_dir(), ec);
+  store_.process_lock_ =
+      std::make_unique<kx::platform::FileLock>(store_.machinery_dir() / "store.lock");
+}
+
+Store::ProcessLock::~ProcessLock() {
+  if (--store_.process_lock_depth_ == 0) store_.process_lock_.reset();
+}
+
 void Store::index_file(const std::string& path, File* file) {
   files_[path] = file;
 }

@@ -5,7 +5,10 @@
 // The store's own bookkeeping lives in "<mirror root>/.oldversions/" — a name no user
 // file can have, since ".oldversions" is a reserved suffix:
 //   edits.jsonl   the edit log (see edit_log.cpp)
-//   store.lock    held while one save runs, across processes
+//   store.lock    held while one write (its lock check included) runs, across processes
+//
+// Lock order, everywhere: the store's mutex, then store.lock (ProcessLock), then the
+// check-out journal's checkouts.lock. Nothing that holds a later one takes an earlier one.
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -16,6 +19,7 @@
 #include <ostream>
 #include <string>
 
+#include "platform/durable_file.hpp"
 #include "vfs/node.hpp"
 #include "vfs/policy.hpp"
 
@@ -25,7 +29,8 @@ struct SaveRequest;
 struct SaveResult;
 class Store;
 
-// Seams for the lock and check-in layer. Both run with the store's lock held.
+// Seams for the lock and check-in layer. All run with the store's mutex and its
+// ProcessLock held.
 struct SaveHooks {
   // Before anything is written. A returned message refuses the save ("file is locked (x)").
   std::function<std::optional<std::string>(const Store&, const std::string& path,
@@ -34,6 +39,9 @@ struct SaveHooks {
   // After a successful save, once the edit log has its record.
   std::function<void(Store&, const std::string& path, const SaveRequest&, const SaveResult&)>
       after_save;
+  // After a file moved from one store path to another (fs:move): its lock, queue and
+  // dirty flag follow it.
+  std::function<void(Store&, const std::string& from, const std::string& to)> after_move;
   // After the policy of the store changed: reconciles locks on files the new policy no
   // longer admits and returns how many there were.
   std::function<std::size_t(Store&)> policy_changed;
@@ -89,6 +97,20 @@ class Store {
 
   SaveHooks hooks;
 
+  // Holds store.lock against other processes until destroyed. Nests within one
+  // process (the file lock is taken once, by the outermost guard), so a write may call
+  // another that takes it too. REQUIRES: mutex() held for the guard's whole life.
+  class ProcessLock {
+   public:
+    explicit ProcessLock(Store& store);
+    ~ProcessLock();
+    ProcessLock(const ProcessLock&) = delete;
+    ProcessLock& operator=(const ProcessLock&) = delete;
+
+   private:
+    Store& store_;
+  };
+
  private:
   void index_file(const std::string& path, File* file);
 
@@ -99,6 +121,8 @@ class Store {
   mutable std::recursive_mutex mutex_;
   std::unique_ptr<Directory> root_;
   std::map<std::string, File*> files_;
+  std::unique_ptr<kx::platform::FileLock> process_lock_;  // guarded by mutex_
+  int process_lock_depth_ = 0;
 };
 
 }  // namespace kst

@@ -1,21 +1,33 @@
 #!/usr/bin/env bash
 # End-to-end checks of locks and history through the real kx binary: every command
 # is its own process, so locks, dirty flags and versions must survive between them.
-# Usage: history_test.sh <path to kx>
+# Usage: history_test.sh <path to kx>   (KX_EMULATOR, e.g. wine, runs a Windows build)
 set -u
 # These checks are about local runs: never forward to (or spawn) a resident.
 export KESTRUNE_LOCAL=1
-KX=$(realpath "$1")
+read -r -a KX <<<"${KX_EMULATOR:-}"
+KX+=("$(realpath "$1")")
 ROOT=$(mktemp -d)
 trap 'rm -rf "$ROOT"' EXIT
 HOME_DIR=$ROOT/home
 WORK=$ROOT/work
 mkdir -p "$HOME_DIR" "$WORK"
+# The tree as kx names it (a Windows build sees it through its own drive), and that
+# name inside a JSON string.
+SHOWN_WORK=$WORK
+[[ -n "${KX_EMULATOR:-}" ]] && SHOWN_WORK=$(winepath -w "$WORK" 2>/dev/null)
+JSON_WORK=${SHOWN_WORK//\\/\\\\}
 printf 'one\n' >"$WORK/a.txt"
 failures=0
 passes=0
 
-kx() { (cd "$WORK" && "$KX" --conf "$HOME_DIR" "$@" 2>/dev/null); }
+kx() { (cd "$WORK" && "${KX[@]}" --conf "$HOME_DIR" "$@" 2>/dev/null); }
+first_line() { "$@" | head -1; }
+# A check-out by the cli seat as its journal record says, then a revert.
+revert_as_holder() {
+  printf '{"leafId":"cli","path":"%s/a.txt","at":1}\n' "$JSON_WORK" >"$HOME_DIR/checkouts.jsonl"
+  kx fsvctl:revert '<path>a.txt</path><version>1</version>'
+}
 
 # expect <name> <expected stdout> <command...>
 expect() {
@@ -49,7 +61,7 @@ expect_prefix() {
   fi
 }
 
-expect_prefix "enroll" "OK: enrolled $WORK" kx Kestrune EnrollVersionControl "$WORK"
+expect_prefix "enroll" "OK: enrolled $SHOWN_WORK" kx Kestrune EnrollVersionControl "$WORK"
 
 expect "status of a clean file" "OK: a.txt  unlocked" kx fslock:status a.txt
 expect "toggle locks" "OK: locked a.txt" kx fslock:toggle a.txt
@@ -58,13 +70,13 @@ expect "toggle by the holder unlocks" "OK: unlocked a.txt" kx fslock:toggle a.tx
 expect "journal rewritten on release" "" cat "$HOME_DIR/checkouts.jsonl"
 
 # Another seat's check-out, as its journal record says after a restart.
-printf '{"leafId":"alice","path":"%s/a.txt","at":1700000000}\n' "$WORK" >"$HOME_DIR/checkouts.jsonl"
+printf '{"leafId":"alice","path":"%s/a.txt","at":1700000000}\n' "$JSON_WORK" >"$HOME_DIR/checkouts.jsonl"
 expect "journalled check-out is taken over" "OK: a.txt  LOCKED by alice" kx fslock:status a.txt
 expect "save over another seat's lock is refused" "ERROR: file is locked (alice)" \
   kx fsvctl:checkin '<path>a.txt</path><content><![CDATA[mine
 ]]></content>'
 expect "refused save left the file" "one" cat "$WORK/a.txt"
-expect "refused save left the chain" "LOG a.txt  (1 versions)" bash -c "cd '$WORK' && '$KX' --conf '$HOME_DIR' fsvctl:log a.txt 2>/dev/null | head -1"
+expect "refused save left the chain" "LOG a.txt  (1 versions)" first_line kx fsvctl:log a.txt
 expect "not the holder: no transfer" "ERROR: only the holder can transfer a lock (alice holds it)" \
   kx fslock:transfer a.txt cli
 
@@ -76,7 +88,7 @@ expect "dirty flag shows in the status" "OK: a.txt  LOCKED by alice  [merge requ
 expect "dirty bytes kept as a version" "urgent" kx fsvctl:open '<path>a.txt</path><version>2</version>'
 expect "plain save waits for the merge" \
   "ERROR: merge required (file was flagged dirty by an earlier op)" \
-  bash -c "cd '$WORK' && printf '{\"leafId\":\"cli\",\"path\":\"%s/a.txt\",\"at\":1}\n' '$WORK' >'$HOME_DIR/checkouts.jsonl' && '$KX' --conf '$HOME_DIR' fsvctl:revert '<path>a.txt</path><version>1</version>' 2>/dev/null"
+  revert_as_holder
 expect_prefix "the holder's check-in is the merge" \
   "OK: checked in a.txt — merge recorded, dirty flag cleared" \
   kx fsvctl:checkin '<path>a.txt</path><content><![CDATA[one
@@ -108,6 +120,12 @@ expect "unknown fsvctl verb" \
   kx fsvctl:blame a.txt
 expect "unknown fslock verb" "ERROR: unknown fslock op 'steal' (status|toggle|transfer)" \
   kx fslock:steal a.txt
+
+# A lock follows its file through a move, in the journal too.
+expect "check out before the move" "OK: checked out a.txt" kx fsvctl:checkout a.txt
+expect "the holder moves it" "OK: moved a.txt -> b.txt (history followed)" kx fs:move a.txt b.txt
+expect "the lock followed" "OK: b.txt  LOCKED by cli" kx fslock:status b.txt
+expect "the journal followed" "1" grep -cF "\"path\":\"$JSON_WORK" "$HOME_DIR/checkouts.jsonl"
 
 echo "history end-to-end: $passes passed, $failures failed"
 [[ $failures -eq 0 ]]

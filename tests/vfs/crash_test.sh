@@ -3,11 +3,13 @@
 # SIGKILL at a random moment. Afterwards every working file must hold one complete
 # version, and every save that was acknowledged ("OK: created file") before the kill
 # must be in the file's chain (mirror copy or an archived ".xx<N>").
-# Usage: crash_test.sh <path to kx> [number of saves]
+# Usage: crash_test.sh <path to kx> [number of saves]   (KX_EMULATOR, e.g. wine, runs a
+# Windows build)
 set -u
 # These checks are about local runs: never forward to (or spawn) a resident.
 export KESTRUNE_LOCAL=1
-KX=$(realpath "$1")
+read -r -a KX <<<"${KX_EMULATOR:-}"
+KX+=("$(realpath "$1")")
 SAVES=${2:-200}
 BASE=$(mktemp -d)
 trap 'rm -rf "$BASE"' EXIT
@@ -17,14 +19,14 @@ mkdir -p "$PROJ"
 FILES=(a.txt sub/b.txt sub/deep/c.txt)
 PAD=$(head -c 4000 /dev/zero | tr '\0' 'x')
 
-"$KX" --conf "$HOME_DIR" enroll "$PROJ" >/dev/null 2>&1 || { echo "enroll failed"; exit 1; }
+"${KX[@]}" --conf "$HOME_DIR" enroll "$PROJ" >/dev/null 2>&1 || { echo "enroll failed"; exit 1; }
 body() { printf 'BEGIN-%s-%s-END-%s' "$1" "$PAD" "$1"; }
 
 declare -A acked   # "file|i" -> 1
 killed=0
 for ((i = 1; i <= SAVES; i++)); do
   file=${FILES[$((i % ${#FILES[@]}))]}
-  "$KX" --conf "$HOME_DIR" "fsmk:file $file <content><![CDATA[$(body "$i")]]></content>" \
+  "${KX[@]}" --conf "$HOME_DIR" "fsmk:file $file <content><![CDATA[$(body "$i")]]></content>" \
     >"$BASE/out.$i" 2>/dev/null </dev/null &
   pid=$!
   # Most saves are killed somewhere between start-up and the last rename.
@@ -65,7 +67,7 @@ done
 # A fresh process still reads every file as one complete version.
 for file in "${FILES[@]}"; do
   [[ -e "$PROJ/$file" ]] || continue
-  out=$("$KX" --conf "$HOME_DIR" fs:cat "$file" 2>/dev/null)
+  out=$("${KX[@]}" --conf "$HOME_DIR" fs:cat "$file" 2>/dev/null)
   [[ "$out" =~ ^BEGIN-([0-9]+)-x{4000}-END-([0-9]+)$ && ${BASH_REMATCH[1]} == "${BASH_REMATCH[2]}" ]] ||
     { echo "FAIL fs:cat $file after the crashes"; failures=$((failures + 1)); }
 done

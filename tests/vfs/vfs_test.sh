@@ -1,20 +1,26 @@
 #!/usr/bin/env bash
 # End-to-end checks of the versioned file store through the real kx binary: every
 # command runs in a fresh process, so each one also re-enrolls from the config.
-# Usage: vfs_test.sh <path to kx>
+# Usage: vfs_test.sh <path to kx>   (KX_EMULATOR, e.g. wine, runs a Windows build)
 set -u
 # These checks are about local runs: never forward to (or spawn) a resident.
 export KESTRUNE_LOCAL=1
-KX=$(realpath "$1")
+read -r -a KX <<<"${KX_EMULATOR:-}"
+KX+=("$(realpath "$1")")
 BASE=$(mktemp -d)
 trap 'rm -rf "$BASE"' EXIT
 HOME_DIR=$BASE/home
 PROJ=$BASE/proj
 mkdir -p "$PROJ"
+# The tree as kx names it (a Windows build sees it through its own drive), and that
+# name inside a JSON string.
+SHOWN=$PROJ
+[[ -n "${KX_EMULATOR:-}" ]] && SHOWN=$(winepath -w "$PROJ" 2>/dev/null)
+JSON_SHOWN=${SHOWN//\\/\\\\}
 failures=0
 passes=0
 
-kx() { "$KX" --conf "$HOME_DIR" "$@" 2>"$BASE/err" </dev/null; }
+kx() { "${KX[@]}" --conf "$HOME_DIR" "$@" 2>"$BASE/err" </dev/null; }
 
 # expect <name> <expected stdout> -- <kx args...>
 expect() {
@@ -40,23 +46,23 @@ ok() {
 }
 
 # Enrollment from the working directory, as "kx enroll <dir>" is typed.
-out=$(cd "$BASE" && "$KX" --conf "$HOME_DIR" enroll proj 2>/dev/null)
-ok "enroll answers" [ "${out%%$'\n'*}" == "OK: enrolled $PROJ — 0 file(s) ingested (0 B), NOT watching (the change watcher is not running yet)" ]
-ok "enroll is recorded" grep -qx "$PROJ :: scope=all ext=default watch=on mode=vc" "$HOME_DIR/config/versioncontroldirs.cfg"
+out=$(cd "$BASE" && "${KX[@]}" --conf "$HOME_DIR" enroll proj 2>/dev/null)
+ok "enroll answers" [ "${out%%$'\n'*}" == "OK: enrolled $SHOWN — 0 file(s) ingested (0 B), NOT watching (the change watcher is not running yet)" ]
+ok "enroll is recorded" grep -qxF "$SHOWN :: scope=all ext=default watch=on mode=vc" "$HOME_DIR/config/versioncontroldirs.cfg"
 
-KEY=$(echo "$PROJ" | sed 's/[^-._0-9A-Za-z]/_/g')
+KEY=$(echo "$SHOWN" | sed 's/[^-._0-9A-Za-z]/_/g')
 [[ ${#KEY} -gt 40 ]] && KEY=$(ls "$HOME_DIR/.versioncontrol")
 MIRROR=$HOME_DIR/.versioncontrol/$KEY
 
 expect "create" "OK: created file src/a.txt
   [version control: automatic] src/a.txt saved as v1 — history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 0'" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello]]></content>"
-ok "re-enrolled at start" grep -q "^\[versioncontroldirs\] $PROJ -> enrolled (0 file(s))" "$BASE/err"
+ok "re-enrolled at start" grep -qF "[versioncontroldirs] $SHOWN -> enrolled (0 file(s))" "$BASE/err"
 expect "second version" "OK: created file src/a.txt
   [version control: automatic] src/a.txt saved as v2 — history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 1'" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello again]]></content>"
 expect "cat by suffix" "hello again" -- fs:cat a.txt
-ok "cat leaves stdout clean, reports on stderr" grep -q "^\[vc\] (1) caching $PROJ -> cached (1 file(s))" "$BASE/err"
+ok "cat leaves stdout clean, reports on stderr" grep -qF "[vc] (1) caching $SHOWN -> cached (1 file(s))" "$BASE/err"
 ok "mirror copy" [ "$(cat "$MIRROR/src/a.txt")" == "hello again" ]
 ok "archive chain" [ "$(cat "$MIRROR/src/.a.txt.oldversions/a.txt.xx1")" == "hello" ]
 ok "working tree stays clean" [ "$(cd "$PROJ" && find . | sort | tr '\n' ' ')" == ". ./src ./src/a.txt " ]
@@ -65,7 +71,7 @@ expect "tombstone" "OK: tombstoned src/a.txt (append-only; fs:restore to undo)" 
 ok "tombstone marker in the mirror" [ -f "$MIRROR/src/a.txt.tombstone" ]
 ok "working file gone" [ ! -e "$PROJ/src/a.txt" ]
 expect "tombstoned read" "ERROR: file tombstoned: src/a.txt (fs:restore to bring it back)" -- fs:cat src/a.txt
-expect "listing shows t" "OK: 1 file(s) in $PROJ  (f = file, t = tombstoned)
+expect "listing shows t" "OK: 1 file(s) in $SHOWN  (f = file, t = tombstoned)
   t  v2	src/a.txt" -- fsstat:paths
 expect "restore" "OK: restored src/a.txt" -- fs:restore a.txt
 ok "restored bytes" [ "$(cat "$PROJ/src/a.txt")" == "hello again" ]
@@ -77,18 +83,18 @@ expect "copy to new" "OK: copied docs/b.txt -> c.txt (v1, new versioned file)
   [version control: automatic] c.txt saved as v1 — history: 'Kestrune history c.txt'; roll back: 'Kestrune revert c.txt to 0'" \
   -- fs:copy b.txt c.txt
 expect "stores" "1 store(s) under version control  (* = active; retarget with Kestrune EnrollVersionControl <root>)
-* $PROJ  2 file(s)  [scope=all ext=default watch=on mode=vc]" -- fsstat:stores
+* $SHOWN  2 file(s)  [scope=all ext=default watch=on mode=vc]" -- fsstat:stores
 out=$(kx fsstat:history limit=2)
-ok "history newest first" [ "${out%%$'\n'*}" == "{\"ts\":${out:6:10},\"path\":\"c.txt\",\"op\":\"copy\",\"seat\":\"cli\",\"new\":1,\"prev\":0,\"store\":\"$PROJ\"}" ]
+ok "history newest first" [ "${out%%$'\n'*}" == "{\"ts\":${out:6:10},\"path\":\"c.txt\",\"op\":\"copy\",\"seat\":\"cli\",\"new\":1,\"prev\":0,\"store\":\"$JSON_SHOWN\"}" ]
 
 # Refusals change nothing.
 before=$(cd "$BASE" && find . -path ./err -prune -o -print | sort | md5sum)
-expect "escape" "ERROR: path '../x.txt' is outside the store $PROJ" -- fsmk:file ../x.txt
+expect "escape" "ERROR: path '../x.txt' is outside the store $SHOWN" -- fsmk:file ../x.txt
 expect "reserved" "ERROR: reserved name: 'a.txt.tmp\$' uses a machinery suffix (.tombstone / .tmp\$ / .oldversions)" -- 'fsmk:file a.txt.tmp$'
 expect "missing" "ERROR: no such file: nothere.txt" -- fs:cat nothere.txt
 expect "directory" "ERROR: not a file" -- fs:cat docs
 expect "bad policy" "ERROR: bad policy: watch must be on|off (got 'maybe')" -- enroll "$PROJ" watch=maybe
-expect "mode switch" "ERROR: $PROJ is already enrolled as versioned VC (mode=vc).
+expect "mode switch" "ERROR: $SHOWN is already enrolled as versioned VC (mode=vc).
   A directory uses one mode at a time and modes are not switched in place.
   To change it: UNENROLL this directory (VC panel -> remove, or the unenroll
   verb), then re-enroll with mode=cachewt.
@@ -96,7 +102,7 @@ expect "mode switch" "ERROR: $PROJ is already enrolled as versioned VC (mode=vc)
 expect "own home" "ERROR: refusing to enroll the tool's own .Kestrune home" -- enroll "$HOME_DIR"
 after=$(cd "$BASE" && find . -path ./err -prune -o -print | sort | md5sum)
 ok "refusals wrote nothing" [ "$before" == "$after" ]
-expect "same flags retarget" "OK: $PROJ is already enrolled — now the active directory" -- "Kestrune EnrollVersionControl $PROJ"
+expect "same flags retarget" "OK: $SHOWN is already enrolled — now the active directory" -- "Kestrune EnrollVersionControl $PROJ"
 
 # turnlog- files have no mirror.
 kx "fsmk:file turnlog-1.md <content>t</content>" >/dev/null

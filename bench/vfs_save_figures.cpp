@@ -3,8 +3,8 @@
 // fsync. Prints median and p99 for a file with a short chain and for one whose chain
 // grows to the number of saves.
 //
-// Usage: vfs_save_bench [directory on the disk to measure] [saves]
-// (Options beginning "--", such as the benchmark runner's, are ignored.)
+// A plain program (not a Google Benchmark binary): bench/run-all.sh runs it as is.
+// Usage: vfs_save_figures [directory on the disk to measure ("": the temporary one)] [saves]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -52,10 +52,8 @@ std::vector<double> run(kst::Store& store, int saves, int files) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> args;
-  for (int i = 1; i < argc; ++i)
-    if (!std::string_view(argv[i]).starts_with("--")) args.emplace_back(argv[i]);
-  fs::path base = !args.empty() ? fs::path(args[0]) : fs::temp_directory_path();
+  std::vector<std::string> args(argv + 1, argv + argc);
+  fs::path base = !args.empty() && !args[0].empty() ? fs::path(args[0]) : fs::temp_directory_path();
   int saves = args.size() > 1 ? std::stoi(args[1]) : 2000;
   base /= "kx_save_bench";
   fs::remove_all(base);
