@@ -7,7 +7,6 @@
 namespace kx::launcher {
 
 inline constexpr std::uint16_t kDefaultPort = 9999;
-inline constexpr const char* kVersion = "1.0.11";
 
 struct EntryOptions {
   std::uint16_t port = kDefaultPort;
