@@ -1,5 +1,7 @@
 #include "lang/script.hpp"
 
+#include "lang/text.hpp"
+
 #include <cctype>
 
 namespace kx::lang {
@@ -73,19 +75,6 @@ std::string quote(const std::string& value) {
     out += c;
   }
   return out + "\"";
-}
-
-bool glob_match(const char* pattern, const char* text) {
-  for (; *pattern != '\0'; ++pattern, ++text) {
-    if (*pattern == '*') {
-      for (const char* t = text;; ++t) {
-        if (glob_match(pattern + 1, t)) return true;
-        if (*t == '\0') return false;
-      }
-    }
-    if (*text == '\0' || (*pattern != '?' && *pattern != *text)) return false;
-  }
-  return *text == '\0';
 }
 
 std::string as_string(const ScriptRunner::Value& v) {
@@ -345,8 +334,7 @@ ScriptRunner::Value ScriptRunner::eval(const Expr& e) const {
   Value a = eval(*e.left), b = eval(*e.right);
   const auto* x = std::get_if<std::int64_t>(&a);
   const auto* y = std::get_if<std::int64_t>(&b);
-  if (e.op == Op::Match)
-    return std::int64_t{glob_match(as_string(b).c_str(), as_string(a).c_str())};
+  if (e.op == Op::Match) return std::int64_t{glob_match(as_string(b), as_string(a))};
   if (x != nullptr && y != nullptr) {
     switch (e.op) {
       case Op::Eq:

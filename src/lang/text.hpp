@@ -22,4 +22,12 @@ std::string to_lower(std::string_view text);
 
 bool is_integer(std::string_view text);
 
+// Whole-text match with '*' (any run) and '?' (one byte); linear time, one
+// backtrack point.
+bool glob_match(std::string_view pattern, std::string_view text);
+
+// `text` as a JSON string literal, quotes included: '"' and '\\' escaped, control
+// bytes as \n, \r, \t or \u00XX. Nothing is dropped.
+std::string json_quoted(std::string_view text);
+
 }  // namespace kx::lang

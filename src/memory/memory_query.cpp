@@ -1,5 +1,7 @@
 #include "memory/memory_query.hpp"
 
+#include "lang/text.hpp"
+
 #include <algorithm>
 #include <cctype>
 #include <set>
@@ -82,7 +84,7 @@ class Parser {
     if (pattern.empty()) return fail("empty pattern");
     if (topics) {
       for (const auto& [name, node] : all_topics())
-        if (glob_match(pattern, name)) out.insert(node);
+        if (kx::lang::glob_match(pattern, name)) out.insert(node);
       return true;
     }
     for (char& c : pattern) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -95,7 +97,7 @@ class Parser {
       return true;
     }
     for (const auto& [keyword, postings] : store_.keyword_index())
-      if (glob_match(pattern, keyword)) add_postings(postings);
+      if (kx::lang::glob_match(pattern, keyword)) add_postings(postings);
     return true;
   }
 
@@ -113,27 +115,6 @@ class Parser {
 };
 
 }  // namespace
-
-bool glob_match(std::string_view pattern, std::string_view text) {
-  // Iterative matcher with one backtrack point: linear for patterns with '*'.
-  std::size_t p = 0, t = 0, star = std::string_view::npos, resume = 0;
-  while (t < text.size()) {
-    if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
-      ++p;
-      ++t;
-    } else if (p < pattern.size() && pattern[p] == '*') {
-      star = p++;
-      resume = t;
-    } else if (star != std::string_view::npos) {
-      p = star + 1;
-      t = ++resume;
-    } else {
-      return false;
-    }
-  }
-  while (p < pattern.size() && pattern[p] == '*') ++p;
-  return p == pattern.size();
-}
 
 QueryResult query_topics(const ContextStore& store, std::string_view query) {
   QueryResult result;

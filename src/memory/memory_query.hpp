@@ -13,8 +13,6 @@ namespace kx::memory {
 
 class ContextStore;
 
-bool glob_match(std::string_view pattern, std::string_view text);
-
 struct QueryResult {
   bool ok = false;
   std::string error;                // "empty query", "query not understood: ..."

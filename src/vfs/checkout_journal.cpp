@@ -16,50 +16,17 @@
 #include <sstream>
 #include <system_error>
 
+#include "lang/text.hpp"
 #include "platform/durable_file.hpp"
 
 namespace kst {
-namespace {
-
-void append_json_string(std::string& out, std::string_view text) {
-  out += '"';
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          char buf[8];
-          std::snprintf(buf, sizeof buf, "\\u%04x", c);
-          out += buf;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  out += '"';
-}
-
-}  // namespace
+namespace {}  // namespace
 
 std::string format_checkout(const CheckoutRecord& record) {
   std::string line = "{\"leafId\":";
-  append_json_string(line, record.leaf_id);
+  line += kx::lang::json_quoted(record.leaf_id);
   line += ",\"path\":";
-  append_json_string(line, record.path);
+  line += kx::lang::json_quoted(record.path);
   line += ",\"at\":" + std::to_string(record.at) + "}\n";
   return line;
 }

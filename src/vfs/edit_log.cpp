@@ -16,42 +16,11 @@
 #include <optional>
 #include <sstream>
 
+#include "lang/text.hpp"
 #include "platform/durable_file.hpp"
 
 namespace kst {
 namespace {
-
-void append_json_string(std::string& out, std::string_view s) {
-  out += '"';
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          char buf[8];
-          std::snprintf(buf, sizeof buf, "\\u%04x", c);
-          out += buf;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  out += '"';
-}
 
 // Reads the JSON string starting at `pos` (at the opening quote); advances `pos`.
 bool read_json_string(std::string_view line, std::size_t& pos, std::string& out) {
@@ -127,14 +96,14 @@ std::optional<EditRecord> parse_record(std::string_view line) {
 
 std::string edit_record_json(const EditRecord& r) {
   std::string out = "{\"ts\":" + std::to_string(r.ts) + ",\"path\":";
-  append_json_string(out, r.path);
+  out += kx::lang::json_quoted(r.path);
   out += ",\"op\":";
-  append_json_string(out, r.op);
+  out += kx::lang::json_quoted(r.op);
   out += ",\"seat\":";
-  append_json_string(out, r.seat);
+  out += kx::lang::json_quoted(r.seat);
   out += ",\"new\":" + std::to_string(r.new_version) +
          ",\"prev\":" + std::to_string(r.prev_version) + ",\"store\":";
-  append_json_string(out, r.store);
+  out += kx::lang::json_quoted(r.store);
   out += '}';
   return out;
 }

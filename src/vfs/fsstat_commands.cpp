@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <system_error>
 
+#include "lang/text.hpp"
 #include "vfs/args.hpp"
 #include "vfs/commands.hpp"
 #include "vfs/edit_log.hpp"
@@ -22,47 +23,10 @@ std::optional<std::string> one_path(std::string_view text) {
   return std::nullopt;
 }
 
-// '*' and '?' make the pattern a wildcard over the whole path; otherwise a substring.
-bool wildcard(std::string_view pattern, std::string_view text) {
-  std::size_t p = 0, t = 0, star = std::string_view::npos, mark = 0;
-  while (t < text.size()) {
-    if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
-      ++p;
-      ++t;
-    } else if (p < pattern.size() && pattern[p] == '*') {
-      star = p++;
-      mark = t;
-    } else if (star != std::string_view::npos) {
-      p = star + 1;
-      t = ++mark;
-    } else {
-      return false;
-    }
-  }
-  while (p < pattern.size() && pattern[p] == '*') ++p;
-  return p == pattern.size();
-}
-
 bool path_matches(std::string_view pattern, std::string_view path) {
-  if (pattern.find_first_of("*?") != std::string_view::npos) return wildcard(pattern, path);
+  if (pattern.find_first_of("*?") != std::string_view::npos)
+    return kx::lang::glob_match(pattern, path);
   return path.find(pattern) != std::string_view::npos;
-}
-
-std::string json_string(std::string_view s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
 }
 
 }  // namespace
@@ -133,8 +97,9 @@ std::string fsstat_vcstatus(CommandContext& ctx, std::string_view) {
   for (Store* s : ctx.stores.all()) {
     std::error_code ec;
     bool present = fs::is_directory(s->disk_root(), ec);
-    out += std::string(first ? "" : ",") + "{\"dir\":" + json_string(s->disk_root().string()) +
-           ",\"status\":\"" + (present ? "insync" : "error") + "\"}";
+    out += std::string(first ? "" : ",") +
+           "{\"dir\":" + kx::lang::json_quoted(s->disk_root().string()) + ",\"status\":\"" +
+           (present ? "insync" : "error") + "\"}";
     first = false;
   }
   return out + "]}";
