@@ -8,6 +8,7 @@
 #include "platform/env.hpp"
 #include "platform/home.hpp"
 #include "platform/instance_lock.hpp"
+#include "platform/login_start.hpp"
 #include "platform/process_info.hpp"
 #include "platform/socket.hpp"
 #include "platform/spawn.hpp"
@@ -220,6 +221,10 @@ server::ServerOptions resident_server_options(std::uint16_t port) {
   if (auto retry = platform::get_env_nonempty("KESTRUNE_BIND_RETRY_MS"))
     options.bind_retry_millis = std::atoi(retry->c_str());
   return options;
+}
+
+bool register_startup() {
+  return platform::register_login_start(platform::executable_path());
 }
 
 }  // namespace kx::launcher

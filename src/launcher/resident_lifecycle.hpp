@@ -59,4 +59,8 @@ int serve_in_foreground(const ResidentOptions& options);
 // asset roots beside the executable, chat files under the user's data directory.
 server::ServerOptions resident_server_options(std::uint16_t port);
 
+// Makes the resident start when the user logs in (the agent set-up calls this).
+// False when the entry could not be written.
+bool register_startup();
+
 }  // namespace kx::launcher

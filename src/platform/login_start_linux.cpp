@@ -1,22 +1,23 @@
-#include "launcher/startup_entry.hpp"
-
 #include <fstream>
 #include <sstream>
-#include <string>
+#include <system_error>
 
 #include "platform/env.hpp"
 #include "platform/home.hpp"
-#include "platform/process_info.hpp"
+#include "platform/login_start.hpp"
 
-namespace kx::launcher {
+namespace kx::platform {
+namespace {
 
-std::filesystem::path startup_entry_path() {
-  std::filesystem::path config = platform::get_env_nonempty("XDG_CONFIG_HOME")
-                                     .value_or((platform::user_profile_dir() / ".config").string());
+std::filesystem::path entry_file() {
+  std::filesystem::path config =
+      get_env_nonempty("XDG_CONFIG_HOME").value_or((user_profile_dir() / ".config").string());
   return config / "autostart" / "kestrune.desktop";
 }
 
-std::string startup_entry_text(const std::filesystem::path& program) {
+}  // namespace
+
+std::string login_start_text(const std::filesystem::path& program) {
   // Desktop-entry quoting: the path in double quotes, with ", `, $ and \ escaped.
   std::string quoted = "\"";
   for (char c : program.string()) {
@@ -29,17 +30,19 @@ std::string startup_entry_text(const std::filesystem::path& program) {
          quoted + " boot\nTerminal=false\nX-GNOME-Autostart-enabled=true\n";
 }
 
-bool register_startup() {
-  std::filesystem::path program = platform::executable_path();
+std::optional<std::string> login_start_entry() {
+  std::ifstream in(entry_file(), std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+bool register_login_start(const std::filesystem::path& program) {
   if (program.empty()) return false;
-  std::string text = startup_entry_text(program);
-  std::filesystem::path file = startup_entry_path();
-  {
-    std::ifstream existing(file, std::ios::binary);
-    std::ostringstream current;
-    current << existing.rdbuf();
-    if (existing && current.str() == text) return true;
-  }
+  std::string text = login_start_text(program);
+  if (login_start_entry() == text) return true;
+  std::filesystem::path file = entry_file();
   std::error_code ec;
   std::filesystem::create_directories(file.parent_path(), ec);
   std::filesystem::path temp = file;
@@ -53,4 +56,4 @@ bool register_startup() {
   return !ec;
 }
 
-}  // namespace kx::launcher
+}  // namespace kx::platform
