@@ -16,14 +16,24 @@ class Socket {
   Socket() = default;
   explicit Socket(std::intptr_t handle) : handle_(handle) {}
   Socket(Socket&& other) noexcept : handle_(other.release()) {}
-  Socket& operator=(Socket&& other) noexcept;
+  Socket& operator=(Socket&& other) noexcept {
+    if (this != &other) {
+      close();
+      handle_ = other.release();
+    }
+    return *this;
+  }
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
   ~Socket() { close(); }
 
   bool valid() const { return handle_ >= 0; }
   std::intptr_t handle() const { return handle_; }
-  std::intptr_t release();
+  std::intptr_t release() {
+    std::intptr_t handle = handle_;
+    handle_ = -1;
+    return handle;
+  }
   void close();
 
  private:

@@ -39,20 +39,6 @@ bool set_timeout(const Socket& socket, int option, int millis) {
 
 }  // namespace
 
-Socket& Socket::operator=(Socket&& other) noexcept {
-  if (this != &other) {
-    close();
-    handle_ = other.release();
-  }
-  return *this;
-}
-
-std::intptr_t Socket::release() {
-  std::intptr_t handle = handle_;
-  handle_ = -1;
-  return handle;
-}
-
 void Socket::close() {
   if (handle_ >= 0) ::closesocket(static_cast<SOCKET>(handle_));
   handle_ = -1;

@@ -5,8 +5,8 @@
 set -u
 # These checks are about local runs: never forward to (or spawn) a resident.
 export KESTRUNE_LOCAL=1
-read -r -a KX <<<"${KX_EMULATOR:-}"
-KX+=("$(realpath "$1")")
+. "$(dirname "$0")/../lib/checks.sh"
+kx_runner "$1"
 ROOT=$(mktemp -d)
 trap 'rm -rf "$ROOT"' EXIT
 HOME_DIR=$ROOT/home
@@ -14,12 +14,9 @@ WORK=$ROOT/work
 mkdir -p "$HOME_DIR" "$WORK"
 # The tree as kx names it (a Windows build sees it through its own drive), and that
 # name inside a JSON string.
-SHOWN_WORK=$WORK
-[[ -n "${KX_EMULATOR:-}" ]] && SHOWN_WORK=$(winepath -w "$WORK" 2>/dev/null)
+SHOWN_WORK=$(shown_path "$WORK")
 JSON_WORK=${SHOWN_WORK//\\/\\\\}
 printf 'one\n' >"$WORK/a.txt"
-failures=0
-passes=0
 
 kx() { (cd "$WORK" && "${KX[@]}" --conf "$HOME_DIR" "$@" 2>/dev/null); }
 first_line() { "$@" | head -1; }
@@ -27,38 +24,6 @@ first_line() { "$@" | head -1; }
 revert_as_holder() {
   printf '{"leafId":"cli","path":"%s/a.txt","at":1}\n' "$JSON_WORK" >"$HOME_DIR/checkouts.jsonl"
   kx fsvctl:revert '<path>a.txt</path><version>1</version>'
-}
-
-# expect <name> <expected stdout> <command...>
-expect() {
-  local name=$1 want=$2
-  shift 2
-  local got
-  got=$("$@")
-  if [[ "$got" == "$want" ]]; then
-    passes=$((passes + 1))
-  else
-    echo "FAIL $name"
-    echo "  got:  $(printf %q "$got")"
-    echo "  want: $(printf %q "$want")"
-    failures=$((failures + 1))
-  fi
-}
-
-# expect_prefix <name> <expected start of stdout> <command...>
-expect_prefix() {
-  local name=$1 want=$2
-  shift 2
-  local got
-  got=$("$@")
-  if [[ "$got" == "$want"* ]]; then
-    passes=$((passes + 1))
-  else
-    echo "FAIL $name"
-    echo "  got:  $(printf %q "$got")"
-    echo "  want: $(printf %q "$want")..."
-    failures=$((failures + 1))
-  fi
 }
 
 expect_prefix "enroll" "OK: enrolled $SHOWN_WORK" kx Kestrune EnrollVersionControl "$WORK"
@@ -127,5 +92,4 @@ expect "the holder moves it" "OK: moved a.txt -> b.txt (history followed)" kx fs
 expect "the lock followed" "OK: b.txt  LOCKED by cli" kx fslock:status b.txt
 expect "the journal followed" "1" grep -cF "\"path\":\"$JSON_WORK" "$HOME_DIR/checkouts.jsonl"
 
-echo "history end-to-end: $passes passed, $failures failed"
-[[ $failures -eq 0 ]]
+checks_done history

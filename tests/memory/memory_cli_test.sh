@@ -5,41 +5,16 @@
 set -u
 # These checks are about local runs: never forward to (or spawn) a resident.
 export KESTRUNE_LOCAL=1
-read -r -a KX <<<"${KX_EMULATOR:-}"
-KX+=("$1")
+. "$(dirname "$0")/../lib/checks.sh"
+kx_runner "$1"
 HOME_DIR=$(mktemp -d)
 trap 'rm -rf "$HOME_DIR"' EXIT
 PORT=$((20000 + RANDOM % 20000))  # no resident listens there: commands run here
 CTX="$HOME_DIR/.contexts/cli@notes"
 # The contexts folder as kx prints it (a Windows path under the emulator).
-SHOWN_CONTEXTS=$HOME_DIR/.contexts
-[[ -n "${KX_EMULATOR:-}" ]] && SHOWN_CONTEXTS=$(winepath -w "$SHOWN_CONTEXTS" 2>/dev/null)
-failures=0
-passes=0
+SHOWN_CONTEXTS=$(shown_path "$HOME_DIR/.contexts")
 
 kx() { "${KX[@]}" --conf "$HOME_DIR" --port "$PORT" "$@" 2>/dev/null; }
-
-# expect <name> <expected stdout> <command...>
-expect() {
-  local name=$1 want=$2
-  shift 2
-  local out
-  out=$("$@")
-  if [[ "$out" == "$want" ]]; then
-    passes=$((passes + 1))
-  else
-    echo "FAIL $name"
-    echo "  got:  $(printf %q "$out")"
-    echo "  want: $(printf %q "$want")"
-    failures=$((failures + 1))
-  fi
-}
-# truth <name> <test command...>
-truth() {
-  local name=$1
-  shift
-  if "$@"; then passes=$((passes + 1)); else echo "FAIL $name"; failures=$((failures + 1)); fi
-}
 
 expect "add" "OK: memory 'build' added to context(s): notes" \
   kx memory.add cli, notes, build, , how to build: cmake --preset release
@@ -87,5 +62,4 @@ is_generated_help() { [[ "$1" == "OK: memory"*"it can't go stale."*"memory.clone
 truth "help is generated" is_generated_help "$out"
 truth "bare memory is help" [ "$(kx memory)" = "$out" ]
 
-echo "memory end-to-end: $passes passed, $failures failed"
-[ "$failures" -eq 0 ]
+checks_done memory

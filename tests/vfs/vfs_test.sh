@@ -5,8 +5,8 @@
 set -u
 # These checks are about local runs: never forward to (or spawn) a resident.
 export KESTRUNE_LOCAL=1
-read -r -a KX <<<"${KX_EMULATOR:-}"
-KX+=("$(realpath "$1")")
+. "$(dirname "$0")/../lib/checks.sh"
+kx_runner "$1"
 BASE=$(mktemp -d)
 trap 'rm -rf "$BASE"' EXIT
 HOME_DIR=$BASE/home
@@ -14,41 +14,15 @@ PROJ=$BASE/proj
 mkdir -p "$PROJ"
 # The tree as kx names it (a Windows build sees it through its own drive), and that
 # name inside a JSON string.
-SHOWN=$PROJ
-[[ -n "${KX_EMULATOR:-}" ]] && SHOWN=$(winepath -w "$PROJ" 2>/dev/null)
+SHOWN=$(shown_path "$PROJ")
 JSON_SHOWN=${SHOWN//\\/\\\\}
-failures=0
-passes=0
 
 kx() { "${KX[@]}" --conf "$HOME_DIR" "$@" 2>"$BASE/err" </dev/null; }
 
-# expect <name> <expected stdout> -- <kx args...>
-expect() {
-  local name=$1 want=$2
-  shift 3
-  local out
-  out=$(kx "$@")
-  if [[ "$out" == "$want" ]]; then
-    passes=$((passes + 1))
-  else
-    echo "FAIL $name"
-    echo "  got:  $(printf %q "$out")"
-    echo "  want: $(printf %q "$want")"
-    failures=$((failures + 1))
-  fi
-}
-
-# ok <name> <condition...>
-ok() {
-  local name=$1
-  shift
-  if "$@"; then passes=$((passes + 1)); else echo "FAIL $name"; failures=$((failures + 1)); fi
-}
-
 # Enrollment from the working directory, as "kx enroll <dir>" is typed.
 out=$(cd "$BASE" && "${KX[@]}" --conf "$HOME_DIR" enroll proj 2>/dev/null)
-ok "enroll answers" [ "${out%%$'\n'*}" == "OK: enrolled $SHOWN — 0 file(s) ingested (0 B), NOT watching (the change watcher is not running yet)" ]
-ok "enroll is recorded" grep -qxF "$SHOWN :: scope=all ext=default watch=on mode=vc" "$HOME_DIR/config/versioncontroldirs.cfg"
+truth "enroll answers" [ "${out%%$'\n'*}" == "OK: enrolled $SHOWN — 0 file(s) ingested (0 B), NOT watching (the change watcher is not running yet)" ]
+truth "enroll is recorded" grep -qxF "$SHOWN :: scope=all ext=default watch=on mode=vc" "$HOME_DIR/config/versioncontroldirs.cfg"
 
 KEY=$(echo "$SHOWN" | sed 's/[^-._0-9A-Za-z]/_/g')
 [[ ${#KEY} -gt 40 ]] && KEY=$(ls "$HOME_DIR/.versioncontrol")
@@ -57,27 +31,27 @@ MIRROR=$HOME_DIR/.versioncontrol/$KEY
 expect "create" "OK: created file src/a.txt
   [version control: automatic] src/a.txt saved as v1 — history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 0'" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello]]></content>"
-ok "re-enrolled at start" grep -qF "[versioncontroldirs] $SHOWN -> enrolled (0 file(s))" "$BASE/err"
+truth "re-enrolled at start" grep -qF "[versioncontroldirs] $SHOWN -> enrolled (0 file(s))" "$BASE/err"
 expect "second version" "OK: created file src/a.txt
   [version control: automatic] src/a.txt saved as v2 — history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 1'" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello again]]></content>"
 expect "cat by suffix" "hello again" -- fs:cat a.txt
-ok "cat leaves stdout clean, reports on stderr" grep -qF "[vc] (1) caching $SHOWN -> cached (1 file(s))" "$BASE/err"
-ok "mirror copy" [ "$(cat "$MIRROR/src/a.txt")" == "hello again" ]
-ok "archive chain" [ "$(cat "$MIRROR/src/.a.txt.oldversions/a.txt.xx1")" == "hello" ]
-ok "working tree stays clean" [ "$(cd "$PROJ" && find . | sort | tr '\n' ' ')" == ". ./src ./src/a.txt " ]
+truth "cat leaves stdout clean, reports on stderr" grep -qF "[vc] (1) caching $SHOWN -> cached (1 file(s))" "$BASE/err"
+truth "mirror copy" [ "$(cat "$MIRROR/src/a.txt")" == "hello again" ]
+truth "archive chain" [ "$(cat "$MIRROR/src/.a.txt.oldversions/a.txt.xx1")" == "hello" ]
+truth "working tree stays clean" [ "$(cd "$PROJ" && find . | sort | tr '\n' ' ')" == ". ./src ./src/a.txt " ]
 
 expect "tombstone" "OK: tombstoned src/a.txt (append-only; fs:restore to undo)" -- fs:rm a.txt
-ok "tombstone marker in the mirror" [ -f "$MIRROR/src/a.txt.tombstone" ]
-ok "working file gone" [ ! -e "$PROJ/src/a.txt" ]
+truth "tombstone marker in the mirror" [ -f "$MIRROR/src/a.txt.tombstone" ]
+truth "working file gone" [ ! -e "$PROJ/src/a.txt" ]
 expect "tombstoned read" "ERROR: file tombstoned: src/a.txt (fs:restore to bring it back)" -- fs:cat src/a.txt
 expect "listing shows t" "OK: 1 file(s) in $SHOWN  (f = file, t = tombstoned)
   t  v2	src/a.txt" -- fsstat:paths
 expect "restore" "OK: restored src/a.txt" -- fs:restore a.txt
-ok "restored bytes" [ "$(cat "$PROJ/src/a.txt")" == "hello again" ]
+truth "restored bytes" [ "$(cat "$PROJ/src/a.txt")" == "hello again" ]
 
 expect "move" "OK: moved src/a.txt -> docs/b.txt (history followed)" -- fs:move a.txt "<dest>docs/b.txt</dest>"
-ok "archive followed the move" [ "$(cat "$MIRROR/docs/.b.txt.oldversions/b.txt.xx1")" == "hello" ]
+truth "archive followed the move" [ "$(cat "$MIRROR/docs/.b.txt.oldversions/b.txt.xx1")" == "hello" ]
 expect "version after move" "OK: 2" -- fsstat:version docs/b.txt
 expect "copy to new" "OK: copied docs/b.txt -> c.txt (v1, new versioned file)
   [version control: automatic] c.txt saved as v1 — history: 'Kestrune history c.txt'; roll back: 'Kestrune revert c.txt to 0'" \
@@ -85,7 +59,7 @@ expect "copy to new" "OK: copied docs/b.txt -> c.txt (v1, new versioned file)
 expect "stores" "1 store(s) under version control  (* = active; retarget with Kestrune EnrollVersionControl <root>)
 * $SHOWN  2 file(s)  [scope=all ext=default watch=on mode=vc]" -- fsstat:stores
 out=$(kx fsstat:history limit=2)
-ok "history newest first" [ "${out%%$'\n'*}" == "{\"ts\":${out:6:10},\"path\":\"c.txt\",\"op\":\"copy\",\"seat\":\"cli\",\"new\":1,\"prev\":0,\"store\":\"$JSON_SHOWN\"}" ]
+truth "history newest first" [ "${out%%$'\n'*}" == "{\"ts\":${out:6:10},\"path\":\"c.txt\",\"op\":\"copy\",\"seat\":\"cli\",\"new\":1,\"prev\":0,\"store\":\"$JSON_SHOWN\"}" ]
 
 # Refusals change nothing.
 before=$(cd "$BASE" && find . -path ./err -prune -o -print | sort | md5sum)
@@ -101,12 +75,12 @@ expect "mode switch" "ERROR: $SHOWN is already enrolled as versioned VC (mode=vc
   (Tip: use different directories for cache-based vs versioned VC.)" -- enroll "$PROJ" mode=cachewt
 expect "own home" "ERROR: refusing to enroll the tool's own .Kestrune home" -- enroll "$HOME_DIR"
 after=$(cd "$BASE" && find . -path ./err -prune -o -print | sort | md5sum)
-ok "refusals wrote nothing" [ "$before" == "$after" ]
+truth "refusals wrote nothing" [ "$before" == "$after" ]
 expect "same flags retarget" "OK: $SHOWN is already enrolled — now the active directory" -- "Kestrune EnrollVersionControl $PROJ"
 
 # turnlog- files have no mirror.
 kx "fsmk:file turnlog-1.md <content>t</content>" >/dev/null
-ok "turnlog has no mirror" [ ! -e "$MIRROR/turnlog-1.md" ]
+truth "turnlog has no mirror" [ ! -e "$MIRROR/turnlog-1.md" ]
 
 # Two processes saving into one file at once: the store lock keeps every version.
 for w in A B; do
@@ -114,7 +88,6 @@ for w in A B; do
 done
 wait
 chain=$(cd "$MIRROR" && cat race.txt .race.txt.oldversions/race.txt.xx* | grep -oE '[AB][0-9]+' | sort -u | wc -l)
-ok "parallel processes lose no version" [ "$chain" -eq 30 ]
+truth "parallel processes lose no version" [ "$chain" -eq 30 ]
 
-echo "vfs end-to-end: $passes passed, $failures failed"
-[[ $failures -eq 0 ]]
+checks_done vfs
