@@ -6,12 +6,15 @@
 #include <vector>
 
 #include "lang/parse_driver.hpp"
+#include "launcher/kxterm.hpp"
 #include "launcher/options.hpp"
+#include "launcher/resident_lifecycle.hpp"
 #include "launcher/resident_link.hpp"
 #include "launcher/workspace.hpp"
 #include "platform/console.hpp"
 #include "platform/home.hpp"
 #include "platform/shell.hpp"
+#include "platform/spawn.hpp"
 
 namespace kx::launcher {
 namespace {
@@ -75,10 +78,16 @@ int run_entry(int argc, char** argv) {
   if (!options.home_override.empty()) platform::set_home_override(options.home_override);
 
   if (!options.words.empty() && options.words[0] == "kxterm")
-    return not_in_this_build("the kxterm terminal client");
+    return run_kxterm(options.port,
+                      std::vector<std::string>(options.words.begin() + 1, options.words.end()));
   if (!options.words.empty() && options.words[0] == "terminal") {
-    std::fprintf(stderr, "Kestrune: couldn't bring up the engine on port %d\n", options.port);
-    return 1;
+    if (!bring_up(options.port)) {
+      std::fprintf(stderr, "Kestrune: couldn't bring up the engine on port %d\n", options.port);
+      return 1;
+    }
+    std::string url = "http://127.0.0.1:" + std::to_string(options.port) + "/ui/term.html";
+    if (!platform::open_url(url)) std::printf("%s\n", url.c_str());
+    return 0;
   }
 
   std::string line = build_command_line(options.words);

@@ -79,6 +79,15 @@ void ChatHub::handle(int id, const std::string& message) {
   std::vector<std::string> lines = split_lines(message);
   const std::string verb = trimmed(line_at(lines, 0));
   Outbox out;
+  if (verb == "msg" || verb == "dm") {
+    std::size_t first = verb == "msg" ? 1 : 2;
+    const std::string head = line_at(lines, first);
+    constexpr std::string_view kTermSend = "::term.send ";
+    if (head.starts_with(kTermSend)) {
+      type_into_terminal(id, trimmed(head.substr(kTermSend.size())), rest_of(lines, first + 1));
+      return;
+    }
+  }
   {
     std::lock_guard guard(lock_);
     auto it = clients_.find(id);
@@ -99,6 +108,61 @@ void ChatHub::handle(int id, const std::string& message) {
     }
   }
   deliver(out);
+}
+
+void ChatHub::type_into_terminal(int id, const std::string& terminal, const std::string& line) {
+  std::string name;
+  TerminalInput hook;
+  {
+    std::lock_guard guard(lock_);
+    auto it = clients_.find(id);
+    if (it == clients_.end()) return;
+    name = it->second.name;
+    hook = terminal_input_;
+  }
+  // Outside the lock: typing into a terminal may wait for it.
+  std::optional<std::string> error =
+      hook ? hook(name, terminal, line) : std::optional<std::string>("no such terminal");
+  if (!error) return;
+  Outbox out;
+  {
+    std::lock_guard guard(lock_);
+    if (clients_.count(id)) notice_to(id, "ERROR: " + *error, out);
+  }
+  deliver(out);
+}
+
+ChatHub::Reach ChatHub::send_to(const std::string& name, const std::string& message) {
+  Outbox out;
+  bool named = false;
+  {
+    std::lock_guard guard(lock_);
+    for (auto& [id, client] : clients_) {
+      if (client.name != name) continue;
+      named = true;
+      if (client.send) out.emplace_back(client.send, message);
+    }
+  }
+  if (!named) return Reach::kNotConnected;
+  if (out.empty()) return Reach::kNoTransport;
+  deliver(out);
+  return Reach::kDelivered;
+}
+
+ChatHub::Reach ChatHub::reach(const std::string& name) {
+  std::lock_guard guard(lock_);
+  Reach reach = Reach::kNotConnected;
+  for (auto& [id, client] : clients_) {
+    if (client.name != name) continue;
+    if (client.send) return Reach::kDelivered;
+    reach = Reach::kNoTransport;
+  }
+  return reach;
+}
+
+void ChatHub::set_terminal_input(TerminalInput hook) {
+  std::lock_guard guard(lock_);
+  terminal_input_ = std::move(hook);
 }
 
 void ChatHub::disconnect(int id) {

@@ -9,6 +9,8 @@
 //   register-bot\n<name>\n<password>        a remote bot joins "general" under its name
 //   msg\n<text...>                          to the client's channel (the rest is the text)
 //   dm\n<who>\n<text...>                    direct message to every client named <who>
+// A msg or dm text of the form "::term.send <id>\n<line>" types the line into a
+// terminal shared with the sender instead (only an error is answered).
 // Anything else is answered with an error object.
 #include <cstdint>
 #include <deque>
@@ -17,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -43,6 +46,19 @@ class ChatHub {
   // The client's connection ended: it leaves its channel (announced).
   void disconnect(int client);
 
+  // How far a message sent by name got.
+  enum class Reach { kDelivered, kNotConnected, kNoTransport };
+  // Whether a client of that name is connected and can be sent to.
+  Reach reach(const std::string& name);
+  // Sends `message` as it is to every client named `name`.
+  Reach send_to(const std::string& name, const std::string& message);
+
+  // A chat text "::term.send <id>\n<line>" from a client is terminal input, not
+  // chat: it goes to this hook, which gives an error reason or nothing.
+  using TerminalInput = std::function<std::optional<std::string>(
+      const std::string& bot, const std::string& id, const std::string& line)>;
+  void set_terminal_input(TerminalInput hook);
+
   // {"type":"roster",...} for a channel.
   std::string roster_json(const std::string& channel);
   int client_count();
@@ -68,6 +84,7 @@ class ChatHub {
   void leave(int id, Outbox& out);
   void say(int id, const std::string& text, Outbox& out);
   void direct(int id, const std::string& to, const std::string& text, Outbox& out);
+  void type_into_terminal(int id, const std::string& terminal, const std::string& line);
 
   Channel& channel_state(const std::string& name);
   std::string record(const std::string& channel, const std::string& kind, const std::string& from,
@@ -86,6 +103,7 @@ class ChatHub {
   std::map<int, Client> clients_;
   std::map<std::string, Channel> channels_;
   std::set<std::string> known_bots_;
+  TerminalInput terminal_input_;
 };
 
 // Sends each queued message outside the hub's lock, so a slow peer never stalls it.

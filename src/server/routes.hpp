@@ -19,6 +19,15 @@ Response handle_channels(ServerState&, const Request&, RouteEffects&);
 Response handle_dm_thread(ServerState&, const Request&, RouteEffects&);
 Response handle_roster(ServerState&, const Request&, RouteEffects&);
 
+// Terminal sessions.
+Response handle_term_open(ServerState&, const Request&, RouteEffects&);
+Response handle_term_share(ServerState&, const Request&, RouteEffects&);
+Response handle_term_send(ServerState&, const Request&, RouteEffects&);
+Response handle_term_resize(ServerState&, const Request&, RouteEffects&);
+Response handle_term_read(ServerState&, const Request&, RouteEffects&);
+Response handle_term_close(ServerState&, const Request&, RouteEffects&);
+Response handle_term_list(ServerState&, const Request&, RouteEffects&);
+
 // Files beside the executable: the main page, the UI, the manual.
 Response handle_index(ServerState&, const Request&, RouteEffects&);
 Response handle_ui(ServerState&, const Request&, RouteEffects&);

@@ -8,14 +8,21 @@
 #include "server/chat_hub.hpp"
 #include "server/debug_events.hpp"
 #include "server/server.hpp"
+#include "term/sessions.hpp"
 
 namespace kx::server {
 
 struct ServerState {
-  explicit ServerState(ServerOptions opts) : options(std::move(opts)), chat(options.chat) {}
+  explicit ServerState(ServerOptions opts) : options(std::move(opts)), chat(options.chat) {
+    chat.set_terminal_input(
+        [this](const std::string& bot, const std::string& id, const std::string& line) {
+          return terminals.bot_send(id, bot, line);
+        });
+  }
 
   ServerOptions options;
   ChatHub chat;
+  term::SessionTable terminals;  // after chat: sessions may still deliver to it while ending
   DebugEvents debug;
   std::atomic<int> active{0};
   std::atomic<Server::Phase> phase{Server::Phase::kStarting};
@@ -31,7 +38,9 @@ inline constexpr int kMaxConnections = 1024;
 // Serves one accepted connection to its end; runs on its own thread.
 void handle_connection(std::shared_ptr<ServerState> state, platform::Socket socket, bool loopback);
 
-// Runs the WebSocket frame loop after a successful upgrade request.
+// A WebSocket upgrade request: the endpoint its path names, to the end of its frames.
 void serve_websocket(ServerState& state, platform::Socket& socket, const struct Request& request);
+void serve_terminal_socket(ServerState& state, platform::Socket& socket,
+                           const struct Request& request);
 
 }  // namespace kx::server

@@ -89,7 +89,11 @@ Response handle_ui(ServerState& state, const Request& request, RouteEffects&) {
   std::string name = request.path == "/ui" || request.path == "/ui/" ? std::string("shell.html")
                                                                      : request.path.substr(4);
   if (!safe_relative(name)) return text_response("404 Not Found", "no such ui file");
-  fs::path relative = fs::path("web") / "ui" / name;
+  // Web libraries are installed from web/package-lock.json, never copied into ui/.
+  constexpr std::string_view kVendor = "vendor/";
+  fs::path relative = name.starts_with(kVendor)
+                          ? fs::path("web") / "node_modules" / name.substr(kVendor.size())
+                          : fs::path("web") / "ui" / name;
   if (auto text = find_asset(state, relative)) return {"200 OK", content_type_for(relative), *text};
   return text_response("404 Not Found", "no such ui file");
 }

@@ -4,6 +4,9 @@
 
 namespace kx::server {
 
+static std::string encode_frame_with(int opcode, std::string_view payload, std::uint32_t mask,
+                                     bool masked);
+
 FrameStatus parse_frame(std::string_view buffer, Frame& frame, std::size_t& consumed) {
   if (buffer.size() < 2) return FrameStatus::kNeedMore;
   auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(buffer[i]); };
@@ -37,21 +40,41 @@ FrameStatus parse_frame(std::string_view buffer, Frame& frame, std::size_t& cons
 }
 
 std::string encode_frame(int opcode, std::string_view payload) {
+  return encode_frame_with(opcode, payload, 0, false);
+}
+
+std::string encode_client_frame(int opcode, std::string_view payload, std::uint32_t mask) {
+  return encode_frame_with(opcode, payload, mask, true);
+}
+
+static std::string encode_frame_with(int opcode, std::string_view payload, std::uint32_t mask,
+                                     bool masked) {
   std::string out;
-  out.reserve(payload.size() + 10);
+  out.reserve(payload.size() + 14);
   out += static_cast<char>(0x80 | (opcode & 0x0f));
+  const char mask_bit = masked ? static_cast<char>(0x80) : 0;
   std::uint64_t length = payload.size();
   if (length < 126) {
-    out += static_cast<char>(length);
+    out += static_cast<char>(mask_bit | static_cast<char>(length));
   } else if (length <= 0xffff) {
-    out += static_cast<char>(126);
+    out += static_cast<char>(mask_bit | 126);
     out += static_cast<char>((length >> 8) & 0xff);
     out += static_cast<char>(length & 0xff);
   } else {
-    out += static_cast<char>(127);
+    out += static_cast<char>(mask_bit | 127);
     for (int i = 7; i >= 0; --i) out += static_cast<char>((length >> (i * 8)) & 0xff);
   }
+  if (!masked) {
+    out += payload;
+    return out;
+  }
+  char key[4];
+  for (int i = 0; i < 4; ++i) key[i] = static_cast<char>((mask >> (24 - 8 * i)) & 0xff);
+  out.append(key, 4);
+  std::size_t at = out.size();
   out += payload;
+  for (std::size_t i = 0; i < payload.size(); ++i)
+    out[at + i] = static_cast<char>(out[at + i] ^ key[i % 4]);
   return out;
 }
 
@@ -63,15 +86,17 @@ FrameAction MessageAssembler::feed(Frame frame) {
       return {FrameAction::kPong, std::move(frame.payload)};
     case kTextFrame:
     case kBinaryFrame:
-      if (frame.fin) return {FrameAction::kMessage, std::move(frame.payload)};
+      if (frame.fin)
+        return {FrameAction::kMessage, std::move(frame.payload), frame.opcode == kBinaryFrame};
       fragments_ = std::move(frame.payload);
+      fragments_binary_ = frame.opcode == kBinaryFrame;
       return {};
     case kContinuation:
       if (fragments_.size() + frame.payload.size() > kMaxMessageBytes)
         return {FrameAction::kTooLarge, {}};
       fragments_ += frame.payload;
       if (!frame.fin) return {};
-      return {FrameAction::kMessage, std::exchange(fragments_, std::string())};
+      return {FrameAction::kMessage, std::exchange(fragments_, std::string()), fragments_binary_};
     default:
       return {};  // pong and reserved opcodes carry nothing for us
   }

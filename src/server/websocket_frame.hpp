@@ -34,11 +34,14 @@ FrameStatus parse_frame(std::string_view buffer, Frame& frame, std::size_t& cons
 
 // One unmasked frame with FIN set, using the shortest length form.
 std::string encode_frame(int opcode, std::string_view payload);
+// The same frame as a client must send it: masked with `mask`.
+std::string encode_client_frame(int opcode, std::string_view payload, std::uint32_t mask);
 
 // Turns frames into whole messages: what the connection should do next.
 struct FrameAction {
   enum Kind { kNone, kMessage, kPong, kClose, kTooLarge } kind = kNone;
-  std::string data;  // the message, or the ping payload to echo
+  std::string data;     // the message, or the ping payload to echo
+  bool binary = false;  // a message sent as binary frames rather than text
 };
 
 class MessageAssembler {
@@ -47,6 +50,7 @@ class MessageAssembler {
 
  private:
   std::string fragments_;
+  bool fragments_binary_ = false;
 };
 
 }  // namespace kx::server

@@ -1,0 +1,179 @@
+// Sessions on a real pseudo-terminal, driven through the table as the routes do.
+#include "term/sessions.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <thread>
+
+namespace kx::term {
+namespace {
+
+using namespace std::chrono_literals;
+
+#ifdef _WIN32
+#define SKIP_WITHOUT_POSIX_SHELL() GTEST_SKIP() << "needs /bin/sh"
+#else
+#define SKIP_WITHOUT_POSIX_SHELL() (void)0
+#endif
+
+// Polls until the session's buffer satisfies `done` (or 10 s pass).
+template <typename Done>
+ReadResult wait_for(SessionTable& table, const std::string& id, Done done) {
+  auto deadline = std::chrono::steady_clock::now() + 10s;
+  ReadResult read;
+  do {
+    read = table.read(id, 0);
+    if (done(read)) return read;
+    std::this_thread::sleep_for(20ms);
+  } while (std::chrono::steady_clock::now() < deadline);
+  return read;
+}
+
+auto contains(const std::string& text) {
+  return [text](const ReadResult& read) { return read.data.find(text) != std::string::npos; };
+}
+
+TEST(SessionsTest, TypedLineRunsAndItsOutputIsReadBack) {
+  SKIP_WITHOUT_POSIX_SHELL();
+  SessionTable table;
+  auto id = table.open("/bin/sh", 0, 50);
+  ASSERT_TRUE(id);
+  ASSERT_TRUE(table.send(*id, "echo sum-$((40+2)); stty size\r"));
+  // The arithmetic proves the shell ran the line rather than echoing it; 0 cols
+  // took the default.
+  auto read = wait_for(table, *id, contains("50 120"));
+  EXPECT_NE(read.data.find("sum-42"), std::string::npos) << read.data;
+  EXPECT_NE(read.data.find("50 120"), std::string::npos) << read.data;
+  EXPECT_TRUE(read.alive);
+  EXPECT_EQ(read.len, read.data.size());
+  EXPECT_TRUE(table.read(*id, read.len).data.empty());
+}
+
+TEST(SessionsTest, CommandThatEndsAtOnceIsNotASessionAndIdsAreNotReused) {
+  SKIP_WITHOUT_POSIX_SHELL();
+  SessionTable table;
+  EXPECT_FALSE(table.open("true", 0, 0));
+  EXPECT_FALSE(table.open("/no/such/program", 0, 0));
+  auto first = table.open("sleep 30", 0, 0);
+  ASSERT_TRUE(first);
+  table.close(*first);
+  auto second = table.open("sleep 30", 0, 0);
+  ASSERT_TRUE(second);
+  EXPECT_EQ(*first, "t1");
+  EXPECT_EQ(*second, "t2");
+  EXPECT_TRUE(table.list().size() == 1 && table.list()[0].id == "t2");
+}
+
+TEST(SessionsTest, EndedSessionStaysReadableWithItsExitLineUntilClosed) {
+  SKIP_WITHOUT_POSIX_SHELL();
+  SessionTable table;
+  auto id = table.open("/bin/sh", 0, 0);
+  ASSERT_TRUE(id);
+  ASSERT_TRUE(table.send(*id, "exit 3\r"));
+  auto read = wait_for(table, *id, [](const ReadResult& r) { return !r.alive; });
+  EXPECT_FALSE(read.alive);
+  EXPECT_TRUE(read.data.ends_with("\n[session ended, exit 3]\n")) << read.data;
+  EXPECT_FALSE(table.send(*id, "echo late\r"));
+  EXPECT_FALSE(table.resize(*id, 80, 24));
+  ASSERT_EQ(table.list().size(), 1u);
+  EXPECT_FALSE(table.list()[0].alive);
+  table.close(*id);
+  EXPECT_FALSE(table.read(*id, 0).found);
+  table.close(*id);  // twice: nothing happens
+}
+
+// Collects one watcher's stream as a client would.
+struct Collector {
+  std::mutex lock;
+  std::condition_variable changed;
+  std::uint64_t offset = 0;
+  std::string bytes;
+  int exit_code = -1;
+
+  Watcher watcher() {
+    return {[this](std::uint64_t at, bool) {
+              std::lock_guard guard(lock);
+              offset = at;
+            },
+            [this](std::string_view chunk) {
+              std::lock_guard guard(lock);
+              bytes += chunk;
+              changed.notify_all();
+            },
+            [this](int code) {
+              std::lock_guard guard(lock);
+              exit_code = code;
+              changed.notify_all();
+            }};
+  }
+  bool wait_until_ended() {
+    std::unique_lock guard(lock);
+    return changed.wait_for(guard, 10s, [this] { return exit_code >= 0; });
+  }
+};
+
+TEST(SessionsTest, WatchersGetBacklogThenLiveOutputWithoutGapsAndTheEnd) {
+  SKIP_WITHOUT_POSIX_SHELL();
+  SessionTable table;
+  auto id = table.open("/bin/sh", 0, 0);
+  ASSERT_TRUE(id);
+  ASSERT_TRUE(table.send(*id, "echo before\r"));
+  wait_for(table, *id, contains("before\r\n"));
+  Collector early, late;
+  ASSERT_TRUE(table.attach(*id, 0, early.watcher()));
+  ASSERT_TRUE(table.send(*id, "i=0; while [ $i -lt 300 ]; do echo line-$i; i=$((i+1)); done\r"));
+  std::uint64_t resume = table.read(*id, 0).len;  // nothing trimmed yet: same offset
+  ASSERT_TRUE(table.attach(*id, resume, late.watcher()));
+  ASSERT_TRUE(table.send(*id, "exit 0\r"));
+  ASSERT_TRUE(early.wait_until_ended());
+  ASSERT_TRUE(late.wait_until_ended());
+  std::string all = table.read(*id, 0).data;
+  EXPECT_EQ(early.offset, 0u);
+  EXPECT_EQ(early.bytes, all);
+  EXPECT_EQ(late.offset, resume);
+  EXPECT_EQ(late.bytes, all.substr(resume));
+  EXPECT_NE(all.find("line-299"), std::string::npos);
+  EXPECT_EQ(early.exit_code, 0);
+  // Attaching after the end replays and ends at once.
+  Collector after;
+  ASSERT_TRUE(table.attach(*id, 0, after.watcher()));
+  EXPECT_EQ(after.bytes, all);
+  EXPECT_EQ(after.exit_code, 0);
+}
+
+TEST(SessionsTest, OnlyTheSharedBotMayTypeIntoASession) {
+  SKIP_WITHOUT_POSIX_SHELL();
+  SessionTable table;
+  EXPECT_EQ(table.bot_send("t9", "ada", "ls"), "no such terminal");
+  auto id = table.open("/bin/sh", 0, 0);
+  ASSERT_TRUE(id);
+  EXPECT_EQ(table.bot_send(*id, "ada", "ls"), "terminal is not shared with this bot");
+  std::string screen;
+  std::vector<std::string> delivered;
+  std::mutex lock;
+  ASSERT_TRUE(table.share(
+      *id, "ada",
+      [&](const std::string& chunk) {
+        std::lock_guard guard(lock);
+        delivered.push_back(chunk);
+      },
+      [&](const std::string& now) { screen = now; }));
+  EXPECT_EQ(table.bot_send(*id, "bob", "ls"), "terminal is not shared with this bot");
+  EXPECT_EQ(table.bot_send(*id, "ada", ""), "empty terminal input");
+  EXPECT_EQ(table.bot_send(*id, "ada", "echo from-$((6*7))"), std::nullopt);
+  wait_for(table, *id, contains("from-42"));
+  {
+    std::lock_guard guard(lock);
+    std::string joined;
+    for (auto& chunk : delivered) joined += chunk;
+    EXPECT_NE(joined.find("from-42"), std::string::npos);
+  }
+  table.send(*id, "exit\r");
+  wait_for(table, *id, [](const ReadResult& r) { return !r.alive; });
+  EXPECT_EQ(table.bot_send(*id, "ada", "ls"), "terminal session ended");
+}
+
+}  // namespace
+}  // namespace kx::term
