@@ -145,7 +145,7 @@ class RawAttachment {
       platform::shutdown_both(*socket_);
       reader.join();
     }
-    if (ended_) print("\n[session ended]\n");
+    if (ended_ && outcome_.empty()) print("\n[session ended]\n");
     if (!outcome_.empty()) print(outcome_);
     return status;
   }
@@ -220,6 +220,8 @@ class RawAttachment {
           outcome_ = detached_line(id_);
           return 0;
         case KeyFilter::Command::kClose:
+          // Stop reading first: the end of a session we close is not news.
+          platform::shutdown_both(*socket_);
           if (!link_.request("POST", "/term/close?id=" + url_encode(id_))) {
             outcome_ = "\n[kxterm: server unreachable — detaching]\n";
             return 1;

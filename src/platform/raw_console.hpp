@@ -5,8 +5,8 @@
 
 namespace kx::platform {
 
-// Raw mode on standard input while alive; the previous mode comes back on
-// destruction. active() is false when standard input is not a console.
+// Raw mode on the console while alive (no output processing either: write "\r\n"); the previous
+// mode comes back on destruction. active() is false when standard input is not a console.
 class RawConsole {
  public:
   RawConsole();

@@ -16,9 +16,9 @@ RawConsole::RawConsole() {
   termios mode{};
   if (::tcgetattr(STDIN_FILENO, &mode) != 0) return;
   std::memcpy(saved_, &mode, sizeof mode);
+  // Fully raw, output too: the session's program already sends the line ends
+  // its terminal needs.
   ::cfmakeraw(&mode);
-  // Output post-processing stays on: our own messages keep their line ends.
-  mode.c_oflag |= OPOST;
   if (::tcsetattr(STDIN_FILENO, TCSAFLUSH, &mode) == 0) active_ = true;
 }
 

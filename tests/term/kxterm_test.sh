@@ -11,9 +11,9 @@ track_port "$P" >/dev/null
 
 at_console() { # <output file> <kxterm arguments...>; keystrokes on standard input
   local out=$1; shift
-  timeout 30 script -qec "$KX --port $P --conf $CONF kxterm $*" /dev/null >"$out" 2>&1
+  timeout 30 script -qec "stty cols 100 rows 40; $KX --port $P --conf $CONF kxterm $*" /dev/null >"$out" 2>&1
 }
-TOKEN=$(tr -d " \n\r\t" <"$CONF/resident.token" 2>/dev/null)
+TOKEN=$(cat "$CONF/resident.token" 2>/dev/null | tr -d " \n\r\t")
 has() { grep -qF -- "$2" "$1"; }
 lacks() { ! grep -qF -- "$2" "$1"; }
 
@@ -39,14 +39,15 @@ check "Ctrl-] detaches" has "$WORK/second" "[detached — t1 still running"
 
 # --- a full-screen program gets the console's keys and size ------------------------
 {
-  sleep 1.5; printf 'stty size; tput cols\r'
+  sleep 1.5; printf 'stty size\r'
   sleep 0.8; printf '::list\r'
   sleep 0.8; printf '::close\r'
   sleep 1
 } | at_console "$WORK/third" t1
-check "the session sees a terminal size" grep -qE '^[0-9]+ [0-9]+' "$WORK/third"
+check "the session has the console's size" has "$WORK/third" "40 100"
 check "::list prints the sessions" has "$WORK/third" '"sessions":[{"id":"t1"'
 check "::close says so" has "$WORK/third" "[closed t1]"
+check "::close does not report the end as news" lacks "$WORK/third" "[session ended"
 list=$(curl -s "http://127.0.0.1:$P/term/list" ${TOKEN:+-H "Authorization: Bearer $TOKEN"})
 same "::close ended the session" '{"ok":true,"sessions":[]}' "$list"
 

@@ -8,17 +8,18 @@ import { chromium } from 'playwright-core';
 import { startResident, sleep } from './resident.mjs';
 
 let resident;
-let browser;
+let context;
 before(async () => {
   resident = await startResident(process.env.KX);
-  browser = await chromium.launch({
+  // A fresh profile of its own (the persistent context's user data directory).
+  context = await chromium.launchPersistentContext(fs.mkdtempSync(path.join(resident.work, 'chromium-')), {
     executablePath: '/usr/bin/chromium',
+    viewport: { width: 1100, height: 700 },
     args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync',
-      `--user-data-dir=${fs.mkdtempSync(path.join(resident.work, 'chromium-'))}`],
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
   });
 });
-after(async () => { await browser?.close(); resident.stop(); });
+after(async () => { await context?.close(); resident.stop(); });
 
 // The lines of xterm's active buffer, as the user sees them.
 const screenLines = (page) => page.evaluate(() => {
@@ -34,7 +35,6 @@ async function waitForLine(page, wanted, ms = 10000) {
 }
 
 test('open, type, reload to the same screen, resize, detach leaves it running', async () => {
-  const context = await browser.newContext({ viewport: { width: 1100, height: 700 } });
   if (resident.token)
     await context.addCookies([{ name: 'kst_token', value: resident.token, url: resident.base }]);
   const page = await context.newPage();
@@ -73,5 +73,4 @@ test('open, type, reload to the same screen, resize, detach leaves it running', 
   await again.click('#close');
   for (let i = 0; i < 50 && (await resident.api('GET', '/term/list')).sessions.some((s) => s.id === id); i++) await sleep(50);
   assert.ok(!(await resident.api('GET', '/term/list')).sessions.some((s) => s.id === id));
-  await context.close();
 });
