@@ -2,6 +2,13 @@
 // that terminate() ends its whole tree. A pseudo console keeps its output pipe
 // open after the process ends, so a waiter thread closes the console when the
 // process ends; the reader then sees the end of the pipe.
+// Pseudo consoles arrived with Windows 10 1809 (NTDDI 0x0A000006).
+#ifndef _WIN32_WINNT
+#define _WIN32_WINNT 0x0A00
+#endif
+#ifndef NTDDI_VERSION
+#define NTDDI_VERSION 0x0A000006
+#endif
 #include <windows.h>
 
 #include <mutex>
