@@ -20,6 +20,7 @@ std::unique_ptr<Workspace> make_workspace() {
   auto stores = vfs::register_file_families(registry);
   vfs::register_lock_and_history_families(registry, stores);
   vfs::reenroll_from_config(*stores, std::cerr);
+  workspace->stores = stores;
   memory::register_memory_family(registry, platform::contexts_dir());
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
