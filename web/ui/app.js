@@ -90,6 +90,12 @@ $('tabs').addEventListener('keydown', (event) => {
   showTab(next.dataset.tab);
 });
 
+// A link or a typed address may name a tab ("#files").
+window.addEventListener('hashchange', () => {
+  const wanted = location.hash.slice(1);
+  if (tabs.some((t) => t.dataset.tab === wanted && !t.hidden)) showTab(wanted);
+});
+
 function applyTheme(theme) {
   document.documentElement.dataset.theme = theme;
   localStorage.setItem('kst-theme', theme);
@@ -254,7 +260,8 @@ function renderTree() {
       node.setAttribute('aria-expanded', String(!collapsed.has(row.folder)));
     } else {
       node.append(el('span', { class: 'name' }, row.label),
-        el('span', { class: 'count', title: 'versions' }, row.file.tombstone ? 'deleted' : `v${row.file.current}`));
+        el('span', { class: 'count', title: `current v${row.file.current}` },
+          `${row.file.tombstone ? 'deleted · ' : ''}${row.file.versions} version${row.file.versions === 1 ? '' : 's'}`));
     }
     parts.push(node);
   }
