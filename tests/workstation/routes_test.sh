@@ -108,6 +108,11 @@ same "/dialog/bindings lists the binding" "general notes build" \
 same "/dialog/bind with no ctx unbinds" "0" \
   "$(post /dialog/bind -d channel=general >/dev/null; get /dialog/bindings >/dev/null; field '.bindings | length')"
 
+# --- the manual that ships beside kx ----------------------------------------------------
+same "/manual/list has the user pages" "agents commands getting-started memory terminals trust versions" \
+  "$(get /manual/list >/dev/null; field '[.pages[].name] | join(" ")')"
+check "/manual/page serves one as markdown" grep -q '^200 # The trust model' <<<"$(get '/manual/page?name=trust')"
+
 # --- the loopback rule: a foreign Host is refused with each row's own text --------------
 foreign() { call -H 'Host: evil.example' "$@"; }
 same "/vc/add refuses" '403 {"ok":false,"error":"/vc/add is loopback-only"}' "$(foreign -X POST -d dir=/ "$B/vc/add")"
