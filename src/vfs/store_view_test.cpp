@@ -49,7 +49,7 @@ TEST_F(StoreViewTest, DiffRowsCarryTheLineNumbersOfBothSides) {
   EXPECT_EQ(shape, "added:-:1 same:1:2 removed:2:- same:3:3 added:-:4 ");
 }
 
-TEST_F(StoreViewTest, TreeAndLogFollowSavesAndTombstones) {
+TEST_F(StoreViewTest, TreeAndLogFollowSaves) {
   save("a.txt", "two\n");
   save("sub/b.txt", "b\n");
   auto tree = json(tree_view(*stores, project.string()))["files"];
