@@ -87,7 +87,7 @@ class Printer {
   }
 
   void separate_if_gap(std::size_t start) {
-    if ((after_ > 0 || before_ > 0) && printed_any_ && start > printed_end_)
+    if (options_.context && !options_.only_matching && printed_any_ && start > printed_end_)
       result_.output += "--\n";
     printed_any_ = true;
   }

@@ -356,7 +356,7 @@ std::string GrepEngine::run(lang::Session& session, std::string_view args) {
   bool truncated = false;
   std::size_t folded = 0;
   std::mutex fold_mutex;
-  const bool separate_files = (options.after > 0 || options.before > 0) && !options.only_matching;
+  const bool separate_files = options.context && !options.only_matching;
 
   auto fold_locked = [&] {
     // Results join the output in file order, as soon as every earlier file is done.

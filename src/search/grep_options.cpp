@@ -190,6 +190,7 @@ std::optional<std::string> parse_grep_options(const std::vector<std::string>& wo
           } else {
             auto number = have_value ? parse_count(value) : std::nullopt;
             if (!number) return "ERROR: -" + std::string(1, letter) + " needs a number\n";
+            if (letter != 'm') options.context = true;
             if (letter == 'A' || letter == 'C') options.after = *number;
             if (letter == 'B' || letter == 'C') options.before = *number;
             if (letter == 'm') options.max_count = *number;

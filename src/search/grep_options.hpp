@@ -22,6 +22,7 @@ struct GrepOptions {
   bool suppress_notes = false;
   FileNames names = FileNames::kAuto;
   std::size_t after = 0, before = 0;
+  bool context = false;  // -A/-B/-C given, even as 0: groups are separated by "--"
   std::optional<std::size_t> max_count;
   std::optional<bool> cache, track;  // per-call overrides of the settings
 };
