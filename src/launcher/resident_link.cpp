@@ -25,6 +25,8 @@ bool forward_or_say(std::uint16_t port, const std::string& line) {
   return false;
 }
 
+}  // namespace
+
 // Every command of every caller runs under the session's one lock; the caller's
 // working directory applies to its own command only.
 server::ExecBridge make_exec_bridge(Workspace& workspace) {
@@ -45,6 +47,8 @@ server::ExecBridge make_exec_bridge(Workspace& workspace) {
     return out;
   };
 }
+
+namespace {
 
 bool contains(const std::string& line, const char* word) {
   return line.find(word) != std::string::npos;
@@ -86,11 +90,6 @@ bool forward_to_resident(std::uint16_t port, const std::string& line) {
   return false;
 }
 
-int run_mcp(std::uint16_t) {
-  std::fputs("Kestrune: the MCP server is not part of this build yet\n", stderr);
-  return 1;
-}
-
 int run_server_verb(Workspace& workspace, std::uint16_t port, const std::string& line) {
   ResidentOptions options;
   options.port = port;
@@ -99,7 +98,6 @@ int run_server_verb(Workspace& workspace, std::uint16_t port, const std::string&
     options.open_browser = line == "boot gui";
     return boot(options);
   }
-  if (line == "mcp") return run_mcp(port);
   bool foreground = line == "gui" || line == "up" || line == "serve" || line == "workstation";
   bool start_verb = contains(line, "gui:start") || contains(line, "orchestration:start");
   if (!foreground && !start_verb && !contains(line, "vc:start")) {

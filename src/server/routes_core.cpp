@@ -80,7 +80,10 @@ Response handle_debug_stream(ServerState& state, const Request& request, RouteEf
   return ok_json(state.debug.since_json(since));
 }
 
-Response handle_mcp_get(ServerState&, const Request&, RouteEffects&) {
+Response handle_mcp_get(ServerState&, const Request& request, RouteEffects&) {
+  // No server-initiated stream: clients that ask for one fall back to POST only.
+  if (request.header("accept").find("text/event-stream") != std::string::npos)
+    return text_response("405 Method Not Allowed", "no event stream: POST JSON-RPC 2.0 to /mcp");
   return {"200 OK", kTextUtf8,
           "Kestrune MCP server — POST JSON-RPC 2.0 to /mcp. Call tools/list to begin."};
 }
