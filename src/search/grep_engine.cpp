@@ -218,11 +218,24 @@ class Scope {
       return any;
     }
     std::string under = prefix.empty() ? "" : prefix + "/";
+    // Names are joined as strings: a large tree has tens of thousands of files.
+    const std::string root = store.disk_root().generic_string() + "/";
+    std::string shown_root = display(store.disk_root()) + "/";
+    std::string cwd_part;  // the store path of the working directory, "" when outside
+    bool cwd_inside = false;
+    if (fs::path rel = cwd_.lexically_relative(store.disk_root());
+        !rel.empty() && *rel.begin() != "..") {
+      cwd_inside = true;
+      cwd_part = rel == "." ? "" : rel.generic_string() + "/";
+      shown_root = root;
+    }
     for (auto it = files.lower_bound(under); it != files.end() && it->first.starts_with(under);
          ++it) {
       if (it->second->tombstoned) continue;
-      fs::path full = store.disk_root() / it->first;
-      push({display(full), full.generic_string(), &it->second->text()}, glob);
+      const std::string& path = it->first;
+      std::string name = cwd_inside && path.starts_with(cwd_part) ? path.substr(cwd_part.size())
+                                                                  : shown_root + path;
+      push({std::move(name), root + path, &it->second->text()}, glob);
       any = true;
     }
     return any || store.is_directory_path(prefix);
