@@ -35,6 +35,11 @@ class FileLock {
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
   bool held() const { return handle_ != -1; }
+  // A counter kept in the lock file's first eight bytes, for the holder to read and
+  // bump: it tells other processes that the guarded files changed in a way their
+  // sizes do not show. 0 for a fresh lock file.
+  std::uint64_t read_counter() const;
+  [[nodiscard]] bool write_counter(std::uint64_t value);
 
  private:
   std::intptr_t handle_ = -1;  // a descriptor or a HANDLE
