@@ -28,6 +28,19 @@ bool sync_directory(const std::filesystem::path& dir);
 // An exclusive advisory lock on a file, held until the object is destroyed. It keeps
 // two processes from interleaving the steps of one save; the kernel drops it when the
 // holder dies.
+// The counter's bytes in the lock file: little-endian, the same on every platform.
+inline void encode_counter(std::uint64_t value, unsigned char (&bytes)[8]) {
+  for (unsigned char& b : bytes) {
+    b = static_cast<unsigned char>(value & 0xff);
+    value >>= 8;
+  }
+}
+inline std::uint64_t decode_counter(const unsigned char (&bytes)[8]) {
+  std::uint64_t value = 0;
+  for (int i = 7; i >= 0; --i) value = (value << 8) | bytes[i];
+  return value;
+}
+
 class FileLock {
  public:
   explicit FileLock(const std::filesystem::path& path);  // blocks until held

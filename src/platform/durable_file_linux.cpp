@@ -69,17 +69,12 @@ FileLock::FileLock(const std::filesystem::path& path) {
 std::uint64_t FileLock::read_counter() const {
   unsigned char bytes[8] = {};
   if (handle_ == -1 || ::pread(static_cast<int>(handle_), bytes, sizeof bytes, 0) != 8) return 0;
-  std::uint64_t value = 0;
-  for (int i = 7; i >= 0; --i) value = (value << 8) | bytes[i];
-  return value;
+  return decode_counter(bytes);
 }
 
 bool FileLock::write_counter(std::uint64_t value) {
   unsigned char bytes[8];
-  for (unsigned char& b : bytes) {
-    b = static_cast<unsigned char>(value & 0xff);
-    value >>= 8;
-  }
+  encode_counter(value, bytes);
   return handle_ != -1 && ::pwrite(static_cast<int>(handle_), bytes, sizeof bytes, 0) == 8;
 }
 

@@ -70,17 +70,12 @@ std::uint64_t FileLock::read_counter() const {
   if (handle_ == -1 ||
       !::ReadFile(reinterpret_cast<HANDLE>(handle_), bytes, sizeof bytes, &got, &at) || got != 8)
     return 0;
-  std::uint64_t value = 0;
-  for (int i = 7; i >= 0; --i) value = (value << 8) | bytes[i];
-  return value;
+  return decode_counter(bytes);
 }
 
 bool FileLock::write_counter(std::uint64_t value) {
   unsigned char bytes[8];
-  for (unsigned char& b : bytes) {
-    b = static_cast<unsigned char>(value & 0xff);
-    value >>= 8;
-  }
+  encode_counter(value, bytes);
   OVERLAPPED at{};
   DWORD written = 0;
   return handle_ != -1 &&
