@@ -58,6 +58,12 @@ class ChatHub {
   using TerminalInput = std::function<std::optional<std::string>(
       const std::string& bot, const std::string& id, const std::string& line)>;
   void set_terminal_input(TerminalInput hook);
+  // A message posted over HTTP by `from`, who need not be connected: recorded and
+  // delivered like a client's. Returns the record.
+  std::string post_as(const std::string& from, const std::string& channel, const std::string& kind,
+                      const std::string& text);
+  // A direct message over HTTP; false (nothing recorded) when no client has that name.
+  bool direct_as(const std::string& from, const std::string& to, const std::string& text);
 
   // {"type":"roster",...} for a channel.
   std::string roster_json(const std::string& channel);
