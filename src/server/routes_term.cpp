@@ -8,11 +8,6 @@
 namespace kx::server {
 namespace {
 
-std::string param(const Request& request, std::string_view name) {
-  if (has_form_param(request.query, name)) return form_param(request.query, name);
-  return form_param(request.body, name);
-}
-
 // The decimal prefix of a parameter; 0 when there is none.
 std::uint64_t decimal_param(const Request& request, std::string_view name) {
   std::uint64_t value = 0;
