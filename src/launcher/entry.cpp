@@ -34,7 +34,10 @@ int env_check() {
 }
 
 int run_locally(const EntryOptions& options, const std::string& line) {
-  auto workspace = make_workspace();
+  // A process that lives on follows outside edits as they happen; a one-shot command
+  // only catches up with them before it runs.
+  bool lives_on = is_server_verb(line) || line == "repl" || line.empty();
+  auto workspace = make_workspace(lives_on);
   lang::Session& session = *workspace->session;
 
   if (line == "mcp") return run_mcp(options.port);
