@@ -26,7 +26,6 @@ class DirWatch {
 // later), never entering `skip`. Nothing, with `reason`, when the system cannot watch
 // it: the caller polls instead.
 std::unique_ptr<DirWatch> watch_directory(const std::filesystem::path& dir, bool recursive,
-                                          const std::filesystem::path& skip,
-                                          std::string& reason);
+                                          const std::filesystem::path& skip, std::string& reason);
 
 }  // namespace kx::platform

@@ -17,9 +17,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint32_t kMask = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE |
-                                IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
-                                IN_ONLYDIR | IN_DONT_FOLLOW | IN_EXCL_UNLINK;
+constexpr std::uint32_t kMask = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM |
+                                IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
+                                IN_DONT_FOLLOW | IN_EXCL_UNLINK;
 
 class InotifyWatch final : public DirWatch {
  public:
@@ -112,8 +112,8 @@ class InotifyWatch final : public DirWatch {
 
 }  // namespace
 
-std::unique_ptr<DirWatch> watch_directory(const fs::path& dir, bool recursive,
-                                          const fs::path& skip, std::string& reason) {
+std::unique_ptr<DirWatch> watch_directory(const fs::path& dir, bool recursive, const fs::path& skip,
+                                          std::string& reason) {
   int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (fd < 0) {
     reason = std::strerror(errno);

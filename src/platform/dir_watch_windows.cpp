@@ -18,7 +18,10 @@ constexpr DWORD kFilter = FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_
 class ChangesWatch final : public DirWatch {
  public:
   ChangesWatch(HANDLE dir, HANDLE event, fs::path root, bool recursive, fs::path skip)
-      : dir_(dir), event_(event), root_(std::move(root)), recursive_(recursive),
+      : dir_(dir),
+        event_(event),
+        root_(std::move(root)),
+        recursive_(recursive),
         skip_(std::move(skip)) {}
 
   ~ChangesWatch() override {
@@ -82,12 +85,11 @@ class ChangesWatch final : public DirWatch {
 
 }  // namespace
 
-std::unique_ptr<DirWatch> watch_directory(const fs::path& dir, bool recursive,
-                                          const fs::path& skip, std::string& reason) {
-  HANDLE handle = ::CreateFileW(dir.c_str(), FILE_LIST_DIRECTORY,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED,
-                                nullptr);
+std::unique_ptr<DirWatch> watch_directory(const fs::path& dir, bool recursive, const fs::path& skip,
+                                          std::string& reason) {
+  HANDLE handle = ::CreateFileW(
+      dir.c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED, nullptr);
   if (handle == INVALID_HANDLE_VALUE) {
     reason = std::system_category().message(static_cast<int>(::GetLastError()));
     return nullptr;

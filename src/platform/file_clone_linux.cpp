@@ -29,7 +29,7 @@ bool clone_file(const std::filesystem::path& from, const std::filesystem::path& 
   }
   bool ok = ::ioctl(out, FICLONE, in) == 0;
   if (!ok) {
-    struct stat st{};
+    struct stat st {};
     ok = ::fstat(in, &st) == 0;
     for (off_t left = st.st_size; ok && left > 0;) {
       ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, static_cast<size_t>(left), 0);

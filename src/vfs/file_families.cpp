@@ -66,8 +66,7 @@ lang::Family family(std::string name, std::string title, std::string unknown_tex
 
 }  // namespace
 
-std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry,
-                                                      bool live_watch) {
+std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, bool live_watch) {
   auto stores = std::make_shared<kst::StoreSet>(platform::home_dir());
   // The set owns the watchers through this callback, so their threads end before the
   // stores do.
@@ -204,8 +203,7 @@ void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
     report << " -> cached (" << count << " file(s))\n";
     stores.set_active(&stores.adopt(std::move(store)));
     report << "[versioncontroldirs] " << entry.path << " -> enrolled (" << count << " file(s)), "
-           << (policy->watch ? "watching for changes" : "watch=off")
-           << "\n";
+           << (policy->watch ? "watching for changes" : "watch=off") << "\n";
   }
   if (!entries.empty()) report << "[vc] version control ready.\n";
   for (const auto& entry : kst::read_config_entries(stores.watched_files_file())) {

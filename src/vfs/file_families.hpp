@@ -13,8 +13,7 @@ namespace kx::vfs {
 // other families that work on the same stores, such as locks and history). With
 // `live_watch` the stores' trees are watched on threads for the life of the process;
 // otherwise outside changes are caught up once as each store is loaded.
-std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry,
-                                                      bool live_watch);
+std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, bool live_watch);
 
 // Enrolls again every directory listed in versioncontroldirs.cfg, and reads
 // watchedfiles.cfg. Report lines ("[versioncontroldirs] <dir> -> <outcome>", the

@@ -70,7 +70,6 @@ std::optional<PathArgs> path_args(std::string_view text) {
   return p;
 }
 
-
 std::string with_notice(std::string text, const Store& store, const std::string& path,
                         const SaveResult& saved) {
   if (saved.mirror_failed) text += " [mirror-fail]";

@@ -134,8 +134,7 @@ OutsideChange absorb_outside(Store& store, const std::string& path, std::ostream
     request.op = file == nullptr ? "create" : file->tombstoned ? "restore" : "modify";
     SaveResult saved = save_file(store, path, std::move(text), request, warn);
     if (!saved.ok) {
-      warn << "warning: watch archive failed for '" << path
-           << "' — keeping baseline, will retry\n";
+      warn << "warning: watch archive failed for '" << path << "' — keeping baseline, will retry\n";
       return OutsideChange::kFailed;
     }
     return OutsideChange::kVersioned;
@@ -166,7 +165,8 @@ std::size_t absorb_tree(Store& store, const std::string& dir, std::ostream& warn
       std::error_code sec;
       std::string name = it->path().filename().string();
       bool symlink = it->is_symlink(sec);
-      if (is_machinery_name(name) || symlink || (!store.excluded().empty() && it->path() == store.excluded())) {
+      if (is_machinery_name(name) || symlink ||
+          (!store.excluded().empty() && it->path() == store.excluded())) {
         if (!symlink && it->is_directory(sec)) it.disable_recursion_pending();
         continue;
       }

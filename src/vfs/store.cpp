@@ -235,7 +235,8 @@ bool Store::load(std::ostream& warn, std::string& reason) {
       std::string rel = target.lexically_relative(mirror_root_).generic_string();
       std::error_code sec;
       if (fs::exists(disk_root_ / rel, sec)) continue;  // recreated outside; live wins
-      Candidate c{rel, true, true, list_archived(archive_dir_of(target), target.filename().string()),
+      Candidate c{rel, true, true,
+                  list_archived(archive_dir_of(target), target.filename().string()),
                   size_of(target)};
       candidates.push_back(std::move(c));
     }

@@ -21,8 +21,8 @@ bool write_replacing(const fs::path& path, const std::string& text) {
   return !ec;
 }
 
-std::optional<std::string> write_tombstone(Store& store, const std::string& path,
-                                           const File& file, const std::string& seat) {
+std::optional<std::string> write_tombstone(Store& store, const std::string& path, const File& file,
+                                           const std::string& seat) {
   fs::path mirror = store.mirror_path(path);
   if (mirror.empty()) return std::nullopt;
   std::error_code ec;

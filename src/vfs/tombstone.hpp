@@ -17,7 +17,7 @@ bool write_replacing(const std::filesystem::path& path, const std::string& text)
 // Keeps the file's last text as its mirror copy when it has none and writes the
 // marker. Does not touch the working file. Returns the failure, or nothing.
 // REQUIRES: the store's mutex and a Store::ProcessLock held.
-std::optional<std::string> write_tombstone(Store& store, const std::string& path,
-                                           const File& file, const std::string& seat);
+std::optional<std::string> write_tombstone(Store& store, const std::string& path, const File& file,
+                                           const std::string& seat);
 
 }  // namespace kst

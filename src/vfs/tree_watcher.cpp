@@ -49,7 +49,9 @@ void absorb_paths(Store& store, const std::vector<fs::path>& paths, std::ostream
 TreeWatcher::TreeWatcher(Store& store, fs::path lock_file, std::ostream& report)
     : store_(store), lock_file_(std::move(lock_file)), report_(report) {}
 
-TreeWatcher::~TreeWatcher() { stop(); }
+TreeWatcher::~TreeWatcher() {
+  stop();
+}
 
 bool TreeWatcher::try_own() {
   std::error_code ec;
