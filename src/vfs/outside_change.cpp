@@ -17,12 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-fs::path with_suffix(const fs::path& path, std::string_view suffix) {
-  fs::path out = path;
-  out += std::string(suffix);
-  return out;
-}
-
 // Makes the node of `path` what the mirror, the archive and the tombstone marker on
 // disk say. REQUIRES: the store's mutex.
 void reload_from_disk(Store& store, const std::string& path) {
@@ -38,7 +32,7 @@ void reload_from_disk(Store& store, const std::string& path) {
     return;
   }
   std::uint32_t current = archived.empty() ? 1 : archived.back().number + (mirrored ? 1 : 0);
-  bool tombstoned = fs::exists(with_suffix(mirror, kTombstoneSuffix), ec);
+  bool tombstoned = fs::exists(tombstone_marker(mirror), ec);
   // Numbers are handed out under the cross-process lock, so an equal number is the
   // same version (most often this process's own record).
   if (File* known = store.find_file(path);

@@ -10,6 +10,12 @@ namespace kst {
 
 namespace fs = std::filesystem;
 
+fs::path tombstone_marker(const fs::path& mirror) {
+  fs::path marker = mirror;
+  marker += std::string(kTombstoneSuffix);
+  return marker;
+}
+
 bool write_replacing(const fs::path& path, const std::string& text) {
   std::error_code ec;
   fs::create_directories(path.parent_path(), ec);
@@ -33,9 +39,8 @@ std::optional<std::string> write_tombstone(Store& store, const std::string& path
                  .count();
   std::string marker = "tombstoned v" + std::to_string(file.current) + " by " + seat + " at " +
                        std::to_string(now) + "\n";
-  fs::path marker_path = mirror;
-  marker_path += std::string(kTombstoneSuffix);
-  if (!write_replacing(marker_path, marker)) return "could not write the tombstone of " + path;
+  if (!write_replacing(tombstone_marker(mirror), marker))
+    return "could not write the tombstone of " + path;
   return std::nullopt;
 }
 

@@ -11,6 +11,9 @@
 
 namespace kst {
 
+// "<mirror path>.tombstone".
+std::filesystem::path tombstone_marker(const std::filesystem::path& mirror);
+
 // Writes `text` to `path` through "<path>.tmp$" and a rename.
 bool write_replacing(const std::filesystem::path& path, const std::string& text);
 
