@@ -11,8 +11,9 @@ namespace kx::launcher {
 // Probes the port and, when a compatible resident serves it (or one can be brought
 // up, or an older one evicted), forwards the line and prints its result. An empty
 // line forwards standard input line by line. Returns true when the resident
-// answered; false means: run the line locally (the reason was printed on stderr).
-bool forward_to_resident(std::uint16_t port, const std::string& line);
+// answered; false means: run the line locally (the reason was printed on stderr),
+// and with it `unsent`, input that was read but not answered.
+bool forward_to_resident(std::uint16_t port, const std::string& line, std::string& unsent);
 
 // "mcp" alone: relay standard input/output to the resident's /mcp, or serve here.
 int run_mcp(std::uint16_t port);
