@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lang/parse_driver.hpp"
+#include "launcher/mcp_entry.hpp"
 #include "launcher/options.hpp"
 #include "launcher/resident_link.hpp"
 #include "launcher/workspace.hpp"
@@ -39,7 +40,6 @@ int run_locally(const EntryOptions& options, const std::string& line, const std:
   // Input read for a resident that did not answer it runs here, with what follows.
   if (!unsent.empty()) return lang::parse_string(session, unsent, std::cout, std::cerr);
 
-  if (line == "mcp") return run_mcp(options.port);
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
 
   if (line == "repl") {
@@ -84,6 +84,7 @@ int run_entry(int argc, char** argv) {
   }
 
   std::string line = build_command_line(options.words);
+  if (line == "mcp" && options.words.size() == 1) return run_mcp(options.port);
   bool console_without_line = line.empty() && platform::stdin_is_terminal();
   std::string unsent;
   if (!is_server_verb(line) && !console_without_line &&

@@ -63,6 +63,7 @@ bool start_serving(const ResidentOptions& options, Serving& serving) {
   if (!configured) return false;
   server::ServerOptions server_options = std::move(*configured);
   server_options.exec = options.exec;
+  server_options.views = options.views;
   server_options.on_shutdown = [] { platform::request_stop(); };
   serving.server = std::make_unique<server::Server>(std::move(server_options));
   serving.thread = std::thread([server = serving.server.get()] { server->serve(); });

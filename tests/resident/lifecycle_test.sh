@@ -169,7 +169,7 @@ login=$(curl -s -c "$jar" -o /dev/null -w '%{http_code} %{redirect_url}' "http:/
 same "the login link is traded for a cookie and a clean address" "303 http://127.0.0.1:$P6/ui/" "$login"
 same "the cookie lets the browser in" '{"ok":true}' "$(curl -s -b "$jar" "http://127.0.0.1:$P6/auth")"
 check "the cookie is HttpOnly" grep -q '^#HttpOnly_127.0.0.1' "$jar"
-check "the workstation page is served" bash -c "curl -s http://127.0.0.1:$P6/ui/ | grep -q '<title>Kestrune</title>'"
+check "the workstation page is served" bash -c "curl -s http://127.0.0.1:$P6/ui/ | grep -q '<title>Kestrune workstation</title>'"
 kill -INT "$GUI"
 wait "$GUI"
 same "an interrupt ends the foreground server with status 0" 0 $?
