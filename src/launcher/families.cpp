@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "lang/system_family.hpp"
+#include "launcher/agent_setup.hpp"
 #include "memory/memory_family.hpp"
 #include "platform/home.hpp"
 #include "vfs/file_families.hpp"
@@ -21,6 +22,8 @@ std::unique_ptr<Workspace> make_workspace() {
   vfs::register_lock_and_history_families(registry, stores);
   vfs::reenroll_from_config(*stores, std::cerr);
   memory::register_memory_family(registry, platform::contexts_dir());
+  register_agent_families(registry);
+  register_config_family(registry);
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
 }
