@@ -8,6 +8,7 @@
 #include "launcher/agent_setup.hpp"
 #include "memory/memory_family.hpp"
 #include "platform/home.hpp"
+#include "search/grep_family.hpp"
 #include "vfs/file_families.hpp"
 #include "vfs/history_families.hpp"
 
@@ -21,7 +22,9 @@ std::unique_ptr<Workspace> make_workspace() {
   auto stores = vfs::register_file_families(registry);
   vfs::register_lock_and_history_families(registry, stores);
   vfs::reenroll_from_config(*stores, std::cerr);
+  workspace->stores = stores;
   memory::register_memory_family(registry, platform::contexts_dir());
+  search::register_grep(registry, stores);
   register_agent_families(registry);
   register_config_family(registry);
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
