@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lang/parse_driver.hpp"
+#include "launcher/agent_setup.hpp"
 #include "launcher/mcp_entry.hpp"
 #include "launcher/options.hpp"
 #include "launcher/resident_link.hpp"
@@ -67,7 +68,8 @@ int run_entry(int argc, char** argv) {
   if (args.size() == 1) {
     const std::string& only = args[0];
     if (only == "env-check") return env_check();
-    if (only == "claude-setup" || only == "env-setup" || only == "skillify")
+    if (only == "claude-setup") return claude_setup_verb();
+    if (only == "env-setup" || only == "skillify")
       return not_in_this_build("'" + only + "' (agent configuration)");
   }
   if (!args.empty() && (args[0] == "remotebot" || args[0] == "collab"))
@@ -75,6 +77,7 @@ int run_entry(int argc, char** argv) {
 
   EntryOptions options = parse_options(args);
   if (!options.home_override.empty()) platform::set_home_override(options.home_override);
+  set_agent_port(options.port);
 
   if (!options.words.empty() && options.words[0] == "kxterm")
     return not_in_this_build("the kxterm terminal client");

@@ -720,6 +720,11 @@ onShow.manual = async () => {
 // ---- start ------------------------------------------------------------------------
 
 async function start() {
+  // Without the resident's cookie every call would answer 401: say how to get in.
+  if ((await fetch('/auth').catch(() => null))?.status === 401) {
+    showLocked();
+    return;
+  }
   try {
     const answer = await api('/health');
     $('health').textContent = `${answer.app} ${answer.version}`;
