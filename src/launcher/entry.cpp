@@ -35,9 +35,11 @@ int env_check() {
   return all ? 0 : 1;
 }
 
-int run_locally(const EntryOptions& options, const std::string& line) {
+int run_locally(const EntryOptions& options, const std::string& line, const std::string& unsent) {
   auto workspace = make_workspace();
   lang::Session& session = *workspace->session;
+  // Input read for a resident that did not answer it runs here, with what follows.
+  if (!unsent.empty()) return lang::parse_string(session, unsent, std::cout, std::cerr);
 
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
 
@@ -87,9 +89,11 @@ int run_entry(int argc, char** argv) {
   std::string line = build_command_line(options.words);
   if (line == "mcp" && options.words.size() == 1) return run_mcp(options.port);
   bool console_without_line = line.empty() && platform::stdin_is_terminal();
-  if (!is_server_verb(line) && !console_without_line && forward_to_resident(options.port, line))
+  std::string unsent;
+  if (!is_server_verb(line) && !console_without_line &&
+      forward_to_resident(options.port, line, unsent))
     return 0;
-  return run_locally(options, line);
+  return run_locally(options, line, unsent);
 }
 
 }  // namespace kx::launcher
