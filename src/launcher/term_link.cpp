@@ -3,9 +3,7 @@
 #include <cstdlib>
 #include <random>
 
-#include "lang/text.hpp"
-#include "platform/home.hpp"
-#include "platform/read_file.hpp"
+#include "launcher/resident_lifecycle.hpp"
 #include "server/sha1.hpp"
 
 namespace kx::launcher {
@@ -36,11 +34,7 @@ std::optional<std::size_t> value_start(std::string_view json, std::string_view k
 
 }  // namespace
 
-TermLink::TermLink(std::uint16_t port) : port_(port) {
-  std::string token;
-  if (platform::read_whole_file(platform::home_dir() / "resident.token", token, 128))
-    token_ = std::string(lang::trim(token));
-}
+TermLink::TermLink(std::uint16_t port) : port_(port), token_(own_home_token()) {}
 
 std::string TermLink::auth_header() const {
   return token_.empty() ? std::string() : "Authorization: Bearer " + token_ + "\r\n";

@@ -15,8 +15,7 @@
 #include "server/json_escape.hpp"
 #include "server/router.hpp"
 #include "server/server_state.hpp"
-#include "server/websocket_frame.hpp"
-#include "server/websocket_session.hpp"
+#include "server/websocket_endpoint.hpp"
 
 namespace kx::server {
 namespace {
@@ -41,55 +40,48 @@ std::uint64_t offset_param(std::string_view query) {
   return value;
 }
 
+constexpr std::uint16_t kNormalClosure = 1000;
+
 }  // namespace
 
-void serve_terminal_socket(ServerState& state, platform::Socket& socket, const Request& request) {
+std::optional<Response> refuse_terminal(ServerState& state, const Request& request) {
+  // A shell is never served to another machine, token or not.
   std::uint16_t port = state.bound_port ? state.bound_port.load() : state.options.port;
-  if (!passes_loopback_rule(request, port)) {
-    send_response(socket,
-                  json_response("403 Forbidden", R"({"ok":false,"error":"loopback only"})"));
-    return;
-  }
-  if (request.path != "/term/ws") {
-    send_response(socket, text_response("404 Not Found", "not found"));
-    return;
-  }
-  const std::string id = form_param(request.query, "id");
-  if (!state.terminals.exists(id)) {
-    send_response(socket,
-                  json_response("404 Not Found", R"({"ok":false,"error":"no such session"})"));
-    return;
-  }
-  if (!accept_upgrade(socket, request)) return;
+  if (!passes_loopback_rule(request, port))
+    return json_response("403 Forbidden", R"({"ok":false,"error":"loopback only"})");
+  if (!state.terminals.exists(form_param(request.query, "id")))
+    return json_response("404 Not Found", R"({"ok":false,"error":"no such session"})");
+  return std::nullopt;
+}
 
-  auto outlet = std::make_shared<Outlet>();
-  outlet->socket = &socket;
+WebSocketSession open_terminal(ServerState& state, const Request& request,
+                               const WebSocketOutletPtr& outlet) {
+  const std::string id = form_param(request.query, "id");
   term::Watcher watcher;
   watcher.attached = [outlet, id](std::uint64_t offset, bool alive) {
-    outlet->send(kTextFrame, R"({"type":"attached","id":)" + json_string(id) +
-                                 ",\"offset\":" + std::to_string(offset) +
-                                 ",\"alive\":" + (alive ? "true" : "false") + "}");
+    outlet->send_text(R"({"type":"attached","id":)" + json_string(id) + ",\"offset\":" +
+                      std::to_string(offset) + ",\"alive\":" + (alive ? "true" : "false") + "}");
   };
-  watcher.output = [outlet](std::string_view bytes) { outlet->send(kBinaryFrame, bytes); };
+  watcher.output = [outlet](std::string_view bytes) { outlet->send_binary(bytes); };
   watcher.ended = [outlet](int code) {
-    outlet->send(kTextFrame, R"({"type":"ended","exit":)" + std::to_string(code) + "}");
-    outlet->send(kClose, std::string("\x03\xE8", 2));
+    outlet->send_text(R"({"type":"ended","exit":)" + std::to_string(code) + "}");
+    outlet->close(kNormalClosure);
   };
+  WebSocketSession session;
   auto handle = state.terminals.attach(id, offset_param(request.query), std::move(watcher));
-  if (!handle) {
-    outlet->send(kClose, std::string("\x03\xE8", 2));
-    outlet->detach();
-    return;
+  if (!handle) {  // ended and removed between the refusal check and here
+    outlet->close(kNormalClosure);
+    return session;
   }
-  LoopEnd end = frame_loop(socket, *outlet, request.body, [&](std::string& message, bool binary) {
+  term::SessionTable* terminals = &state.terminals;
+  session.on_message = [terminals, id](std::string message, bool binary) {
     if (binary)
-      control(state.terminals, id, message);
+      control(*terminals, id, message);
     else
-      state.terminals.send(id, message);
-  });
-  state.terminals.detach(id, *handle);
-  if (end == LoopEnd::kPeerClosed) outlet->send(kClose, std::string("\x03\xE8", 2));
-  outlet->detach();
+      terminals->send(id, message);
+  };
+  session.on_close = [terminals, id, handle = *handle] { terminals->detach(id, handle); };
+  return session;
 }
 
 }  // namespace kx::server

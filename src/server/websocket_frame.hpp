@@ -41,7 +41,7 @@ std::string encode_client_frame(int opcode, std::string_view payload, std::uint3
 struct FrameAction {
   enum Kind { kNone, kMessage, kPong, kClose, kTooLarge } kind = kNone;
   std::string data;     // the message, or the ping payload to echo
-  bool binary = false;  // a message sent as binary frames rather than text
+  bool binary = false;  // a message that came as binary frames
 };
 
 class MessageAssembler {

@@ -1,48 +1,59 @@
-// The WebSocket branch of a connection: handshake, then the frame loop feeding
-// whole messages to the endpoint the request path names (a terminal session under
-// "/term/", the chat hub otherwise). Sends from other threads (chat deliveries,
-// terminal output) and from this one (pongs, close) share one lock so that frames
-// never interleave.
-#include "server/websocket_session.hpp"
-
+// The WebSocket branch of a connection: admission, the endpoint chosen by path,
+// handshake, then the frame loop feeding whole messages to the endpoint. Sends
+// from other threads (chat deliveries) and from this one (pongs, close) share one
+// lock so that frames never interleave.
 #include <memory>
+#include <mutex>
 
+#include "server/http_request.hpp"
+#include "server/router.hpp"
 #include "server/server_state.hpp"
 #include "server/sha1.hpp"
+#include "server/websocket_endpoint.hpp"
 #include "server/websocket_frame.hpp"
 
 namespace kx::server {
+namespace {
 
-bool Outlet::send(int opcode, std::string_view payload) {
-  std::lock_guard guard(lock);
-  if (socket == nullptr) return false;
-  if (platform::send_all(*socket, encode_frame(opcode, payload))) return true;
-  // A peer that stopped reading (send time-out) or vanished is cut off at once,
-  // which also ends its frame loop, instead of stalling every later delivery.
-  platform::shutdown_both(*socket);
-  socket = nullptr;
-  return false;
-}
+class SocketOutlet final : public WebSocketOutlet {
+ public:
+  explicit SocketOutlet(const platform::Socket& socket) : socket_(&socket) {}
 
-void Outlet::detach() {
-  std::lock_guard guard(lock);
-  socket = nullptr;
-}
+  bool send_text(std::string_view message) override { return send(kTextFrame, message); }
+  bool send_binary(std::string_view message) override { return send(kBinaryFrame, message); }
+  void close(std::uint16_t code) override {
+    std::string payload{static_cast<char>(code >> 8), static_cast<char>(code & 0xff)};
+    std::lock_guard guard(lock_);
+    if (socket_ == nullptr) return;
+    platform::send_all(*socket_, encode_frame(kClose, payload));
+    platform::shutdown_both(*socket_);  // ends the frame loop
+    socket_ = nullptr;
+  }
 
-bool accept_upgrade(const platform::Socket& socket, const Request& request) {
-  const std::string& key = request.header("sec-websocket-key");
-  if (key.empty()) return false;
-  std::string answer =
-      "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-      "Sec-WebSocket-Accept: " +
-      websocket_accept_key(key) + "\r\n\r\n";
-  if (!platform::send_all(socket, answer)) return false;
-  platform::set_no_delay(socket);
-  return true;
-}
+  bool send(int opcode, std::string_view payload) {
+    std::lock_guard guard(lock_);
+    if (socket_ == nullptr) return false;
+    if (platform::send_all(*socket_, encode_frame(opcode, payload))) return true;
+    // A peer that stopped reading (send time-out) or vanished is cut off at once,
+    // which also ends its frame loop, instead of stalling every later delivery.
+    platform::shutdown_both(*socket_);
+    socket_ = nullptr;
+    return false;
+  }
+  void detach() {
+    std::lock_guard guard(lock_);
+    socket_ = nullptr;
+  }
 
-LoopEnd frame_loop(const platform::Socket& socket, Outlet& outlet, std::string buffer,
-                   const std::function<void(std::string& message, bool binary)>& on_message) {
+ private:
+  std::mutex lock_;
+  const platform::Socket* socket_;  // null once the connection has ended
+};
+
+enum class LoopEnd { kPeerClosed, kGone };
+
+LoopEnd frame_loop(const platform::Socket& socket, SocketOutlet& outlet,
+                   const WebSocketSession& session, std::string buffer) {
   MessageAssembler assembler;
   for (;;) {
     Frame frame;
@@ -67,7 +78,7 @@ LoopEnd frame_loop(const platform::Socket& socket, Outlet& outlet, std::string b
         outlet.send(kPong, action.data);
         break;
       case FrameAction::kMessage:
-        on_message(action.data, action.binary);
+        if (session.on_message) session.on_message(std::move(action.data), action.binary);
         break;
       case FrameAction::kNone:
         break;
@@ -75,24 +86,38 @@ LoopEnd frame_loop(const platform::Socket& socket, Outlet& outlet, std::string b
   }
 }
 
-void serve_websocket(ServerState& state, platform::Socket& socket, const Request& request) {
-  if (request.path.starts_with("/term/")) {
-    serve_terminal_socket(state, socket, request);
-    return;
-  }
-  if (!accept_upgrade(socket, request)) return;
-  auto outlet = std::make_shared<Outlet>();
-  outlet->socket = &socket;
-  int client = state.chat.connect(
-      [outlet](const std::string& message) { outlet->send(kTextFrame, message); });
-  state.debug.log("{\"event\":\"ws-open\",\"client\":" + std::to_string(client) + "}");
+}  // namespace
 
-  LoopEnd end = frame_loop(socket, *outlet, request.body,
-                           [&](std::string& message, bool) { state.chat.handle(client, message); });
+std::optional<Response> websocket_refusal(ServerState& state, const Request& request) {
+  if (!admits_websocket(state, request))
+    return json_response(
+        "403 Forbidden",
+        R"({"ok":false,"error":"a WebSocket needs this resident's token and its own origin: open the UI with `kx gui`"})");
+  const WebSocketEndpoint* endpoint = find_websocket_endpoint(request.path);
+  if (endpoint == nullptr)
+    return json_response("404 Not Found", R"({"ok":false,"error":"no such WebSocket endpoint"})");
+  if (endpoint->refusal != nullptr) return endpoint->refusal(state, request);
+  return std::nullopt;
+}
+
+void serve_websocket(ServerState& state, platform::Socket& socket, const Request& request) {
+  const WebSocketEndpoint* endpoint = find_websocket_endpoint(request.path);
+  if (endpoint == nullptr) return;
+  const std::string& key = request.header("sec-websocket-key");
+  if (key.empty()) return;
+  std::string answer =
+      "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+      "Sec-WebSocket-Accept: " +
+      websocket_accept_key(key) + "\r\n\r\n";
+  if (!platform::send_all(socket, answer)) return;
+  platform::set_no_delay(socket);
+
+  auto outlet = std::make_shared<SocketOutlet>(socket);
+  WebSocketSession session = endpoint->open(state, request, outlet);
+  LoopEnd end = frame_loop(socket, *outlet, session, request.body);
   if (end == LoopEnd::kPeerClosed) outlet->send(kClose, std::string("\x03\xE8", 2));
   outlet->detach();
-  state.chat.disconnect(client);
-  state.debug.log("{\"event\":\"ws-close\",\"client\":" + std::to_string(client) + "}");
+  if (session.on_close) session.on_close();
 }
 
 }  // namespace kx::server

@@ -13,7 +13,6 @@ at_console() { # <output file> <kxterm arguments...>; keystrokes on standard inp
   local out=$1; shift
   timeout 30 script -qec "stty cols 100 rows 40; $KX --port $P --conf $CONF kxterm $*" /dev/null >"$out" 2>&1
 }
-TOKEN=$(cat "$CONF/resident.token" 2>/dev/null | tr -d " \n\r\t")
 has() { grep -qF -- "$2" "$1"; }
 lacks() { ! grep -qF -- "$2" "$1"; }
 
@@ -48,7 +47,7 @@ check "the session has the console's size" has "$WORK/third" "40 100"
 check "::list prints the sessions" has "$WORK/third" '"sessions":[{"id":"t1"'
 check "::close says so" has "$WORK/third" "[closed t1]"
 check "::close does not report the end as news" lacks "$WORK/third" "[session ended"
-list=$(curl -s "http://127.0.0.1:$P/term/list" ${TOKEN:+-H "Authorization: Bearer $TOKEN"})
+list=$(kx_curl "http://127.0.0.1:$P/term/list")
 same "::close ended the session" '{"ok":true,"sessions":[]}' "$list"
 
 finish

@@ -25,16 +25,16 @@ export async function startResident(kx) {
     try { if ((await fetch(base + '/health')).ok) break; } catch { /* not up yet */ }
     await sleep(100);
   }
-  const tokenFile = path.join(home, 'resident.token');
-  const token = fs.existsSync(tokenFile) ? fs.readFileSync(tokenFile, 'utf8').trim() : '';
-  const headers = token ? { Authorization: `Bearer ${token}` } : {};
+  // The resident writes its home's token at boot; every private route needs it.
+  const token = fs.readFileSync(path.join(home, 'resident.token'), 'utf8').trim();
+  const headers = { Authorization: `Bearer ${token}` };
   return {
     port, base, token, work,
     async api(method, target) {
       const answer = await fetch(base + target, { method, headers });
       return answer.json();
     },
-    wsUrl(target) { return `ws://127.0.0.1:${port}${target}${token ? `&token=${token}` : ''}`; },
+    wsUrl(target) { return `ws://127.0.0.1:${port}${target}${target.includes('?') ? '&' : '?'}token=${token}`; },
     stop() {
       child.kill('SIGTERM');
       fs.rmSync(work, { recursive: true, force: true });

@@ -8,12 +8,9 @@ P=$(free_port)
 wait_until 100 answering "$P" || { echo "resident did not come up"; exit 1; }
 track_port "$P" >/dev/null
 
-TOKEN_FILE="$CONF/resident.token"
-auth=()
-[ -f "$TOKEN_FILE" ] && auth=(-H "Authorization: Bearer $(tr -d ' \n\r\t' <"$TOKEN_FILE")")
 api() { # <method> <path+query> [curl args...]
   local method=$1 target=$2; shift 2
-  curl -s --max-time 10 -X "$method" "${auth[@]}" "$@" "http://127.0.0.1:$P$target"
+  kx_curl -X "$method" "$@" "http://127.0.0.1:$P$target"
 }
 field() { node -e 'let s="";process.stdin.on("data",d=>s+=d).on("end",()=>{const v=JSON.parse(s)[process.argv[1]];process.stdout.write(typeof v==="string"?v:JSON.stringify(v))})' "$1"; }
 data_of() { api GET "/term/read?id=$1&since=${2:-0}" | field data; }

@@ -79,13 +79,19 @@ test('several watchers, resize by control message, resume from an offset, the en
   assert.deepEqual(late.events, [{ type: 'attached', id, offset: 0, alive: false }, { type: 'ended', exit: 4 }]);
 });
 
-test('an unknown session is refused before the upgrade', async () => {
-  const ws = new WebSocket(resident.wsUrl('/term/ws?id=t404'));
-  const status = await new Promise((resolve) => {
+test('an unknown session, a missing token or a foreign page is refused before the upgrade', async () => {
+  const upgrade = (url, options) => new Promise((resolve) => {
+    const ws = new WebSocket(url, options);
     ws.on('unexpected-response', (req, res) => resolve(res.statusCode));
-    ws.on('open', () => resolve(101));
+    ws.on('open', () => { ws.close(); resolve(101); });
+    ws.on('error', () => {});
   });
-  assert.equal(status, 404);
+  assert.equal(await upgrade(resident.wsUrl('/term/ws?id=t404')), 404);
+  const id = (await resident.api('POST', '/term/open?cmd=' + encodeURIComponent('bash --norc --noprofile'))).id;
+  assert.equal(await upgrade(`ws://127.0.0.1:${resident.port}/term/ws?id=${id}`), 403);
+  assert.equal(await upgrade(resident.wsUrl(`/term/ws?id=${id}`), { origin: 'http://evil.example' }), 403);
+  assert.equal(await upgrade(resident.wsUrl(`/term/ws?id=${id}`)), 101);
+  await resident.api('POST', `/term/close?id=${id}`);
 });
 
 test('a bot shares a session through chat and types into it', async () => {
@@ -93,7 +99,7 @@ test('a bot shares a session through chat and types into it', async () => {
   const refused = await resident.api('POST', `/term/share?id=${id}&bot=ghost`);
   assert.deepEqual(refused, { ok: false, error: 'selected bot is not connected' });
 
-  const bot = new WebSocket(`ws://127.0.0.1:${resident.port}/${resident.token ? `?token=${resident.token}` : ''}`);
+  const bot = new WebSocket(resident.wsUrl('/'));
   const texts = [];
   bot.on('message', (data) => {
     const message = JSON.parse(data.toString());
