@@ -25,6 +25,10 @@ bool write_file_durable(const std::filesystem::path& path, std::string_view data
 [[nodiscard]] bool replace_durable(const std::filesystem::path& from,
                                    const std::filesystem::path& to, std::string& reason);
 
+// The longest full path this system's file calls accept, in bytes of its UTF-8 form
+// (a conservative count where the system counts UTF-16 units).
+std::size_t max_path_bytes();
+
 // Every temporary file of a write ends in this, so that listings and the watcher know
 // it as machinery.
 inline constexpr std::string_view kTempFileSuffix = ".tmp$";

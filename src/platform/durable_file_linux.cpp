@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "platform/durable_file.hpp"
@@ -43,6 +44,10 @@ bool write_with_flags(const std::filesystem::path& path, std::string_view data, 
 }
 
 }  // namespace
+
+std::size_t max_path_bytes() {
+  return PATH_MAX - 1;
+}
 
 bool write_new_file_durable(const std::filesystem::path& path, std::string_view data,
                             std::string& reason) {

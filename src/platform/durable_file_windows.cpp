@@ -40,6 +40,11 @@ bool write_with_access(const std::filesystem::path& path, std::string_view data,
 
 }  // namespace
 
+// Paths are passed without the "\\?\" prefix, so the classic limit holds.
+std::size_t max_path_bytes() {
+  return MAX_PATH - 1;
+}
+
 bool write_new_file_durable(const std::filesystem::path& path, std::string_view data,
                             std::string& reason) {
   // CREATE_NEW fails on any existing entry, a reparse point (link) included, so a

@@ -110,6 +110,16 @@ std::optional<std::string> refuse_path(const Store& store, const std::string& pa
            (keeps_history ? "versioned file's name holds at most " : "name holds at most ") +
            std::to_string(limit) + " bytes" +
            (keeps_history ? " (its history needs room for the '.oldversions' suffix)" : "");
+  // The deepest path a save writes: the archive entry of the file's highest possible
+  // version, beside its mirror copy.
+  if (keeps_history) {
+    const std::size_t deepest = store.mirror_path(path).parent_path().string().size() + 2 +
+                                name.size() + 13 + name.size() + 3 + 10;
+    if (deepest > kx::platform::max_path_bytes())
+      return "path too long: '" + kx::lang::printable(path) + "' needs history paths of " +
+             std::to_string(deepest) + " bytes; this system holds at most " +
+             std::to_string(kx::platform::max_path_bytes());
+  }
   std::string rule;
   if (store.versioned() && !ext_admits(store.policy(), name, rule))
     return "excluded by version-control policy [" + rule + "] — fsraw: writes it unversioned";

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/durable_file.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/edit_log.hpp"
 #include "vfs/test_home.hpp"
@@ -163,6 +164,14 @@ TEST_F(SavePath, AFirstSaveThatCannotMirrorLeavesNoFileBehind) {
 TEST_F(SavePath, NamesAreCappedWhereTheirHistoryStillFits) {
   open();
   const std::string longest(kMaxVersionedNameBytes, 'n');
+  if (kx::platform::max_path_bytes() <
+      2 * kMaxVersionedNameBytes + store->mirror_root().string().size() + 40) {
+    // Where whole paths are short (Windows without long paths) the path limit speaks.
+    auto r = save(longest, "v1");
+    EXPECT_FALSE(r.ok);
+    EXPECT_TRUE(r.message.starts_with("path too long: ")) << r.message;
+    return;
+  }
   for (int i = 1; i <= 3; ++i) ASSERT_TRUE(save(longest, "v" + std::to_string(i)).ok);
   EXPECT_EQ(store->find_file(longest)->archived.size(), 2u);
   auto r = save(longest + "x", "v1");
