@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lang/parse_driver.hpp"
+#include "launcher/mcp_entry.hpp"
 #include "launcher/options.hpp"
 #include "launcher/resident_link.hpp"
 #include "launcher/workspace.hpp"
@@ -37,7 +38,6 @@ int run_locally(const EntryOptions& options, const std::string& line) {
   auto workspace = make_workspace();
   lang::Session& session = *workspace->session;
 
-  if (line == "mcp") return run_mcp(options.port);
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
 
   if (line == "repl") {
@@ -82,6 +82,7 @@ int run_entry(int argc, char** argv) {
   }
 
   std::string line = build_command_line(options.words);
+  if (line == "mcp" && options.words.size() == 1) return run_mcp(options.port);
   bool console_without_line = line.empty() && platform::stdin_is_terminal();
   if (!is_server_verb(line) && !console_without_line && forward_to_resident(options.port, line))
     return 0;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "launcher/workspace.hpp"
+#include "server/server.hpp"
 
 namespace kx::launcher {
 
@@ -14,8 +15,8 @@ namespace kx::launcher {
 // answered; false means: run the line locally (the reason was printed on stderr).
 bool forward_to_resident(std::uint16_t port, const std::string& line);
 
-// "mcp" alone: relay standard input/output to the resident's /mcp, or serve here.
-int run_mcp(std::uint16_t port);
+// Runs one command line of any caller on the workspace's session.
+server::ExecBridge make_exec_bridge(Workspace& workspace);
 
 // "boot", "boot gui", "gui", "up", "serve", "workstation" and the start verbs
 // ("gui:start", "orchestration:start", "vc:start"). Returns the exit status.

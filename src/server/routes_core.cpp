@@ -29,6 +29,28 @@ std::string run_logged(ServerState& state, const ExecRequest& exec, const char* 
 
 }  // namespace
 
+std::string param(const Request& request, std::string_view name) {
+  if (has_form_param(request.query, name)) return form_param(request.query, name);
+  return form_param(request.body, name);
+}
+
+std::optional<std::string> run_command(ServerState& state, const std::string& bot,
+                                       const std::string& line, const char* route) {
+  if (!state.options.exec) return std::nullopt;
+  return run_logged(state, ExecRequest{bot, line, {}, false}, route);
+}
+
+Response command_answer(const std::optional<std::string>& out) {
+  if (!out) return json_response("503 Service Unavailable", R"({"ok":false,"error":"bridge"})");
+  if (out->starts_with("ERROR"))
+    return json_response("409 Conflict", "{\"ok\":false,\"error\":" + json_string(*out) + "}");
+  return ok_json("{\"ok\":true,\"out\":" + json_string(*out) + "}");
+}
+
+std::filesystem::path user_data(const ServerState& state) {
+  return state.options.chat.chatlogs.parent_path();
+}
+
 Response handle_health(ServerState&, const Request&, RouteEffects&) {
   return ok_json(health_body(false));
 }
@@ -80,7 +102,10 @@ Response handle_debug_stream(ServerState& state, const Request& request, RouteEf
   return ok_json(state.debug.since_json(since));
 }
 
-Response handle_mcp_get(ServerState&, const Request&, RouteEffects&) {
+Response handle_mcp_get(ServerState&, const Request& request, RouteEffects&) {
+  // No server-initiated stream: clients that ask for one fall back to POST only.
+  if (request.header("accept").find("text/event-stream") != std::string::npos)
+    return text_response("405 Method Not Allowed", "no event stream: POST JSON-RPC 2.0 to /mcp");
   return {"200 OK", kTextUtf8,
           "Kestrune MCP server — POST JSON-RPC 2.0 to /mcp. Call tools/list to begin."};
 }
