@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lang/parse_driver.hpp"
+#include "launcher/agent_setup.hpp"
 #include "launcher/mcp_entry.hpp"
 #include "launcher/options.hpp"
 #include "launcher/resident_link.hpp"
@@ -34,9 +35,11 @@ int env_check() {
   return all ? 0 : 1;
 }
 
-int run_locally(const EntryOptions& options, const std::string& line) {
+int run_locally(const EntryOptions& options, const std::string& line, const std::string& unsent) {
   auto workspace = make_workspace();
   lang::Session& session = *workspace->session;
+  // Input read for a resident that did not answer it runs here, with what follows.
+  if (!unsent.empty()) return lang::parse_string(session, unsent, std::cout, std::cerr);
 
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
 
@@ -65,7 +68,8 @@ int run_entry(int argc, char** argv) {
   if (args.size() == 1) {
     const std::string& only = args[0];
     if (only == "env-check") return env_check();
-    if (only == "claude-setup" || only == "env-setup" || only == "skillify")
+    if (only == "claude-setup") return claude_setup_verb();
+    if (only == "env-setup" || only == "skillify")
       return not_in_this_build("'" + only + "' (agent configuration)");
   }
   if (!args.empty() && (args[0] == "remotebot" || args[0] == "collab"))
@@ -73,6 +77,7 @@ int run_entry(int argc, char** argv) {
 
   EntryOptions options = parse_options(args);
   if (!options.home_override.empty()) platform::set_home_override(options.home_override);
+  set_agent_port(options.port);
 
   if (!options.words.empty() && options.words[0] == "kxterm")
     return not_in_this_build("the kxterm terminal client");
@@ -84,9 +89,11 @@ int run_entry(int argc, char** argv) {
   std::string line = build_command_line(options.words);
   if (line == "mcp" && options.words.size() == 1) return run_mcp(options.port);
   bool console_without_line = line.empty() && platform::stdin_is_terminal();
-  if (!is_server_verb(line) && !console_without_line && forward_to_resident(options.port, line))
+  std::string unsent;
+  if (!is_server_verb(line) && !console_without_line &&
+      forward_to_resident(options.port, line, unsent))
     return 0;
-  return run_locally(options, line);
+  return run_locally(options, line, unsent);
 }
 
 }  // namespace kx::launcher

@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "lang/system_family.hpp"
+#include "launcher/agent_setup.hpp"
 #include "memory/memory_family.hpp"
 #include "platform/home.hpp"
 #include "search/grep_family.hpp"
@@ -24,6 +25,8 @@ std::unique_ptr<Workspace> make_workspace() {
   workspace->stores = stores;
   memory::register_memory_family(registry, platform::contexts_dir());
   search::register_grep(registry, stores);
+  register_agent_families(registry);
+  register_config_family(registry);
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
 }

@@ -1,6 +1,7 @@
 #include "launcher/resident_client.hpp"
 
 #include <istream>
+#include <iterator>
 #include <ostream>
 
 #include "platform/console.hpp"
@@ -38,8 +39,9 @@ std::size_t string_end(std::string_view text, std::size_t from) {
 }  // namespace
 
 std::string build_exec_request(const std::string& line, const std::optional<std::string>& cwd,
-                               bool tty) {
+                               bool tty, const std::string& token) {
   std::string request = "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+  if (!token.empty()) request += "Authorization: Bearer " + token + "\r\n";
   if (cwd) request += "X-Kst-Cwd: " + *cwd + "\r\n";
   if (tty) request += "X-Kst-Tty: 1\r\n";
   request += "Content-Type: text/plain\r\nContent-Length: " + std::to_string(line.size()) +
@@ -113,15 +115,17 @@ std::optional<std::string> reply_output(std::string_view reply) {
   return decode_lossy(body.substr(start, string_end(body, start) - start));
 }
 
-std::optional<std::string> exec_on_resident(std::uint16_t port, const std::string& line) {
+ExecOutcome exec_on_resident(std::uint16_t port, const std::string& line,
+                             const std::string& token) {
   auto socket = platform::connect_loopback(port, kTimeoutMillis);
-  if (!socket) return std::nullopt;
+  if (!socket) return {};
   platform::set_send_timeout(*socket, kTimeoutMillis);
   platform::set_receive_timeout(*socket, kTimeoutMillis);
   std::optional<std::string> cwd;
   if (auto dir = platform::current_directory()) cwd = dir->string();
-  if (!platform::send_all(*socket, build_exec_request(line, cwd, platform::stdout_is_terminal())))
-    return std::nullopt;
+  // Approval and colour both want a person at a terminal, on both ends of the pipe.
+  bool person = platform::stdin_is_terminal() && platform::stdout_is_terminal();
+  if (!platform::send_all(*socket, build_exec_request(line, cwd, person, token))) return {};
   std::string reply;
   char chunk[4096];
   for (;;) {
@@ -129,33 +133,39 @@ std::optional<std::string> exec_on_resident(std::uint16_t port, const std::strin
     if (n <= 0) break;
     reply.append(chunk, static_cast<std::size_t>(n));
   }
-  return reply_output(reply);
+  if (reply.starts_with("HTTP/1.1 401")) return {ExecOutcome::kRefused, {}};
+  auto output = reply_output(reply);
+  if (!output) return {};
+  return {ExecOutcome::kAnswered, std::move(*output)};
 }
 
-bool forward_lines(std::uint16_t port, const std::string& line, std::istream& in,
-                   std::ostream& out) {
+ExecOutcome::Kind forward_lines(std::uint16_t port, const std::string& line,
+                                const std::string& token, std::istream& in, std::ostream& out,
+                                std::string& unsent) {
   auto print = [&out](const std::string& text) {
     out << text;
     if (text.empty() || text.back() != '\n') out << '\n';
     out.flush();
   };
   if (!line.empty()) {
-    auto result = exec_on_resident(port, line);
-    if (!result) return false;
-    print(*result);
-    return true;
+    ExecOutcome result = exec_on_resident(port, line, token);
+    if (result.kind == ExecOutcome::kAnswered) print(result.output);
+    return result.kind;
   }
-  bool any = false;
   std::string next;
   while (std::getline(in, next)) {
     while (!next.empty() && (next.back() == '\r' || next.back() == '\n')) next.pop_back();
     if (next.empty()) continue;
-    auto result = exec_on_resident(port, next);
-    if (!result) return any;
-    print(*result);
-    any = true;
+    ExecOutcome result = exec_on_resident(port, next, token);
+    if (result.kind == ExecOutcome::kAnswered) {
+      print(result.output);
+      continue;
+    }
+    // Nothing of the input is lost: the rest runs where the caller runs it.
+    unsent = next + "\n" + std::string(std::istreambuf_iterator<char>(in), {});
+    return result.kind;
   }
-  return true;
+  return ExecOutcome::kAnswered;
 }
 
 }  // namespace kx::launcher

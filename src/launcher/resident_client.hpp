@@ -9,10 +9,11 @@
 
 namespace kx::launcher {
 
-// The request bytes for one line: "/console/exec?bot=cli", X-Kst-Cwd when the
-// directory is known, X-Kst-Tty when our output is a terminal.
+// The request bytes for one line: "/console/exec?bot=cli", the home's token when
+// there is one, X-Kst-Cwd when the directory is known, X-Kst-Tty when a person
+// sits at the terminal.
 std::string build_exec_request(const std::string& line, const std::optional<std::string>& cwd,
-                               bool tty);
+                               bool tty, const std::string& token);
 
 // What to print for a raw reply: the decoded "out" field of the body, else the
 // whole body. Nothing when the reply has no end of head (no usable answer).
@@ -22,12 +23,20 @@ std::optional<std::string> reply_output(std::string_view reply);
 // ever gets plain bytes.
 std::string decode_lossy(std::string_view escaped);
 
-// One exchange with the resident on `port`; nothing when it failed.
-std::optional<std::string> exec_on_resident(std::uint16_t port, const std::string& line);
+// How one exchange with the resident ended.
+struct ExecOutcome {
+  enum Kind { kAnswered, kFailed, kRefused } kind = kFailed;  // kRefused: 401, another home
+  std::string output;                                         // kAnswered: what to print
+};
+
+ExecOutcome exec_on_resident(std::uint16_t port, const std::string& line, const std::string& token);
 
 // Sends `line` (or, when it is empty, every non-empty line of `in`) and writes each
-// result to `out`, ending it with a line feed. False when the first exchange failed.
-bool forward_lines(std::uint16_t port, const std::string& line, std::istream& in,
-                   std::ostream& out);
+// result to `out`, ending it with a line feed. kAnswered: all was answered.
+// Otherwise `unsent` holds the line that was not answered and the rest of `in`,
+// for a local run.
+ExecOutcome::Kind forward_lines(std::uint16_t port, const std::string& line,
+                                const std::string& token, std::istream& in, std::ostream& out,
+                                std::string& unsent);
 
 }  // namespace kx::launcher

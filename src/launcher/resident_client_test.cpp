@@ -8,12 +8,15 @@
 
 namespace kx::launcher {
 
-TEST(ResidentClient, RequestCarriesCwdAndTtyOnlyWhenKnown) {
-  EXPECT_EQ(build_exec_request("fs:ls .", std::string("/home/me"), true),
-            "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Cwd: /home/me\r\n"
+const std::string kToken(64, 'a');
+
+TEST(ResidentClient, RequestCarriesTokenCwdAndTtyOnlyWhenKnown) {
+  EXPECT_EQ(build_exec_request("fs:ls .", std::string("/home/me"), true, "t0k"),
+            "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+            "Authorization: Bearer t0k\r\nX-Kst-Cwd: /home/me\r\n"
             "X-Kst-Tty: 1\r\nContent-Type: text/plain\r\nContent-Length: 7\r\n"
             "Connection: close\r\n\r\nfs:ls .");
-  EXPECT_EQ(build_exec_request("x", std::nullopt, false),
+  EXPECT_EQ(build_exec_request("x", std::nullopt, false, ""),
             "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: "
             "text/plain\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx");
 }
@@ -32,6 +35,7 @@ TEST(ResidentClient, OutFieldIsDecodedLossilyAndOtherBodiesPrintWhole) {
 
 TEST(ResidentClient, ForwardPrintsEachResultWithOneLineFeed) {
   server::ServerOptions options;
+  options.token = kToken;
   options.exec = [](const server::ExecRequest& r) {
     return r.line == "bare" ? std::string("no newline") : "line " + r.line + "\n";
   };
@@ -39,14 +43,37 @@ TEST(ResidentClient, ForwardPrintsEachResultWithOneLineFeed) {
 
   std::istringstream no_input;
   std::ostringstream out;
-  EXPECT_TRUE(forward_lines(resident.port(), "bare", no_input, out));
-  EXPECT_TRUE(forward_lines(resident.port(), "one", no_input, out));
+  std::string unsent;
+  EXPECT_EQ(forward_lines(resident.port(), "bare", kToken, no_input, out, unsent),
+            ExecOutcome::kAnswered);
+  EXPECT_EQ(forward_lines(resident.port(), "one", kToken, no_input, out, unsent),
+            ExecOutcome::kAnswered);
   EXPECT_EQ(out.str(), "no newline\nline one\n");
 
   std::istringstream piped("a\r\n\nb\n");
   std::ostringstream piped_out;
-  EXPECT_TRUE(forward_lines(resident.port(), "", piped, piped_out));
+  EXPECT_EQ(forward_lines(resident.port(), "", kToken, piped, piped_out, unsent),
+            ExecOutcome::kAnswered);
   EXPECT_EQ(piped_out.str(), "line a\nline b\n");
+  EXPECT_EQ(unsent, "");
+}
+
+// Another home's resident answers 401: nothing is printed, and every line read so
+// far is handed back for the local run.
+TEST(ResidentClient, RefusedTokenHandsTheWholeInputBack) {
+  server::ServerOptions options;
+  options.token = kToken;
+  int ran = 0;
+  options.exec = [&ran](const server::ExecRequest&) { return std::to_string(++ran); };
+  server::testing::RunningServer resident(std::move(options));
+  std::istringstream piped("first\nsecond\n");
+  std::ostringstream out;
+  std::string unsent;
+  EXPECT_EQ(forward_lines(resident.port(), "", std::string(64, 'b'), piped, out, unsent),
+            ExecOutcome::kRefused);
+  EXPECT_EQ(unsent, "first\nsecond\n");
+  EXPECT_EQ(out.str(), "");
+  EXPECT_EQ(ran, 0);
 }
 
 TEST(ResidentClient, ForwardFailsWhenNothingListens) {
@@ -57,11 +84,14 @@ TEST(ResidentClient, ForwardFailsWhenNothingListens) {
   }
   std::istringstream piped("a\nb\n");
   std::ostringstream out;
-  EXPECT_FALSE(forward_lines(port, "x", piped, out));
-  EXPECT_FALSE(forward_lines(port, "", piped, out));
+  std::string unsent;
+  EXPECT_EQ(forward_lines(port, "x", kToken, piped, out, unsent), ExecOutcome::kFailed);
+  EXPECT_EQ(forward_lines(port, "", kToken, piped, out, unsent), ExecOutcome::kFailed);
   EXPECT_EQ(out.str(), "");
+  EXPECT_EQ(unsent, "a\nb\n");
   std::istringstream nothing;
-  EXPECT_TRUE(forward_lines(port, "", nothing, out));  // no lines: nothing failed
+  EXPECT_EQ(forward_lines(port, "", kToken, nothing, out, unsent),
+            ExecOutcome::kAnswered);  // no lines: nothing failed
 }
 
 }  // namespace kx::launcher

@@ -4,11 +4,13 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <set>
 
 #include "lang/interpreter.hpp"
 #include "launcher/resident_client.hpp"
 #include "launcher/resident_lifecycle.hpp"
 #include "platform/env.hpp"
+#include "server/home_token.hpp"
 #include "server/version.hpp"
 #include "vfs/store_view.hpp"
 
@@ -20,8 +22,26 @@ void say_running_locally(std::uint16_t port) {
                port);
 }
 
-bool forward_or_say(std::uint16_t port, const std::string& line) {
-  if (forward_lines(port, line, std::cin, std::cout)) return true;
+// Ports whose resident refused our home's token: nothing more goes there from this
+// process.
+std::set<std::uint16_t> g_other_homes;
+
+bool refuse_other_home(std::uint16_t port) {
+  std::fprintf(stderr, "Kestrune: port %d serves another home — running this command locally\n",
+               port);
+  g_other_homes.insert(port);
+  return false;
+}
+
+bool forward_or_say(std::uint16_t port, const std::string& line, std::string& unsent) {
+  switch (forward_lines(port, line, own_home_token(), std::cin, std::cout, unsent)) {
+    case ExecOutcome::kAnswered:
+      return true;
+    case ExecOutcome::kRefused:
+      return refuse_other_home(port);
+    case ExecOutcome::kFailed:
+      break;
+  }
   say_running_locally(port);
   return false;
 }
@@ -104,19 +124,26 @@ bool contains(const std::string& line, const char* word) {
 
 }  // namespace
 
-bool forward_to_resident(std::uint16_t port, const std::string& line) {
+bool forward_to_resident(std::uint16_t port, const std::string& line, std::string& unsent) {
   // Tests and scripts that must never touch a resident set KESTRUNE_LOCAL=1.
   if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return false;
+  if (g_other_homes.count(port)) return false;
   ProbeResult found = probe(port);
   switch (found.health) {
-    case Health::kCompatible:
-      return forward_or_say(port, line);
+    case Health::kCompatible: {
+      // Its home's fingerprint tells before anything is sent whether our line
+      // would land in someone else's home.
+      std::string token = own_home_token();
+      if (!found.home.empty() && (token.empty() || found.home != server::token_fingerprint(token)))
+        return refuse_other_home(port);
+      return forward_or_say(port, line, unsent);
+    }
     case Health::kNothing:
       if (!bring_up(port)) {
         say_running_locally(port);
         return false;
       }
-      return forward_or_say(port, line);
+      return forward_or_say(port, line, unsent);
     case Health::kOtherVersion:
       if (!found.version.empty() && compare_versions(found.version, kVersion) < 0) {
         std::fprintf(stderr, "Kestrune: evicting stale resident %s on port %d, starting %s\n",
@@ -125,7 +152,7 @@ bool forward_to_resident(std::uint16_t port, const std::string& line) {
           say_running_locally(port);
           return false;
         }
-        return forward_or_say(port, line);
+        return forward_or_say(port, line, unsent);
       }
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a different Kestrune version");

@@ -12,8 +12,9 @@ namespace kx::launcher {
 // Probes the port and, when a compatible resident serves it (or one can be brought
 // up, or an older one evicted), forwards the line and prints its result. An empty
 // line forwards standard input line by line. Returns true when the resident
-// answered; false means: run the line locally (the reason was printed on stderr).
-bool forward_to_resident(std::uint16_t port, const std::string& line);
+// answered; false means: run the line locally (the reason was printed on stderr),
+// and with it `unsent`, input that was read but not answered.
+bool forward_to_resident(std::uint16_t port, const std::string& line, std::string& unsent);
 
 // Runs one command line of any caller on the workspace's session.
 server::ExecBridge make_exec_bridge(Workspace& workspace);
