@@ -57,10 +57,9 @@ std::string read_text(const fs::path& path, bool& existed) {
   return text;
 }
 
+// Double quotes: both /bin/sh and cmd.exe take them around a path with blanks.
 std::string shell_quote(const std::string& word) {
-  std::string out = "'";
-  for (char c : word) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return out + "'";
+  return "\"" + word + "\"";
 }
 
 // One step's report line and whether it failed.

@@ -36,7 +36,10 @@ int env_check() {
 }
 
 int run_locally(const EntryOptions& options, const std::string& line, const std::string& unsent) {
-  auto workspace = make_workspace();
+  // A process that lives on follows outside edits as they happen; a one-shot command
+  // only catches up with them before it runs.
+  bool lives_on = is_server_verb(line) || line == "repl" || line.empty() || !unsent.empty();
+  auto workspace = make_workspace(lives_on);
   lang::Session& session = *workspace->session;
   // Input read for a resident that did not answer it runs here, with what follows.
   if (!unsent.empty()) return lang::parse_string(session, unsent, std::cout, std::cerr);

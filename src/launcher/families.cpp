@@ -14,12 +14,12 @@
 
 namespace kx::launcher {
 
-std::unique_ptr<Workspace> make_workspace() {
+std::unique_ptr<Workspace> make_workspace(bool live_watch) {
   auto workspace = std::make_unique<Workspace>();
   lang::Registry& registry = workspace->registry;
   lang::register_system_family(registry);
   // Re-enrollment reports go to standard error: standard output carries results only.
-  auto stores = vfs::register_file_families(registry);
+  auto stores = vfs::register_file_families(registry, live_watch);
   vfs::register_lock_and_history_families(registry, stores);
   vfs::reenroll_from_config(*stores, std::cerr);
   workspace->stores = stores;

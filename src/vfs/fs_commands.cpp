@@ -16,18 +16,13 @@
 #include "vfs/commands.hpp"
 #include "vfs/path_resolve.hpp"
 #include "vfs/save_path.hpp"
+#include "vfs/tombstone.hpp"
 
 namespace kst {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::int64_t now_seconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 // The lock check of a write that is not a save (tombstone, move, restore). REQUIRES:
 // the store's mutex and a Store::ProcessLock, held until the write is done.
@@ -76,6 +71,7 @@ std::optional<PathArgs> path_args(std::string_view text) {
   return p;
 }
 
+<<<<<<< HEAD
 // Writes `text` to `path` through a fresh temporary file and a rename.
 bool write_atomic(const fs::path& path, const std::string& text) {
   std::error_code ec;
@@ -84,6 +80,8 @@ bool write_atomic(const fs::path& path, const std::string& text) {
   return kx::platform::replace_file_durable(path, text, reason);
 }
 
+=======
+>>>>>>> main
 std::string with_notice(std::string text, const Store& store, const std::string& path,
                         const SaveResult& saved) {
   if (saved.mirror_failed) text += " [mirror-fail]";
@@ -184,6 +182,7 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
   }
   File& file = *l.file;
   fs::path mirror = store->mirror_path(l.path);
+<<<<<<< HEAD
   if (!mirror.empty()) {
     // The mirror copy is the content a restore brings back; write it when the file
     // was never saved through the store.
@@ -195,6 +194,9 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
     if (!write_atomic(with_suffix(mirror, kTombstoneSuffix), marker))
       return "ERROR: could not write the tombstone of " + kx::lang::printable(l.path);
   }
+=======
+  if (auto failure = write_tombstone(*store, l.path, file, ctx.seat)) return "ERROR: " + *failure;
+>>>>>>> main
   fs::remove(store->disk_path(l.path), ec);
   if (ec) {
     if (!mirror.empty()) fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
@@ -219,12 +221,17 @@ std::string fs_restore(CommandContext& ctx, std::string_view args) {
   if (file.versions.empty()) return "ERROR: no content version to restore";
   const Store::ProcessLock across_processes(*store);
   if (auto refusal = refuse_write(*store, l.path, ctx, "restore")) return *refusal;
+<<<<<<< HEAD
   if (!write_atomic(store->disk_path(l.path), file.text()))
     return "ERROR: could not write " + kx::lang::printable(l.path);
+=======
+  if (!write_replacing(store->disk_path(l.path), file.text()))
+    return "ERROR: could not write " + l.path;
+>>>>>>> main
   fs::path mirror = store->mirror_path(l.path);
   std::error_code ec;
   if (!mirror.empty()) {
-    if (!fs::exists(mirror, ec)) write_atomic(mirror, file.text());
+    if (!fs::exists(mirror, ec)) write_replacing(mirror, file.text());
     fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
   }
   file.tombstoned = false;
@@ -274,7 +281,7 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
     if (fs::exists(old_mirror, ec))
       fs::rename(old_mirror, new_mirror, ec);
     else
-      write_atomic(new_mirror, file.text());
+      write_replacing(new_mirror, file.text());
     fs::path old_dir = archive_dir_of(old_mirror), new_dir = archive_dir_of(new_mirror);
     std::string new_name = new_mirror.filename().string();
     if (!file.archived.empty()) fs::create_directories(new_dir, ec);

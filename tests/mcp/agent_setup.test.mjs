@@ -77,3 +77,8 @@ test('claude.show and claude.status answer through the interpreter', () => {
   assert.match(status.stdout, /vscode: no command; .*mcp\.json: kx -> /);
   fs.rmSync(work, { recursive: true, force: true });
 });
+
+// The agents' own CLIs would confirm the registration from their side (`claude mcp
+// list` starts each stdio server). They are not installed by tests/setup_node.sh:
+// each is a large download whose offline behaviour here has not been established.
+test('claude/codex/gemini mcp list show kx', { skip: 'agent CLIs not installed by the test set-up' }, () => {});
