@@ -35,14 +35,10 @@ lang::VerbHandler handler_of(const std::shared_ptr<kst::StoreSet>& stores, Handl
   return [stores, handler, shows](lang::Session& session, std::string_view args) -> std::string {
     try {
       CommandContext ctx{*stores, session.bot_id, session_cwd(session), stores->report()};
-<<<<<<< HEAD
-      std::string result = handler(ctx, args);
-      return shows == Shows::kContent ? result : lang::printable_lines(result);
-=======
       // Versions written by other processes are in the edit log: read them first.
       kst::follow_edit_logs(*stores);
-      return handler(ctx, args);
->>>>>>> main
+      std::string result = handler(ctx, args);
+      return shows == Shows::kContent ? result : lang::printable_lines(result);
     } catch (const std::exception& e) {
       return std::string("ERROR: ") + e.what();
     }

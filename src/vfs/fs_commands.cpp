@@ -71,17 +71,6 @@ std::optional<PathArgs> path_args(std::string_view text) {
   return p;
 }
 
-<<<<<<< HEAD
-// Writes `text` to `path` through a fresh temporary file and a rename.
-bool write_atomic(const fs::path& path, const std::string& text) {
-  std::error_code ec;
-  fs::create_directories(path.parent_path(), ec);
-  std::string reason;
-  return kx::platform::replace_file_durable(path, text, reason);
-}
-
-=======
->>>>>>> main
 std::string with_notice(std::string text, const Store& store, const std::string& path,
                         const SaveResult& saved) {
   if (saved.mirror_failed) text += " [mirror-fail]";
@@ -182,21 +171,7 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
   }
   File& file = *l.file;
   fs::path mirror = store->mirror_path(l.path);
-<<<<<<< HEAD
-  if (!mirror.empty()) {
-    // The mirror copy is the content a restore brings back; write it when the file
-    // was never saved through the store.
-    if (!fs::exists(mirror, ec) && !write_atomic(mirror, file.text()))
-      return "ERROR: could not keep the last version before tombstoning " +
-             kx::lang::printable(l.path);
-    std::string marker = "tombstoned v" + std::to_string(file.current) + " by " + ctx.seat +
-                         " at " + std::to_string(now_seconds()) + "\n";
-    if (!write_atomic(with_suffix(mirror, kTombstoneSuffix), marker))
-      return "ERROR: could not write the tombstone of " + kx::lang::printable(l.path);
-  }
-=======
   if (auto failure = write_tombstone(*store, l.path, file, ctx.seat)) return "ERROR: " + *failure;
->>>>>>> main
   fs::remove(store->disk_path(l.path), ec);
   if (ec) {
     if (!mirror.empty()) fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
@@ -221,13 +196,8 @@ std::string fs_restore(CommandContext& ctx, std::string_view args) {
   if (file.versions.empty()) return "ERROR: no content version to restore";
   const Store::ProcessLock across_processes(*store);
   if (auto refusal = refuse_write(*store, l.path, ctx, "restore")) return *refusal;
-<<<<<<< HEAD
-  if (!write_atomic(store->disk_path(l.path), file.text()))
-    return "ERROR: could not write " + kx::lang::printable(l.path);
-=======
   if (!write_replacing(store->disk_path(l.path), file.text()))
-    return "ERROR: could not write " + l.path;
->>>>>>> main
+    return "ERROR: could not write " + kx::lang::printable(l.path);
   fs::path mirror = store->mirror_path(l.path);
   std::error_code ec;
   if (!mirror.empty()) {

@@ -179,39 +179,23 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
     return result;
   }
 
-<<<<<<< HEAD
-  fs::create_directories(target.parent_path(), ec);
-  if (ec) {
-    result.message = "mkdirs failed: " + ec.message();
-    return result;
-  }
-  std::string reason;
-  auto staged = kx::platform::StagedFile::stage(target, text, reason);
-  if (!staged) {
-    result.message = "temp write failed";
-    return result;
-=======
   // An outside edit not yet versioned becomes its own version before this one replaces it.
   if (!request.outside && store.versioned()) (void)absorb_outside(store, path, warn);
 
+  // An outside edit is already in the working file: only its history is written.
+  std::string reason;
+  std::optional<kx::platform::StagedFile> staged;
   if (!request.outside) {
     fs::create_directories(target.parent_path(), ec);
     if (ec) {
       result.message = "mkdirs failed: " + ec.message();
       return result;
     }
-    fs::path temp = with_suffix(target, kTempSuffix);
-    std::string reason;
-    if (!kx::platform::write_file_durable(temp, text, reason)) {
+    staged = kx::platform::StagedFile::stage(target, text, reason);
+    if (!staged) {
       result.message = "temp write failed";
       return result;
     }
-    fs::rename(temp, target, ec);
-    if (ec) {
-      result.message = "promote failed";
-      return result;
-    }
->>>>>>> main
   }
 
   File* existing = store.find_file(path);
@@ -231,7 +215,7 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
       return result;
     }
   }
-  if (!staged->commit(reason)) {
+  if (staged && !staged->commit(reason)) {
     if (!mirror.empty()) undo_mirror(mirror, step);
     if (existing == nullptr && file.versions.empty()) store.detach_file(path);
     result.message = "promote failed";

@@ -44,9 +44,12 @@ before(async () => {
   throw new Error('the resident did not come up');
 });
 
-after(() => {
+after(async () => {
   for (const pid of started) { try { process.kill(pid, 'SIGTERM'); } catch { /* gone */ } }
-  fs.rmSync(work, { recursive: true, force: true });
+  // A resident still winding down may write into the home: wait for it to end.
+  for (let i = 0; i < 50 && started.some(alive); i++) await sleep(100);
+  for (const pid of started) { try { process.kill(pid, 'SIGKILL'); } catch { /* gone */ } }
+  fs.rmSync(work, { recursive: true, force: true, maxRetries: 5, retryDelay: 100 });
 });
 
 const stdioClient = async (local) => {
