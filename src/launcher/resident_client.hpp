@@ -1,33 +1,65 @@
 #pragma once
-// The client side of forwarding: a short-lived kx posts its command line to the
-// resident's "/console/exec" and prints the "out" field of the answer.
+// The client side of forwarding: a short-lived kx posts units to the resident's
+// "/console/exec" and prints what they printed. Once a unit is sent it is never
+// sent again and never run here: the client waits for its answer however long
+// the command runs, and only input that was never sent may run locally.
 #include <cstdint>
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "lang/parse_driver.hpp"
+
 namespace kx::launcher {
 
-// The request bytes for one line: "/console/exec?bot=cli", X-Kst-Cwd when the
-// directory is known, X-Kst-Tty when our output is a terminal.
-std::string build_exec_request(const std::string& line, const std::optional<std::string>& cwd,
-                               bool tty);
+class UnitSource;
 
-// What to print for a raw reply: the decoded "out" field of the body, else the
-// whole body. Nothing when the reply has no end of head (no usable answer).
-std::optional<std::string> reply_output(std::string_view reply);
+// Where one unit ended.
+struct PostOutcome {
+  enum class Kind {
+    kAnswered,  // the resident ran it; out, err and status hold what it printed
+    kNotSent,   // nothing ran: no connection, or the resident refused the request
+    kLost,      // sent, and the answer never came whole: it may have run
+  };
+  Kind kind = Kind::kNotSent;
+  std::string out;
+  std::string err;
+  int status = 0;
+};
 
-// Decodes a JSON string's inside, lossily: \uXXXX becomes '?' so the terminal only
-// ever gets plain bytes.
-std::string decode_lossy(std::string_view escaped);
+// The request bytes for one unit. `session` names this process's console on the
+// resident; X-Kst-Cwd when the directory is known; X-Kst-Tty when stdin is a
+// terminal; the token when the home has one.
+std::string build_exec_request(std::string_view unit, lang::UnitForm form,
+                               const std::string& session, const std::optional<std::string>& cwd,
+                               bool tty, const std::optional<std::string>& token);
 
-// One exchange with the resident on `port`; nothing when it failed.
-std::optional<std::string> exec_on_resident(std::uint16_t port, const std::string& line);
+// Reads a whole raw reply. Nothing ran unless the status is 200 and the body
+// carries "out"; a reply without an end of head is a lost answer.
+PostOutcome parse_reply(std::string_view reply);
 
-// Sends `line` (or, when it is empty, every non-empty line of `in`) and writes each
-// result to `out`, ending it with a line feed. False when the first exchange failed.
-bool forward_lines(std::uint16_t port, const std::string& line, std::istream& in,
-                   std::ostream& out);
+// Decodes a JSON string's inside to UTF-8: every escape, \uXXXX (surrogate pairs
+// joined) included; bytes that are not escapes pass through as they are.
+std::string decode_json_string(std::string_view escaped);
+
+// One exchange with the resident on `port`.
+PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm form,
+                      const std::string& session);
+
+// A random name for this process's console on the resident.
+std::string new_console_session();
+
+// How a run of forwarded units ended.
+struct ForwardResult {
+  int status = 0;               // the worst exit status of the units answered
+  bool rest_runs_here = false;  // units remain in the source to run locally
+  bool any_sent = false;
+};
+
+// Posts the arguments `line` (when not empty) or each unit of `source` in order,
+// printing each answer. Stops at the first unit that could not be sent (put back
+// into the source) and, after a lost answer, reports it and leaves the rest of
+// the input to run locally.
+ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSource& source);
 
 }  // namespace kx::launcher

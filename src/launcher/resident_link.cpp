@@ -3,8 +3,8 @@
 
 #include <cstdio>
 #include <exception>
-#include <iostream>
 
+#include "lang/console_seats.hpp"
 #include "lang/interpreter.hpp"
 #include "launcher/resident_client.hpp"
 #include "launcher/resident_lifecycle.hpp"
@@ -19,30 +19,42 @@ void say_running_locally(std::uint16_t port) {
                port);
 }
 
-bool forward_or_say(std::uint16_t port, const std::string& line) {
-  if (forward_lines(port, line, std::cin, std::cout)) return true;
+ForwardResult run_here(std::uint16_t port) {
   say_running_locally(port);
-  return false;
+  ForwardResult everything;
+  everything.rest_runs_here = true;
+  return everything;
 }
 
-// Every command of every caller runs under the session's one lock; the caller's
-// working directory applies to its own command only.
+ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSource& source) {
+  ForwardResult result = forward_units(port, line, source);
+  if (!result.rest_runs_here) return result;
+  if (!result.any_sent) {
+    say_running_locally(port);
+  } else {
+    std::fprintf(stderr,
+                 "Kestrune: the resident on port %d no longer answers — running the rest of the "
+                 "input locally\n",
+                 port);
+  }
+  return result;
+}
+
+// Every unit of every caller runs under the session's one lock, through the same
+// front end as a local run, in the caller's own console seat.
 server::ExecBridge make_exec_bridge(Workspace& workspace) {
-  return [&workspace](const server::ExecRequest& request) -> std::string {
+  auto seats = std::make_shared<lang::ConsoleSeats>();
+  return [&workspace, seats](const server::ExecRequest& request) -> server::ExecResult {
+    std::string key = request.session.empty() ? "" : request.bot + "\n" + request.session;
     lang::Session& session = *workspace.session;
     std::lock_guard guard(session.lock);
-    std::filesystem::path saved_cwd = session.cwd;
-    if (!request.cwd.empty()) session.cwd = request.cwd;
-    std::string out;
-    try {
-      out = lang::run_line(session, request.bot, request.line);
-    } catch (const std::exception& e) {
-      out = std::string("ERROR: the command failed inside the resident (") + e.what() + ")";
-    } catch (...) {
-      out = "ERROR: the command failed inside the resident";
-    }
-    session.cwd = saved_cwd;
-    return out;
+    std::string saved_bot = session.bot_id;
+    session.bot_id = request.bot;
+    lang::UnitResult result =
+        seats->run(session, key, request.cwd, request.line,
+                   request.arguments ? lang::UnitForm::kArguments : lang::UnitForm::kLines);
+    session.bot_id = saved_bot;
+    return {std::move(result.out), std::move(result.err), result.status};
   };
 }
 
@@ -52,38 +64,34 @@ bool contains(const std::string& line, const char* word) {
 
 }  // namespace
 
-bool forward_to_resident(std::uint16_t port, const std::string& line) {
+ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, UnitSource& source) {
+  ForwardResult everything;
+  everything.rest_runs_here = true;
   // Tests and scripts that must never touch a resident set KESTRUNE_LOCAL=1.
-  if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return false;
+  if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return everything;
   ProbeResult found = probe(port);
   switch (found.health) {
     case Health::kCompatible:
-      return forward_or_say(port, line);
+      return forward_or_say(port, line, source);
     case Health::kNothing:
-      if (!bring_up(port)) {
-        say_running_locally(port);
-        return false;
-      }
-      return forward_or_say(port, line);
+      if (!bring_up(port)) return run_here(port);
+      return forward_or_say(port, line, source);
     case Health::kOtherVersion:
       if (!found.version.empty() && compare_versions(found.version, kVersion) < 0) {
         std::fprintf(stderr, "Kestrune: evicting stale resident %s on port %d, starting %s\n",
                      found.version.c_str(), port, kVersion);
-        if (!shut_down(port) || !bring_up(port)) {
-          say_running_locally(port);
-          return false;
-        }
-        return forward_or_say(port, line);
+        if (!shut_down(port) || !bring_up(port)) return run_here(port);
+        return forward_or_say(port, line, source);
       }
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a different Kestrune version");
-      return false;
+      return everything;
     case Health::kForeign:
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a non-Kestrune process");
-      return false;
+      return everything;
   }
-  return false;
+  return everything;
 }
 
 int run_mcp(std::uint16_t) {

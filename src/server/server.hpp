@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server/chat_hub.hpp"
@@ -17,10 +18,21 @@ namespace kx::server {
 struct ExecRequest {
   std::string bot;
   std::string line;
-  std::string cwd;   // the caller's working directory, "" when not sent
-  bool tty = false;  // the caller's output is a terminal
+  std::string cwd;         // the caller's working directory, "" when not sent
+  bool tty = false;        // the caller's output is a terminal
+  std::string session;     // the caller's console ("" when it keeps none): its state carries over
+  bool arguments = false;  // the line is one call's arguments: a newline in it is text
 };
-using ExecBridge = std::function<std::string(const ExecRequest&)>;
+
+// What a line printed: results, parse errors, and the exit status a local run gives.
+struct ExecResult {
+  ExecResult(std::string out_in = {}, std::string err_in = {}, int status_in = 0)
+      : out(std::move(out_in)), err(std::move(err_in)), status(status_in) {}
+  std::string out;
+  std::string err;
+  int status = 0;
+};
+using ExecBridge = std::function<ExecResult(const ExecRequest&)>;
 
 struct ServerOptions {
   std::uint16_t port = 9999;
