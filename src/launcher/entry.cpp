@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lang/parse_driver.hpp"
+#include "launcher/mcp_entry.hpp"
 #include "launcher/options.hpp"
 #include "launcher/resident_link.hpp"
 #include "launcher/unit_source.hpp"
@@ -51,7 +52,6 @@ int run_locally(const EntryOptions& options, const std::string& line, UnitSource
   auto workspace = make_workspace();
   lang::Session& session = *workspace->session;
 
-  if (line == "mcp") return run_mcp(options.port);
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
 
   if (line == "repl") {
@@ -97,10 +97,11 @@ int run_entry(int argc, char** argv) {
   }
 
   std::string line = build_command_line(options.words);
+  if (line == "mcp" && options.words.size() == 1) return run_mcp(options.port);
   UnitSource source(platform::read_stdin);
   // The REPL always runs its session here: a prompt per line needs no resident.
-  bool stays_here = is_server_verb(line) || line == "repl" || line == "mcp" ||
-                    (line.empty() && platform::stdin_is_terminal());
+  bool stays_here =
+      is_server_verb(line) || line == "repl" || (line.empty() && platform::stdin_is_terminal());
   if (stays_here) return run_locally(options, line, source);
   ForwardResult forwarded = forward_to_resident(options.port, line, source);
   if (!forwarded.rest_runs_here) return forwarded.status;

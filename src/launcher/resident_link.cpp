@@ -42,6 +42,10 @@ ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSo
 
 // Every unit of every caller runs under the session's one lock, through the same
 // front end as a local run, in the caller's own console seat.
+}  // namespace
+
+// Every unit of every caller runs under the session's one lock, through the same
+// front end as a local run, in the caller's own console seat.
 server::ExecBridge make_exec_bridge(Workspace& workspace) {
   auto seats = std::make_shared<lang::ConsoleSeats>();
   return [&workspace, seats](const server::ExecRequest& request) -> server::ExecResult {
@@ -57,6 +61,8 @@ server::ExecBridge make_exec_bridge(Workspace& workspace) {
     return {std::move(result.out), std::move(result.err), result.status};
   };
 }
+
+namespace {
 
 bool contains(const std::string& line, const char* word) {
   return line.find(word) != std::string::npos;
@@ -94,11 +100,6 @@ ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, U
   return everything;
 }
 
-int run_mcp(std::uint16_t) {
-  std::fputs("Kestrune: the MCP server is not part of this build yet\n", stderr);
-  return 1;
-}
-
 int run_server_verb(Workspace& workspace, std::uint16_t port, const std::string& line) {
   ResidentOptions options;
   options.port = port;
@@ -107,7 +108,6 @@ int run_server_verb(Workspace& workspace, std::uint16_t port, const std::string&
     options.open_browser = line == "boot gui";
     return boot(options);
   }
-  if (line == "mcp") return run_mcp(port);
   bool foreground = line == "gui" || line == "up" || line == "serve" || line == "workstation";
   bool start_verb = contains(line, "gui:start") || contains(line, "orchestration:start");
   if (!foreground && !start_verb && !contains(line, "vc:start")) {

@@ -7,6 +7,7 @@
 #include "launcher/resident_client.hpp"
 #include "launcher/unit_source.hpp"
 #include "launcher/workspace.hpp"
+#include "server/server.hpp"
 
 namespace kx::launcher {
 
@@ -17,8 +18,8 @@ namespace kx::launcher {
 // stderr), the unsent rest of `source` when forwarding stopped part way.
 ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, UnitSource& source);
 
-// "mcp" alone: relay standard input/output to the resident's /mcp, or serve here.
-int run_mcp(std::uint16_t port);
+// Runs one command line of any caller on the workspace's session.
+server::ExecBridge make_exec_bridge(Workspace& workspace);
 
 // "boot", "boot gui", "gui", "up", "serve", "workstation" and the start verbs
 // ("gui:start", "orchestration:start", "vc:start"). Returns the exit status.

@@ -93,7 +93,7 @@ void parse_answer(const std::string& raw, HttpResponse& response) {
 }  // namespace
 
 HttpResponse http_post(std::string_view url_text, std::string_view content_type,
-                       std::string_view body, int timeout_ms) {
+                       std::string_view body, int timeout_ms, std::string_view extra_headers) {
   HttpResponse response;
   Url url;
   if (!parse_url(url_text, url)) {
@@ -104,10 +104,11 @@ HttpResponse http_post(std::string_view url_text, std::string_view content_type,
   std::optional<Socket> socket = connect_tcp(url.host, url.port, timeout_ms, response.error);
   if (!socket) return response;
 
-  std::string request =
-      "POST " + url.path + " HTTP/1.1\r\nHost: " + url.host + ":" + std::to_string(url.port) +
-      "\r\nContent-Type: " + std::string(content_type) +
-      "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
+  std::string request = "POST " + url.path + " HTTP/1.1\r\nHost: " + url.host + ":" +
+                        std::to_string(url.port) +
+                        "\r\nContent-Type: " + std::string(content_type) +
+                        "\r\nContent-Length: " + std::to_string(body.size()) +
+                        "\r\nConnection: close\r\n" + std::string(extra_headers) + "\r\n";
   request.append(body);
   set_send_timeout(*socket, std::max(1, remaining_ms(deadline)));
   if (!send_all(*socket, request)) {

@@ -13,7 +13,8 @@ struct HttpResponse {
   std::string error;  // why not ok: "connection refused", "timed out", ...
 };
 
+// `extra_headers` are whole header lines, each ending in CR LF.
 HttpResponse http_post(std::string_view url, std::string_view content_type, std::string_view body,
-                       int timeout_ms);
+                       int timeout_ms, std::string_view extra_headers = {});
 
 }  // namespace kx::platform

@@ -78,9 +78,8 @@ Response handle_interp(ServerState& state, const Request& request, RouteEffects&
   ExecRequest exec;
   exec.bot = bot.empty() ? "cli" : bot;
   exec.line = cmd;
-  exec.arguments = true;
   ExecResult result = run_logged(state, exec, "/interp");
-  return {"200 OK", kTextUtf8, result.err + result.out};
+  return {"200 OK", kTextUtf8, result.printed()};
 }
 
 Response handle_debug_stream(ServerState& state, const Request& request, RouteEffects&) {
@@ -92,7 +91,10 @@ Response handle_debug_stream(ServerState& state, const Request& request, RouteEf
   return ok_json(state.debug.since_json(since));
 }
 
-Response handle_mcp_get(ServerState&, const Request&, RouteEffects&) {
+Response handle_mcp_get(ServerState&, const Request& request, RouteEffects&) {
+  // No server-initiated stream: clients that ask for one fall back to POST only.
+  if (request.header("accept").find("text/event-stream") != std::string::npos)
+    return text_response("405 Method Not Allowed", "no event stream: POST JSON-RPC 2.0 to /mcp");
   return {"200 OK", kTextUtf8,
           "Kestrune MCP server — POST JSON-RPC 2.0 to /mcp. Call tools/list to begin."};
 }

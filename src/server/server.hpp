@@ -24,6 +24,14 @@ struct ExecRequest {
   bool arguments = false;  // the line is one call's arguments: a newline in it is text
 };
 
+// One command line from a caller that keeps no console (MCP, the UI).
+inline ExecRequest line_request(std::string bot, std::string line) {
+  ExecRequest request;
+  request.bot = std::move(bot);
+  request.line = std::move(line);
+  return request;
+}
+
 // What a line printed: results, parse errors, and the exit status a local run gives.
 struct ExecResult {
   ExecResult(std::string out_in = {}, std::string err_in = {}, int status_in = 0)
@@ -31,6 +39,8 @@ struct ExecResult {
   std::string out;
   std::string err;
   int status = 0;
+  // Both streams as one text, for callers that show a single answer.
+  std::string printed() const { return err + out; }
 };
 using ExecBridge = std::function<ExecResult(const ExecRequest&)>;
 

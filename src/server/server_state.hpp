@@ -3,8 +3,10 @@
 // that a connection still running when the server object goes away keeps it alive.
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 #include "platform/socket.hpp"
+#include "protocols/mcp_server.hpp"
 #include "server/chat_hub.hpp"
 #include "server/debug_events.hpp"
 #include "server/server.hpp"
@@ -22,6 +24,9 @@ struct ServerState {
   std::atomic<bool> stopping{false};
   std::atomic<std::uint16_t> bound_port{0};
   platform::Socket listener;  // valid while listening
+  // The MCP handler of "/mcp" and "/rpc", made on first use.
+  std::once_flag mcp_once;
+  std::unique_ptr<protocols::McpServer> mcp;
 };
 
 // Connections beyond this many at once are closed at accept: a flood of idle

@@ -1,0 +1,105 @@
+#include "launcher/mcp_entry.hpp"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "launcher/resident_lifecycle.hpp"
+#include "launcher/resident_link.hpp"
+#include "launcher/workspace.hpp"
+#include "platform/env.hpp"
+#include "platform/home.hpp"
+#include "platform/http_client.hpp"
+#include "platform/parent_watch.hpp"
+#include "platform/read_file.hpp"
+#include "protocols/mcp_server.hpp"
+#include "protocols/mcp_stdio.hpp"
+
+namespace kx::launcher {
+namespace {
+
+// A tool may legitimately run for long (chat_read long-polls about 25 s).
+constexpr int kRelayTimeoutMillis = 10 * 60 * 1000;
+
+std::string read_token() {
+  std::string token;
+  if (!platform::read_whole_file(platform::home_dir() / "resident.token", token, 128)) return {};
+  auto blank = [](char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; };
+  while (!token.empty() && blank(token.back())) token.pop_back();
+  while (!token.empty() && blank(token.front())) token.erase(0, 1);
+  return token;
+}
+
+// The in-process server, made only when first needed: a relayed session never
+// loads the stores.
+class LocalMcp {
+ public:
+  std::string handle(std::string_view message) {
+    if (!server_) {
+      workspace_ = make_workspace();
+      protocols::ToolHost host;
+      host.run = [bridge = make_exec_bridge(*workspace_)](std::string_view line) {
+        return bridge(server::line_request("mcp", std::string(line))).printed();
+      };
+      server_ = std::make_unique<protocols::McpServer>(std::move(host));
+    }
+    return server_->handle(message);
+  }
+
+ private:
+  std::unique_ptr<Workspace> workspace_;
+  std::unique_ptr<protocols::McpServer> server_;
+};
+
+class Relay {
+ public:
+  explicit Relay(std::uint16_t port)
+      : url_("http://127.0.0.1:" + std::to_string(port) + "/mcp"), port_(port) {}
+
+  std::string handle(std::string_view message) {
+    if (!local_) {
+      std::string headers = "Accept: application/json, text/event-stream\r\n";
+      // Read per message: the resident may have made the token after we started.
+      if (std::string token = read_token(); !token.empty())
+        headers += "Authorization: Bearer " + token + "\r\n";
+      platform::HttpResponse answer =
+          platform::http_post(url_, "application/json", message, kRelayTimeoutMillis, headers);
+      if (answer.ok && (answer.status == 200 || answer.status == 202 || answer.status == 400))
+        return answer.body;
+      if (answer.ok || answer.error.find("refused") == std::string::npos) {
+        // The resident got the message and failed it: running it here too could
+        // run it twice, so the client hears of the failure instead.
+        std::fprintf(
+            stderr, "Kestrune: mcp relay: %s\n",
+            answer.ok ? ("HTTP " + std::to_string(answer.status)).c_str() : answer.error.c_str());
+        return protocols::error_reply_for(
+            message, -32603,
+            "the resident on port " + std::to_string(port_) + " failed this request");
+      }
+      std::fprintf(stderr,
+                   "Kestrune: the resident on port %d went away — serving MCP in this process\n",
+                   port_);
+      local_ = std::make_unique<LocalMcp>();
+    }
+    return local_->handle(message);
+  }
+
+ private:
+  std::string url_;
+  std::uint16_t port_;
+  std::unique_ptr<LocalMcp> local_;
+};
+
+}  // namespace
+
+int run_mcp(std::uint16_t port) {
+  platform::end_with_parent();
+  if (!platform::get_env_nonempty("KESTRUNE_LOCAL") && bring_up(port)) {
+    Relay relay(port);
+    return protocols::serve_stdio([&](std::string_view m) { return relay.handle(m); });
+  }
+  LocalMcp local;
+  return protocols::serve_stdio([&](std::string_view m) { return local.handle(m); });
+}
+
+}  // namespace kx::launcher
