@@ -248,7 +248,11 @@ std::string new_console_session() {
 ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSource& source) {
   ForwardResult result;
   std::string session = new_console_session();
+  // After a lost answer the resident is gone or going: a dying listener may still
+  // take a connection, so nothing more is sent to it.
+  bool resident_lost = false;
   auto post_one = [&](const std::string& unit, lang::UnitForm form) -> bool {
+    if (resident_lost) return false;
     if (auto refusal = lang::unit_refusal(unit)) {
       // Refused the same way the resident and a local run refuse it, without a trip.
       std::fwrite(refusal->data(), 1, refusal->size(), stdout);
@@ -267,6 +271,7 @@ ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSou
         return false;
       case PostOutcome::Kind::kLost:
         result.any_sent = true;
+        resident_lost = true;
         std::printf(
             "ERROR: the resident on port %d stopped while running %s — it may have run; check "
             "its effect before running it again\n",
@@ -282,7 +287,6 @@ ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSou
     if (!post_one(line, lang::UnitForm::kArguments)) result.rest_runs_here = true;
     return result;
   }
-  // After a lost answer the next unit finds no resident and, unsent, runs here.
   while (auto unit = source.next()) {
     if (!post_one(*unit, lang::UnitForm::kLines)) {
       source.put_back(std::move(*unit));

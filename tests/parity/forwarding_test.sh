@@ -46,4 +46,5 @@ same "a lost answer fails the call" 1 "$rc"
 check "the killed command ran at most once" [ "$(cat killed.txt 2>/dev/null | wc -l)" -le 1 ]
 check "the unsent rest of the input ran here" [ "$(cat after.txt 2>/dev/null)" == "later" ]
 check "the switch to running here is said on stderr" grep -q "running the rest of the input locally" "$WORK/err"
+[ "$FAILED" -eq 0 ] || { echo "--- client stdout"; cat "$WORK/out"; echo "--- client stderr"; cat "$WORK/err"; }
 finish
