@@ -68,7 +68,9 @@ std::string run_line(Session& session, std::string_view bot_id, std::string_view
   ++session.nesting_depth;
   std::string result;
   try {
-    result = dispatch(session, trimmed);
+    // Only structured commands take register values: a grep pattern may hold "$[".
+    result = session.registers.size() == 0 ? dispatch(session, trimmed)
+                                           : dispatch(session, session.registers.expand(trimmed));
   } catch (const std::exception& e) {
     result = error_result(std::string("internal failure: ") + e.what());
   }

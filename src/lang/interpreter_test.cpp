@@ -67,6 +67,15 @@ TEST_F(InterpreterTest, VerbsAndAliasesReachTheirFamilyWithArguments) {
   EXPECT_EQ(session->nesting_depth, 0);
 }
 
+TEST_F(InterpreterTest, StructuredCommandsTakeRegisterValues) {
+  session->registers.publish({"src/a.c:3", "src/b.c:9"});
+  EXPECT_EQ(run("fs:cat $[1]"), "OK: cat");
+  EXPECT_EQ(run("fs:copy $[0..1] $[5]"), "OK: copy");
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].args, "src/b.c:9");
+  EXPECT_EQ(calls[1].args, "src/a.c:3 src/b.c:9 $[5]");
+}
+
 TEST_F(InterpreterTest, MemoryReachesItsFamilyWithoutAColon) {
   EXPECT_EQ(run("memory"), "OK: help");
   EXPECT_EQ(run("memory.help"), "OK: help");

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "lang/registers.hpp"
+
 namespace kx::lang {
 
 class Registry;
@@ -32,6 +34,9 @@ struct Session {
   bool guided = false;
   unsigned raw_depth = 0;  // raw pass-through depth, shown in the prompt
   int nesting_depth = 0;   // structured commands under way on this session
+
+  // $[] registers: what the last publishing command (grep -p) left for later lines.
+  RegisterSet registers;
 
   // Serialises every command of the session; commands that run commands re-enter it.
   std::recursive_mutex lock;

@@ -7,6 +7,7 @@
 #include "lang/system_family.hpp"
 #include "memory/memory_family.hpp"
 #include "platform/home.hpp"
+#include "search/grep_family.hpp"
 #include "vfs/file_families.hpp"
 #include "vfs/history_families.hpp"
 
@@ -20,7 +21,9 @@ std::unique_ptr<Workspace> make_workspace() {
   auto stores = vfs::register_file_families(registry);
   vfs::register_lock_and_history_families(registry, stores);
   vfs::reenroll_from_config(*stores, std::cerr);
+  workspace->stores = stores;
   memory::register_memory_family(registry, platform::contexts_dir());
+  search::register_grep(registry, stores);
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
 }

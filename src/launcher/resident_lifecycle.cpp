@@ -60,6 +60,7 @@ struct Serving {
 bool start_serving(const ResidentOptions& options, Serving& serving) {
   server::ServerOptions server_options = resident_server_options(options.port);
   server_options.exec = options.exec;
+  server_options.views = options.views;
   server_options.on_shutdown = [] { platform::request_stop(); };
   serving.server = std::make_unique<server::Server>(std::move(server_options));
   serving.thread = std::thread([server = serving.server.get()] { server->serve(); });

@@ -41,6 +41,7 @@ bool shut_down(std::uint16_t port);
 struct ResidentOptions {
   std::uint16_t port = 9999;
   server::ExecBridge exec;
+  std::map<std::string, server::ViewHandler> views;
   bool open_browser = false;   // open the web UI once serving
   bool print_up_line = false;  // "Kestrune orchestration server up — ..." (start verbs)
   bool config_check = false;   // warn when no configuration file exists (start verbs)

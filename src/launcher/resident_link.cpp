@@ -10,6 +10,7 @@
 #include "launcher/resident_lifecycle.hpp"
 #include "platform/env.hpp"
 #include "server/version.hpp"
+#include "vfs/store_view.hpp"
 
 namespace kx::launcher {
 namespace {
@@ -64,6 +65,53 @@ server::ExecBridge make_exec_bridge(Workspace& workspace) {
 
 namespace {
 
+std::uint32_t version_param(const server::Request& request, const char* name) {
+  std::string text = server::form_param(request.query, name);
+  std::uint32_t value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9' || value > 100000000) return 0;
+    value = value * 10 + static_cast<std::uint32_t>(c - '0');
+  }
+  return value;
+}
+
+// The store's read-only views. Each runs under the session's lock, like a command,
+// so it never sees a tree halfway through a save.
+std::map<std::string, server::ViewHandler> make_store_views(Workspace& workspace) {
+  using server::Request;
+  using server::Response;
+  auto run = [&workspace](auto view) {
+    return [&workspace, view](const Request& request) -> Response {
+      std::lock_guard guard(workspace.session->lock);
+      vfs::View answer = view(*workspace.stores, request);
+      return {answer.status, server::kJsonUtf8, std::move(answer.body)};
+    };
+  };
+  auto store = [](const Request& r) { return server::form_param(r.query, "store"); };
+  auto path = [](const Request& r) { return server::form_param(r.query, "path"); };
+  std::map<std::string, server::ViewHandler> views;
+  views["/vc/list"] = run([](kst::StoreSet& s, const Request&) { return vfs::stores_view(s); });
+  views["/store/tree"] =
+      run([store](kst::StoreSet& s, const Request& r) { return vfs::tree_view(s, store(r)); });
+  views["/store/log"] = run([store, path](kst::StoreSet& s, const Request& r) {
+    return vfs::log_view(s, store(r), path(r));
+  });
+  views["/store/diff"] = run([store, path](kst::StoreSet& s, const Request& r) {
+    return vfs::diff_view(s, store(r), path(r), version_param(r, "a"), version_param(r, "b"));
+  });
+  views["/store/changes"] =
+      run([](kst::StoreSet& s, const Request&) { return vfs::changes_view(s); });
+  // A version's bytes are the file's own, not JSON.
+  views["/store/version"] = [&workspace, store, path](const Request& r) -> Response {
+    std::lock_guard guard(workspace.session->lock);
+    vfs::View answer =
+        vfs::version_view(*workspace.stores, store(r), path(r), version_param(r, "n"));
+    const char* type = answer.status == "200 OK" ? server::kTextUtf8 : server::kJsonUtf8;
+    return {answer.status, type, std::move(answer.body)};
+  };
+  return views;
+}
+
 bool contains(const std::string& line, const char* word) {
   return line.find(word) != std::string::npos;
 }
@@ -104,6 +152,7 @@ int run_server_verb(Workspace& workspace, std::uint16_t port, const std::string&
   ResidentOptions options;
   options.port = port;
   options.exec = make_exec_bridge(workspace);
+  options.views = make_store_views(workspace);
   if (line == "boot" || line == "boot gui") {
     options.open_browser = line == "boot gui";
     return boot(options);

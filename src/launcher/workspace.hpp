@@ -6,12 +6,14 @@
 
 #include "lang/registry.hpp"
 #include "lang/session.hpp"
+#include "vfs/store_set.hpp"
 
 namespace kx::launcher {
 
 struct Workspace {
   lang::Registry registry;
   std::unique_ptr<lang::Session> session;
+  std::shared_ptr<kst::StoreSet> stores;  // the file families' stores
 };
 
 // Registers every family and creates the session. The home directory must be

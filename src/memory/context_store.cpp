@@ -8,6 +8,7 @@
 
 #include "memory/data_file.hpp"
 #include "memory/tokenizer.hpp"
+#include "platform/durable_file.hpp"
 
 namespace kx::memory {
 namespace {
@@ -17,6 +18,15 @@ std::uint64_t round_to_step(std::uint64_t bytes) {
 }
 
 }  // namespace
+
+std::string_view fold_keyword(std::string_view keyword, std::string& buffer) {
+  const auto upper = [](char c) { return c >= 'A' && c <= 'Z'; };
+  if (std::none_of(keyword.begin(), keyword.end(), upper)) return keyword;
+  buffer.assign(keyword);
+  for (char& c : buffer)
+    if (upper(c)) c = static_cast<char>(c + 32);
+  return buffer;
+}
 
 std::vector<std::string> memo_keywords(const std::vector<std::string>& caller,
                                        std::string_view content) {
@@ -105,13 +115,17 @@ void ContextStore::register_record(std::uint64_t offset, const RecordView& recor
   else
     touch(node);
 
+  std::string folded;
   for (std::string_view keyword : record.keywords) {
+    const std::string_view key = fold_keyword(keyword, folded);
     // Look up before inserting: most keywords exist, and a lookup allocates nothing.
-    if (auto entry = index_.find(keyword); entry != index_.end()) {
-      entry->second.push_back({offset, record.flags});
+    if (auto entry = index_.find(key); entry != index_.end()) {
+      // This record's postings go last, so a keyword it repeats (in another case)
+      // shows up as its own offset at the back.
+      if (entry->second.back().offset != offset) entry->second.push_back({offset, record.flags});
       continue;
     }
-    auto entry = index_.emplace(std::string(keyword), std::vector<Posting>{}).first;
+    auto entry = index_.emplace(std::string(key), std::vector<Posting>{}).first;
     entry->second.push_back({offset, record.flags});
     related_.link(entry->first);
   }
@@ -145,15 +159,58 @@ std::size_t ContextStore::load_heap(std::uint64_t size, const std::function<bool
   reserve(std::max<std::uint64_t>(size, kHeapStep));  // at least one step
   if (!fill(data_)) return 0;
   used_ = size;
+  std::uint64_t bad_at = 0, skipped = 0;
+  return index_from(0, bad_at, skipped);
+}
+
+namespace {
+
+// A record that a resynchronising scan may trust: flags within their defined bits
+// and a topic, as every writer of records gives one.
+bool plausible(const RecordView& record) {
+  return (record.flags & ~(kVectorBit | kPropertyBits)) == 0 && !record.topic.empty();
+}
+
+// True when records parse back to back from `at` to exactly the end of `bytes`.
+bool chain_reaches_end(std::string_view bytes, std::uint64_t at, RecordView& record) {
+  while (at < bytes.size()) {
+    if (!parse_record(bytes.substr(at), record) || !plausible(record)) return false;
+    at += record.size;
+  }
+  return true;
+}
+
+constexpr std::uint64_t kResyncScanLimit = std::uint64_t{64} << 20;
+
+}  // namespace
+
+std::size_t ContextStore::index_from(std::uint64_t from, std::uint64_t& bad_at,
+                                     std::uint64_t& skipped) {
+  skipped = 0;
   std::size_t count = 0;
   RecordView record;
-  std::uint64_t offset = 0;
-  while (offset < used_ && parse_record(heap().substr(offset), record)) {
-    register_record(offset, record);
-    if (observer_) observer_(record.keywords);
-    offset += record.size;
-    ++count;
+  std::uint64_t offset = from;
+  for (;;) {
+    while (offset < used_ && parse_record(heap().substr(offset), record) &&
+           (record.flags & ~(kVectorBit | kPropertyBits)) == 0) {
+      register_record(offset, record);
+      if (observer_) observer_(record.keywords);
+      offset += record.size;
+      ++count;
+    }
+    if (offset >= used_ || skipped > 0) break;
+    bad_at = offset;
+    // Damage in the middle: records that parse from some later byte right up to the
+    // end are still readable, so skip the damaged bytes rather than lose them.
+    std::uint64_t resume = offset + 1;
+    const std::uint64_t last = std::min(used_, offset + kResyncScanLimit);
+    while (resume < last && !chain_reaches_end(heap(), resume, record)) ++resume;
+    if (resume >= last) break;
+    std::memmove(data_ + offset, data_ + resume, used_ - resume);
+    skipped = resume - offset;
+    used_ -= skipped;
   }
+  used_ = offset;
   return count;
 }
 
@@ -180,8 +237,9 @@ void ContextStore::remove_records(std::vector<std::uint64_t> offsets) {
     const RecordView record = record_at(offset);
     sizes.push_back(record.size);
     TopicNode* node = slot(offset)->topic;
+    std::string folded;
     for (std::string_view keyword : record.keywords) {
-      auto entry = index_.find(keyword);
+      auto entry = index_.find(fold_keyword(keyword, folded));
       if (entry == index_.end()) continue;
       auto& list = entry->second;
       auto at = std::lower_bound(list.begin(), list.end(), offset,
@@ -287,76 +345,14 @@ const RecordSlot* ContextStore::slot(std::uint64_t offset) const {
 }
 
 const std::vector<Posting>* ContextStore::postings(std::string_view keyword) const {
-  auto it = index_.find(keyword);
+  std::string folded;
+  auto it = index_.find(fold_keyword(keyword, folded));
   return it == index_.end() ? nullptr : &it->second;
 }
 
 const Embedding* ContextStore::embedding(std::uint64_t offset) const {
   auto it = embeddings_.find(offset);
   return it == embeddings_.end() ? nullptr : &it->second;
-}
-
-// --- persistent operations ----------------------------------------------------------
-
-std::string ContextStore::write_appended(std::uint64_t from) {
-  if (data_path_.empty()) return {};
-  if (batching_) {
-    batch_dirty_ = true;
-    return {};
-  }
-  if (!file_in_step_) return save();
-  std::string error = append_data_file(data_path_, heap().substr(from));
-  if (!error.empty()) file_in_step_ = false;
-  return error;
-}
-
-std::string ContextStore::append(std::string_view topic, const std::vector<std::string>& keywords,
-                                 std::uint32_t flags, std::string_view content,
-                                 const Embedding& vector) {
-  const std::uint64_t from = used_;
-  append_record(content, keywords, topic, flags, vector);
-  return write_appended(from);
-}
-
-std::string ContextStore::add(std::string_view topic, const std::vector<std::string>& keywords,
-                              std::string_view content, const Embedding& vector) {
-  std::string error;
-  if (find_topic(topic) != nullptr) error = delete_topic(topic);
-  std::string append_error = append(topic, keywords, 0, content, vector);
-  return error.empty() ? append_error : error;
-}
-
-std::string ContextStore::delete_topic(std::string_view topic) {
-  TopicNode* node = find_topic(topic);
-  if (node == nullptr) return {};
-  std::vector<std::uint64_t> offsets;
-  for (const MemoEntry& m : node->memos) offsets.push_back(m.offset);
-  remove_records(std::move(offsets));  // the last memo takes the node with it
-  return save();
-}
-
-std::string ContextStore::delete_memo(TopicNode* topic, std::uint32_t position) {
-  if (position >= topic->memos.size()) return "no memo at that position";
-  remove_record(topic->memos[position].offset);
-  return save();
-}
-
-std::string ContextStore::save() {
-  if (data_path_.empty()) return {};
-  if (batching_) {
-    batch_dirty_ = true;
-    return {};
-  }
-  std::string error = rewrite_data_file(data_path_, heap());
-  file_in_step_ = error.empty();
-  return error;
-}
-
-std::string ContextStore::end_batch() {
-  batching_ = false;
-  if (!batch_dirty_) return {};
-  batch_dirty_ = false;
-  return save();
 }
 
 }  // namespace kx::memory

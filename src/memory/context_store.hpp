@@ -21,11 +21,17 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
+#include "memory/group_sync.hpp"
 #include "memory/heap_record.hpp"
 #include "memory/related_terms.hpp"
 #include "memory/w5_web.hpp"
+
+namespace kx::platform {
+class FileLock;
+}
 
 namespace kx::memory {
 
@@ -58,6 +64,11 @@ struct StringHash {
 template <typename V>
 using StringMap = std::unordered_map<std::string, V, StringHash, std::equal_to<>>;
 
+// The index key of a keyword: ASCII letters folded to lower case, as the tokenizer
+// folds, so a keyword is found however it was stored or asked. Uses `buffer` only
+// when something folds.
+std::string_view fold_keyword(std::string_view keyword, std::string& buffer);
+
 // The keywords a record is stored with: the caller's non-empty keywords unchanged,
 // then StripToTokens(content), each keyword once (exact bytes), first seen first.
 std::vector<std::string> memo_keywords(const std::vector<std::string>& caller,
@@ -76,26 +87,42 @@ class ContextStore {
   const std::string& name() const { return name_; }
 
   // --- persistence: with a data path, changes reach "data.mem" -------------------
-  // An empty path keeps the store in memory only.
+  // An empty path keeps the store in memory only. Every write holds the context's
+  // lock file ("data.mem.lock") and first takes in what other processes wrote, so no
+  // process writes from a stale copy (see context_file.cpp).
   void set_data_path(std::filesystem::path path) { data_path_ = std::move(path); }
   const std::filesystem::path& data_path() const { return data_path_; }
+  // Each add waits for the disk (true) or reaches the page cache and is synced by
+  // `group_sync` a few milliseconds later (false, the default).
+  void set_durable(bool each_add) { durable_ = each_add; }
+  bool durable() const { return durable_; }
+  void set_group_sync(GroupSync* group_sync) { group_sync_ = group_sync; }
 
-  // Each returns "" on success or an error sentence; on a failed write the change
-  // stays in memory and the next write rewrites the file whole.
-  std::string append(std::string_view topic, const std::vector<std::string>& keywords,
-                     std::uint32_t flags, std::string_view content, const Embedding& vector = {});
-  // Same topic = replace: an existing topic is deleted (and the file rewritten) first.
-  std::string add(std::string_view topic, const std::vector<std::string>& keywords,
-                  std::string_view content, const Embedding& vector = {});
-  std::string delete_topic(std::string_view topic);
+  // Brings the heap in step with "data.mem" as it stands: records appended by
+  // others are read in, a file rewritten by others is loaded afresh, and a file
+  // that does not load whole is copied aside and rewritten to the records read.
+  [[nodiscard]] std::string refresh();
+  // Sentences ("warning: ...") about damage found since the last call.
+  std::vector<std::string> take_warnings() { return std::exchange(warnings_, {}); }
+
+  // Each returns "" on success or an error sentence; a failed write leaves neither
+  // the file nor the store changed.
+  [[nodiscard]] std::string append(std::string_view topic, const std::vector<std::string>& keywords,
+                                   std::uint32_t flags, std::string_view content,
+                                   const Embedding& vector = {});
+  // Same topic = replace: the old memos go and the new one comes in one rewrite.
+  [[nodiscard]] std::string add(std::string_view topic, const std::vector<std::string>& keywords,
+                                std::string_view content, const Embedding& vector = {});
+  [[nodiscard]] std::string delete_topic(std::string_view topic);
   // Removes the memo at 0-based `position`; the last memo takes the topic with it.
-  std::string delete_memo(TopicNode* topic, std::uint32_t position);
-  // Full rewrite of the data file, previous file kept at "data.mem.last".
-  std::string save();
+  [[nodiscard]] std::string delete_memo(std::string_view topic, std::uint32_t position);
+  // Full rewrite of the data file from the heap as it is, previous file kept at
+  // "data.mem.last".
+  [[nodiscard]] std::string save();
 
-  // While batching, appends and rewrites stay in memory; end_batch writes once.
-  void begin_batch() { batching_ = true; }
-  std::string end_batch();
+  // A batch holds the lock from begin to end; its changes are written once, whole.
+  [[nodiscard]] std::string begin_batch();
+  [[nodiscard]] std::string end_batch();
 
   // --- in-memory operations ------------------------------------------------------
   // Writes one record at the end of the heap and indexes it; returns its offset.
@@ -110,9 +137,8 @@ class ContextStore {
   void rebuild_webs();
   // Drops everything, heap included.
   void reset();
-  // Replaces the heap with `heap_bytes` and indexes every record that parses; parsing
-  // stops at the first record that does not fit, leaving the tail bytes in the heap.
-  // Returns the number of records indexed.
+  // Replaces the heap with `heap_bytes` and indexes every record that parses; bytes
+  // that do not parse are dropped (see index_from). Returns the number indexed.
   std::size_t load_heap(std::string_view heap_bytes);
   // The same, with the bytes written straight into the heap by `fill` (which gets
   // the destination and must fill exactly `size` bytes, or return false to leave
@@ -144,16 +170,46 @@ class ContextStore {
 
  private:
   void reserve(std::uint64_t bytes);
+  // Indexes the records from heap offset `from` to `used_`. At the first that does
+  // not parse (`bad_at`) it skips to where records parse again right up to the end
+  // (`skipped` bytes dropped), or stops. Trims `used_` to what was indexed. Returns
+  // the count indexed.
+  std::size_t index_from(std::uint64_t from, std::uint64_t& bad_at, std::uint64_t& skipped);
   void register_record(std::uint64_t offset, const RecordView& record);
   void unlink_recency(TopicNode* node);
   void push_head(TopicNode* node);
   void erase_topic_node(TopicNode* node);
-  std::string write_appended(std::uint64_t from);
+  // context_file.cpp: the file side.
+  struct Look;
+  std::filesystem::path lock_path() const;
+  Look look(const platform::FileLock* lock) const;
+  [[nodiscard]] std::string take_in(Look& look);
+  [[nodiscard]] std::string take_in_first(Look& look);
+  void note_damage(std::uint64_t file_bytes, std::uint64_t bad_at, std::uint64_t skipped);
+  [[nodiscard]] std::string catch_up(platform::FileLock& lock);
+  [[nodiscard]] std::string mend(platform::FileLock& lock, Look& look);
+  [[nodiscard]] std::string rewrite(platform::FileLock& lock);
+  [[nodiscard]] std::string write_tail(std::uint64_t from);
+  [[nodiscard]] std::string append_locked(platform::FileLock& lock, std::string_view topic,
+                                          const std::vector<std::string>& keywords,
+                                          std::uint32_t flags, std::string_view content,
+                                          const Embedding& vector);
 
   std::string name_;
   std::filesystem::path data_path_;
-  bool file_in_step_ = true;  // false after a failed write: next write is a full rewrite
-  bool batching_ = false;
+  bool durable_ = false;
+  GroupSync* group_sync_ = nullptr;
+  // What of the file the heap holds: its first `file_size_` bytes as they were at
+  // rewrite count `file_seq_`. `file_known_` is false until the first load and after
+  // a failed rewrite, which makes the next refresh load afresh.
+  bool file_known_ = false;
+  std::uint64_t file_size_ = 0;
+  std::uint64_t file_seq_ = 0;
+  std::string damage_;       // why the file on disk must be mended (empty: it need not)
+  bool converting_ = false;  // the file is in the old format: rewrite, not damage
+  std::string blocked_;      // damage that could not be kept aside: writes refused
+  std::vector<std::string> warnings_;
+  std::unique_ptr<platform::FileLock> batch_lock_;
   bool batch_dirty_ = false;
 
   char* data_ = nullptr;

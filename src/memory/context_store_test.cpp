@@ -197,27 +197,35 @@ TEST(ContextStore, WebsFollowRecordsInAndOut) {
   EXPECT_TRUE(store.webs().topics_with(W::who, "").empty());
 }
 
-TEST(ContextStore, LoadKeepsAnUnparsedTailInTheHeap) {
+TEST(ContextStore, LoadSkipsDamagedBytesWhereRecordsParseAgainAndDropsACutTail) {
   ContextStore source("t");
   source.append_record("kept one", {}, "a", 0, {});
-  source.append_record("kept two", {}, "b", 0, {});
-  std::string bytes(source.heap());
-  bytes += "\x05\x00\x00\x00garbage";  // a record cut short
+  const std::string first(source.heap());
+  source.append_record("kept two", {"Two"}, "b", 0, {});
+  const std::string second(source.heap().substr(first.size()));
 
   ContextStore loaded("t");
   std::size_t observed = 0;
   loaded.set_record_observer([&](const std::vector<std::string_view>&) { ++observed; });
-  EXPECT_EQ(loaded.load_heap(bytes), 2u);
+  // Garbage between two records, then a record cut short.
+  EXPECT_EQ(loaded.load_heap(first + "\xff\xff\x07garbage" + second), 2u);
   EXPECT_EQ(observed, 2u);
-  EXPECT_EQ(loaded.heap(), bytes);
-  EXPECT_EQ(loaded.topic_count(), 2u);
-  // A later removal still carries the tail along, byte for byte.
-  loaded.remove_record(loaded.find_topic("a")->memos[0].offset);
-  EXPECT_TRUE(loaded.heap().ends_with("\x05\x00\x00\x00garbage"));
-  // New records go behind the tail and are indexed where they lie.
-  const auto offset = loaded.append_record("after tail", {}, "c", 0, {});
-  EXPECT_EQ(offset, loaded.used() - loaded.record_at(offset).size);
-  EXPECT_EQ(loaded.record_at(loaded.find_topic("c")->memos[0].offset).content, "after tail");
+  EXPECT_EQ(loaded.heap(), first + second);
+  EXPECT_EQ(loaded.load_heap(first + second + "\x05\x00\x00\x00garbage"), 2u);
+  EXPECT_EQ(loaded.heap(), first + second);
+  // New records go right behind the last one read.
+  const auto offset = loaded.append_record("after", {}, "c", 0, {});
+  EXPECT_EQ(offset, first.size() + second.size());
+}
+
+TEST(ContextStore, KeywordsMatchWhateverTheirCase) {
+  ContextStore store("t");
+  store.append_record("nothing here", {"MyKW", "mykw"}, "a", 0, {});
+  ASSERT_NE(store.postings("mykw"), nullptr);
+  EXPECT_EQ(store.postings("MYKW"), store.postings("mykw"));
+  EXPECT_EQ(store.postings("mykw")->size(), 1u);  // one record, one posting
+  store.remove_record(store.find_topic("a")->memos[0].offset);
+  EXPECT_EQ(store.postings("mykw"), nullptr);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <system_error>
+#include <utility>
 
 #include "memory/context_dir.hpp"
 #include "memory/data_file.hpp"
@@ -10,9 +11,25 @@
 namespace kx::memory {
 namespace fs = std::filesystem;
 
+void ContextTable::gather(Context& context, const std::string& error) {
+  if (!error.empty()) warnings_ += "\nwarning: context '" + context.store.name() + "': " + error;
+  for (const std::string& warning : context.store.take_warnings()) warnings_ += "\n" + warning;
+}
+
+std::string ContextTable::take_warnings() {
+  return std::exchange(warnings_, {});
+}
+
 Context& ContextTable::open(std::string_view bot, std::string_view name) {
   const std::string dir_name = context_dir_name(bot, name);
-  if (auto it = open_.find(dir_name); it != open_.end()) return *it->second;
+  if (auto it = open_.find(dir_name); it != open_.end()) {
+    Context& context = *it->second;
+    // Settings may have been changed by another process, too.
+    context.config = read_store_config(context.dir / "store.cfg");
+    context.store.set_durable(context.config.sync_each);
+    gather(context, context.store.refresh());
+    return context;
+  }
 
   auto context = std::make_unique<Context>(std::string(name));
   context->dir = root_ / dir_name;
@@ -22,7 +39,9 @@ Context& ContextTable::open(std::string_view bot, std::string_view name) {
   if (!fs::exists(id_file, ec)) std::ofstream(id_file, std::ios::binary) << name;
   context->config = read_store_config(context->dir / "store.cfg");
   context->store.set_data_path(context->dir / "data.mem");
-  load_data_file(context->store);
+  context->store.set_durable(context->config.sync_each);
+  context->store.set_group_sync(&group_sync_);
+  gather(*context, context->store.refresh());
   return *open_.emplace(dir_name, std::move(context)).first->second;
 }
 

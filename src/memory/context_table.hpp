@@ -38,9 +38,13 @@ class ContextTable {
 
   const std::filesystem::path& root() const { return root_; }
 
-  // Opens (creating or loading) the context. Never fails: a context whose files
-  // cannot be written still works in memory and reports errors on each write.
+  // Opens (creating or loading) the context, or brings an open one in step with
+  // what other processes wrote. Never fails: a context whose files cannot be read
+  // or written still works in memory and reports errors on each write.
   Context& open(std::string_view bot, std::string_view name);
+  // The "warning: " lines gathered by opening contexts since the last call, each
+  // behind a newline; "" when there are none.
+  std::string take_warnings();
   const Context* find_open(std::string_view bot, std::string_view name) const;
 
   // Every context of `bot` on disk or open, sorted by name. Loads nothing.
@@ -50,7 +54,11 @@ class ContextTable {
   std::string save_config(Context& context);
 
  private:
+  void gather(Context& context, const std::string& error);
+
   std::filesystem::path root_;
+  GroupSync group_sync_;  // outlives no store: declared before the table of them
+  std::string warnings_;
   std::unordered_map<std::string, std::unique_ptr<Context>> open_;  // by directory name
 };
 

@@ -19,9 +19,17 @@
 // "data.mem.last", then the new bytes go to "data.mem.tmp", are synced and renamed
 // over "data.mem", so an interrupted rewrite loses at most the latest deletion.
 //
-// Loading is lenient: records are read until one does not fit; the records before
-// it are kept and the unparsed tail stays in the heap byte for byte, to be written
-// back unchanged by the next rewrite.
+// Damage is kept, reported and walled off. A file that does not load whole (another
+// magic that still holds current records, a cut or damaged record) is first copied
+// to "data.mem.damaged-<UTC time>", a name never reused, overwritten or deleted here;
+// then "data.mem" is rewritten to exactly the records read, so later appends stay
+// reachable. Records that parse from some byte behind the damage right up to the
+// end are read too. When the copy cannot be made, nothing is rewritten and writes
+// are refused.
+//
+// Several processes share one file through the lock file "data.mem.lock": every
+// append and rewrite holds it, after taking in what the others wrote; its first
+// eight bytes count the rewrites (see context_file.cpp).
 //
 // The old format (read only, converted on load): no magic and no flags; records of
 // content, topic and keywords only. It is converted by re-adding every record with
@@ -42,19 +50,33 @@ std::filesystem::path crash_net_path(const std::filesystem::path& data_path);
 // Reads a whole file. False when it cannot be opened or read.
 bool read_whole_file(const std::filesystem::path& path, std::string& out);
 
-// Appends one record's bytes. Returns "" or an error sentence.
-std::string append_data_file(const std::filesystem::path& path, std::string_view record_bytes);
-
 // Full rewrite with the crash net. Returns "" or an error sentence; on failure the
 // existing "data.mem" is left as it was.
 std::string rewrite_data_file(const std::filesystem::path& path, std::string_view heap);
 
-// Fills `store` from the bytes of a data file (either format). An old-format file
-// is converted and, when the store has a data path, saved in the current format.
+// Copies `from` to `to` durably (through "<to>.tmp", synced, renamed). "" or an error.
+std::string copy_durably(const std::filesystem::path& from, const std::filesystem::path& to);
+
+// "data.mem.damaged-<UTC time>" beside `data_path`, with "-<n>" added while taken.
+std::filesystem::path free_damaged_path(const std::filesystem::path& data_path);
+
+// How the bytes of a whole file that does not begin with the magic are read: as the
+// old format when that reads them whole or further, else as current records behind
+// a damaged magic.
+enum class Layout { old_format, damaged_magic };
+Layout guess_layout(std::string_view bytes);
+
+// Appends the old-format records of `bytes` to `store` with flags 0 (keywords
+// extended as for any append); returns the count; `whole` tells whether every byte
+// was read.
+std::size_t convert_old_records(ContextStore& store, std::string_view bytes, bool& whole);
+
+// Fills `store` (which has no data path) from the bytes of a data file of either
+// layout; what a damaged file loses is what a load from disk loses.
 void load_from_bytes(ContextStore& store, std::string_view bytes);
 
-// Fills `store` from its data file. False when the store has no data path or the
-// file cannot be read (the store then stays empty and usable).
+// Fills `store` from its data file (ContextStore::refresh). False when the store has
+// no data path, the file is missing, or it cannot be read.
 bool load_data_file(ContextStore& store);
 
 }  // namespace kx::memory

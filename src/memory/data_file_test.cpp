@@ -60,9 +60,9 @@ TEST_F(DataFileTest, AppendWritesMagicThenTheExactRecordLayout) {
 TEST_F(DataFileTest, ReloadRebuildsTheSameContext) {
   {
     auto store = open();
-    store->append("a", {}, 2, "first memo");
-    store->append("a", {}, 65536, "second memo");
-    store->append("b", {}, 0, "other", {1, 2});
+    EXPECT_EQ(store->append("a", {}, 2, "first memo"), "");
+    EXPECT_EQ(store->append("a", {}, 65536, "second memo"), "");
+    EXPECT_EQ(store->append("b", {}, 0, "other", {1, 2}), "");
   }
   auto store = open();
   ASSERT_EQ(store->topic_count(), 2u);
@@ -87,26 +87,50 @@ TEST_F(DataFileTest, MissingOrMagicOnlyFileLoadsEmpty) {
   EXPECT_EQ(store->capacity(), kHeapStep);
 }
 
-TEST_F(DataFileTest, CutLastRecordLoadsTheRestAndIsWrittenBackUnchanged) {
+TEST_F(DataFileTest, CutFileIsKeptAsideAndRewrittenToTheRecordsRead) {
   {
     auto store = open();
-    store->append("keep", {}, 0, "kept memo");
-    store->append("gone", {}, 0, "to be deleted");
-    store->append("cut", {}, 0, "this one is cut short");
+    ASSERT_EQ(store->append("keep", {}, 0, "kept memo"), "");
+    ASSERT_EQ(store->append("cut", {}, 0, "this one is cut short"), "");
   }
   std::string bytes = slurp(data());
   bytes.resize(bytes.size() - 7);
   spit(data(), bytes);
 
   auto store = open();
+  const auto warnings = store->take_warnings();
+  ASSERT_EQ(warnings.size(), 1u);
+  EXPECT_THAT(warnings[0], ::testing::HasSubstr("1 record(s) read"));
+  std::vector<fs::path> copies;
+  for (const auto& entry : fs::directory_iterator(dir_.path()))
+    if (entry.path().filename().string().starts_with("data.mem.damaged-"))
+      copies.push_back(entry.path());
+  ASSERT_EQ(copies.size(), 1u);
+  EXPECT_EQ(slurp(copies[0]), bytes);  // the damaged original, byte for byte
+  EXPECT_THAT(warnings[0], ::testing::HasSubstr(copies[0].string()));
+  EXPECT_EQ(slurp(data()), "KST2" + std::string(store->heap()));
+
+  // What is added now is reachable by the next process.
+  ASSERT_EQ(store->append("later", {}, 0, "added after the damage"), "");
+  auto reopened = open();
+  EXPECT_NE(reopened->find_topic("later"), nullptr);
+  EXPECT_NE(reopened->find_topic("keep"), nullptr);
+  EXPECT_TRUE(reopened->take_warnings().empty());
+}
+
+TEST_F(DataFileTest, DamagedMagicIsNotMistakenForTheOldFormat) {
+  {
+    auto store = open();
+    ASSERT_EQ(store->append("a", {}, 0, "one"), "");
+    ASSERT_EQ(store->append("b", {}, 0, "two"), "");
+  }
+  std::string bytes = slurp(data());
+  bytes[0] ^= 0x01;  // "JST2"
+  spit(data(), bytes);
+  auto store = open();
   EXPECT_EQ(store->topic_count(), 2u);
-  EXPECT_EQ(store->find_topic("cut"), nullptr);
-  ASSERT_EQ(store->delete_topic("gone"), "");
-  EXPECT_EQ(slurp(crash_net_path(data())), bytes);
-  const std::string after = slurp(data());
-  EXPECT_TRUE(after.starts_with("KST2"));
-  EXPECT_TRUE(after.ends_with(bytes.substr(bytes.size() - 20)));  // the cut tail, unchanged
-  EXPECT_EQ(after.substr(4), store->heap());
+  EXPECT_EQ(store->take_warnings().size(), 1u);
+  EXPECT_EQ(slurp(data()).substr(0, 4), "KST2");
 }
 
 TEST_F(DataFileTest, VectorCountRunningPastTheEndStopsTheLoadThere) {
@@ -115,7 +139,7 @@ TEST_F(DataFileTest, VectorCountRunningPastTheEndStopsTheLoadThere) {
   spit(data(), "KST2" + good + bad);
   auto store = open();
   EXPECT_EQ(store->topic_count(), 1u);
-  EXPECT_EQ(store->used(), good.size() + bad.size());
+  EXPECT_EQ(store->used(), good.size());
 }
 
 TEST_F(DataFileTest, OldFormatIsConvertedOnFirstLoad) {
@@ -145,9 +169,9 @@ TEST_F(DataFileTest, EmptyFileIsLeftAsItIs) {
 
 TEST_F(DataFileTest, CrashNetHoldsTheFileAsItStoodBeforeEachRewrite) {
   auto store = open();
-  store->append("a", {}, 0, "one");
-  store->append("b", {}, 0, "two");
-  store->append("c", {}, 0, "three");
+  EXPECT_EQ(store->append("a", {}, 0, "one"), "");
+  EXPECT_EQ(store->append("b", {}, 0, "two"), "");
+  EXPECT_EQ(store->append("c", {}, 0, "three"), "");
   const std::string before_first = slurp(data());
   ASSERT_EQ(store->delete_topic("a"), "");
   EXPECT_EQ(slurp(crash_net_path(data())), before_first);
@@ -159,8 +183,8 @@ TEST_F(DataFileTest, CrashNetHoldsTheFileAsItStoodBeforeEachRewrite) {
 
 TEST_F(DataFileTest, InterruptedRewriteLeavesTheOldFileReadable) {
   auto store = open();
-  store->append("a", {}, 0, "one");
-  store->append("b", {}, 0, "two");
+  EXPECT_EQ(store->append("a", {}, 0, "one"), "");
+  EXPECT_EQ(store->append("b", {}, 0, "two"), "");
   const std::string before = slurp(data());
   // A rewrite that died before its rename leaves only a stray temp file behind.
   spit(data().string() + ".tmp", "KST2\x01\x02");
@@ -169,30 +193,36 @@ TEST_F(DataFileTest, InterruptedRewriteLeavesTheOldFileReadable) {
   EXPECT_EQ(slurp(data()), before);
 }
 
-TEST_F(DataFileTest, FailedWritesKeepTheChangeInMemoryAndReportIt) {
+TEST_F(DataFileTest, FailedWritesChangeNeitherTheFileNorTheStore) {
   auto store = open();
   ASSERT_EQ(store->append("a", {}, 0, "one"), "");
   // The rewrite's temp file cannot be created where a directory stands.
   fs::create_directory(data().string() + ".tmp");
   const std::string before = slurp(data());
   EXPECT_NE(store->delete_topic("a"), "");
-  EXPECT_EQ(store->find_topic("a"), nullptr);  // in memory the deletion happened
-  EXPECT_EQ(slurp(data()), before);            // on disk nothing was half-written
-
-  // While the file is out of step, an add does not append onto the stale file.
-  EXPECT_NE(store->append("b", {}, 0, "two"), "");
-  EXPECT_NE(store->find_topic("b"), nullptr);
+  EXPECT_NE(store->find_topic("a"), nullptr);
+  EXPECT_EQ(slurp(data()), before);
   fs::remove(data().string() + ".tmp");
-  ASSERT_EQ(store->append("c", {}, 0, "three"), "");  // heals with a full rewrite
-  EXPECT_EQ(slurp(data()).substr(4), store->heap());
+
+  fs::rename(data(), dir_.path() / "aside");
+  fs::create_directory(data());  // now the append cannot open its file
+  EXPECT_NE(store->append("b", {}, 0, "two"), "");
+  EXPECT_EQ(store->find_topic("b"), nullptr);
 }
 
-TEST_F(DataFileTest, FailedAppendReportsAnError) {
-  fs::create_directory(data());  // a directory where the file should be
-  auto store = std::make_unique<ContextStore>("ctx");
-  store->set_data_path(data());
-  EXPECT_NE(store->append("a", {}, 0, "one"), "");
-  EXPECT_NE(store->find_topic("a"), nullptr);
+TEST_F(DataFileTest, AWriterFirstTakesInWhatAnotherAppendedOrRewrote) {
+  auto one = open();
+  auto two = open();
+  ASSERT_EQ(one->append("a", {}, 0, "from one"), "");
+  ASSERT_EQ(two->append("b", {}, 0, "from two"), "");  // appends behind one's record
+  EXPECT_NE(two->find_topic("a"), nullptr);
+  ASSERT_EQ(one->delete_topic("a"), "");  // a rewrite that must keep two's record
+  EXPECT_NE(one->find_topic("b"), nullptr);
+  ASSERT_EQ(two->append("c", {}, 0, "after the rewrite"), "");
+  EXPECT_EQ(two->find_topic("a"), nullptr);
+  auto three = open();
+  EXPECT_EQ(three->topic_count(), 2u);
+  EXPECT_EQ(slurp(data()).substr(4), two->heap());
 }
 
 }  // namespace

@@ -11,6 +11,8 @@ namespace kx::memory {
 
 // Bit 31 of the flags word: a vector count and vector follow the keywords.
 inline constexpr std::uint32_t kVectorBit = 0x80000000u;
+// Bits 0..16: the memo properties. Every other bit but kVectorBit is zero in a sound record.
+inline constexpr std::uint32_t kPropertyBits = 0x1ffffu;
 
 using Embedding = std::vector<std::uint32_t>;  // raw 32-bit values (float bit patterns)
 

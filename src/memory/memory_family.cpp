@@ -41,7 +41,7 @@ void register_memory_family(lang::Registry& registry, std::filesystem::path cont
   query.usage = "?(topics()==prefix* | topics()==*suffix) && keywords()==*partial*";
   query.example = "?(topics()==src/* && keywords()==token*)";
   query.run = [state](lang::Session& session, std::string_view inner) {
-    return run_query_word(*state, session, inner);
+    return run_query_word(*state, session, inner) + state->contexts.take_warnings();
   };
   registry.add_word_command(std::move(query));
 }

@@ -324,14 +324,24 @@ TEST_F(MemoryVerbs, HelpIsGeneratedFromTheRegistration) {
   EXPECT_LT(help.find("\nmemory.add\n"), help.find("\nmemory.addmemo\n"));
 }
 
-TEST_F(MemoryVerbs, FailedWriteIsReportedAndTheMemoryStaysUsable) {
+TEST_F(MemoryVerbs, FailedWriteIsReportedAndNothingIsHalfDone) {
   kx_.run("memory.add cli, notes, a, , first");
   fs::remove(data_of("cli", "notes"));
   fs::create_directory(data_of("cli", "notes"));  // the file cannot be appended to now
-  EXPECT_THAT(
-      kx_.run("memory.add cli, notes, b, , second"),
-      StartsWith("ERROR: memory 'b' is in memory but not saved to disk in context(s): notes"));
+  EXPECT_THAT(kx_.run("memory.add cli, notes, b, , second"),
+              StartsWith("ERROR: memory 'b' was not saved in context(s): notes"));
+  fs::remove(data_of("cli", "notes"));
+  EXPECT_EQ(kx_.run("memory.retrieve cli, notes, b"), "");
+  EXPECT_THAT(kx_.run("memory.add cli, notes, b, , second"), StartsWith("OK: "));
   EXPECT_EQ(kx_.run("memory.retrieve cli, notes, b"), "second");
+}
+
+TEST_F(MemoryVerbs, KeywordsFoldCaseForStoredAndAskedKeywords) {
+  kx_.run("memory.add cli, ctxA, t, MyKW, some content");
+  EXPECT_THAT(kx_.run("memory.keywords cli, ctxA, MyKW"),
+              StartsWith("OK: keyword 'mykw' — 1 memo hit(s):"));
+  EXPECT_THAT(kx_.run("memory.keywords cli, ctxA, mykw"),
+              StartsWith("OK: keyword 'mykw' — 1 memo hit(s):"));
 }
 
 // --- the embedding lane, against a scripted transport -------------------------------

@@ -172,18 +172,22 @@ std::string run_add(MemoryState& state, std::string_view args, bool memo) {
   const std::string& content = fields[count - 1];
 
   std::string warnings, failures;
+  std::vector<std::string> failed;
   for (const std::string& name : contexts) {
     Context& context = state.contexts.open(fields[0], name);
     Embedding vector;
     warnings += embed_for_add(state, context, content, vector);
     const std::string error = memo ? context.store.append(topic, keywords, props, content, vector)
                                    : context.store.add(topic, keywords, content, vector);
-    if (!error.empty()) failures += "\n  " + name + ": " + error;
+    if (!error.empty()) {
+      failed.push_back(name);
+      failures += "\n  " + name + ": " + error;
+    }
   }
   const std::string where = join(contexts, ", ");
   if (!failures.empty())
     return error_result("memory '" + topic +
-                        "' is in memory but not saved to disk in context(s): " + where + failures);
+                        "' was not saved in context(s): " + join(failed, ", ") + failures);
   if (memo)
     return "OK: memo " + props_to_text(props) + " appended to '" + topic +
            "' in context(s): " + where + warnings;
@@ -246,7 +250,7 @@ std::string run_deletememo(MemoryState& state, std::string_view args) {
   if (std::string error = find_memo(state, args, "deletememo", t); !error.empty()) return error;
   const std::string props = props_to_text(t.node->memos[t.position].flags);
   const std::size_t left = t.node->memos.size() - 1;
-  const std::string error = t.context->store.delete_memo(t.node, t.position);
+  const std::string error = t.context->store.delete_memo(t.topic, t.position);
   const std::string what = "memo " + std::to_string(t.position + 1) + " [" + props + "]";
   if (!error.empty())
     return error_result(what + " deleted from '" + t.topic +
@@ -358,7 +362,8 @@ std::string run_indexdir(MemoryState& state, Session& session, std::string_view 
 
   Context& context = state.contexts.open(bot, name);
   ContextStore& store = context.store;
-  store.begin_batch();
+  if (std::string error = store.begin_batch(); !error.empty())
+    return error_result("could not index " + given + ": " + error);
   std::size_t count = 0;
   // Hidden entries (".git", version mirrors) are not part of the tree's content.
   fs::recursive_directory_iterator it(dir, fs::directory_options::skip_permission_denied, ec), end;
@@ -371,7 +376,8 @@ std::string run_indexdir(MemoryState& state, Session& session, std::string_view 
     if (!it->is_regular_file(ec)) continue;
     const std::string relative = it->path().lexically_relative(dir).generic_string();
     std::vector<std::string> keywords = StripToTokens(leaf);
-    if (!indexed_as(store, relative, keywords)) store.add(relative, keywords, relative);
+    // In a batch, add only changes memory; end_batch writes and reports.
+    if (!indexed_as(store, relative, keywords)) (void)store.add(relative, keywords, relative);
     ++count;
   }
   const std::string error = store.end_batch();
@@ -477,11 +483,13 @@ std::string_view verb_note(std::string_view verb) {
 std::vector<Verb> make_memory_verbs(const std::shared_ptr<MemoryState>& state) {
   auto with = [state](auto fn) {
     return [state, fn](Session& session, std::string_view args) -> std::string {
-      (void)session;
+      std::string out;
       if constexpr (std::is_invocable_v<decltype(fn), MemoryState&, Session&, std::string_view>)
-        return fn(*state, session, args);
+        out = fn(*state, session, args);
       else
-        return fn(*state, args);
+        out = fn(*state, args);
+      // Damage found while opening a context is told by the command that found it.
+      return out + state->contexts.take_warnings();
     };
   };
   std::vector<Verb> verbs;

@@ -28,6 +28,8 @@ StoreConfig read_store_config(const std::filesystem::path& file) {
       config.embed_url = value;
     else if (key == "embed.model" && !value.empty())
       config.embed_model = value;
+    else if (key == "sync")
+      config.sync_each = value == "each";
   }
   return config;
 }
@@ -37,7 +39,8 @@ std::string write_store_config(const std::filesystem::path& file, const StoreCon
   out << "[store]\n"
       << "embed=" << (config.embed_armed ? "ARMED" : "disarmed") << "\n"
       << "embed.url=" << config.embed_url << "\n"
-      << "embed.model=" << config.embed_model << "\n";
+      << "embed.model=" << config.embed_model << "\n"
+      << "sync=" << (config.sync_each ? "each" : "group") << "\n";
   out.flush();
   return out ? std::string() : "could not write " + file.string();
 }

@@ -5,6 +5,9 @@
 //   embed=disarmed                                   ARMED or disarmed
 //   embed.url=http://127.0.0.1:11434/api/embeddings  where vectors are asked for
 //   embed.model=nomic-embed-text
+//   sync=group                                       each: every add is on the disk
+//                                                    before it answers; group: synced
+//                                                    a few milliseconds later
 //
 // Unknown keys and lines are ignored; a missing file means the defaults.
 #include <filesystem>
@@ -16,6 +19,7 @@ struct StoreConfig {
   bool embed_armed = false;
   std::string embed_url = "http://127.0.0.1:11434/api/embeddings";
   std::string embed_model = "nomic-embed-text";
+  bool sync_each = false;
 };
 
 StoreConfig read_store_config(const std::filesystem::path& file);

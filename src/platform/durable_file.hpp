@@ -28,6 +28,19 @@ bool sync_directory(const std::filesystem::path& dir);
 // An exclusive advisory lock on a file, held until the object is destroyed. It keeps
 // two processes from interleaving the steps of one save; the kernel drops it when the
 // holder dies.
+// The counter's bytes in the lock file: little-endian, the same on every platform.
+inline void encode_counter(std::uint64_t value, unsigned char (&bytes)[8]) {
+  for (unsigned char& b : bytes) {
+    b = static_cast<unsigned char>(value & 0xff);
+    value >>= 8;
+  }
+}
+inline std::uint64_t decode_counter(const unsigned char (&bytes)[8]) {
+  std::uint64_t value = 0;
+  for (int i = 7; i >= 0; --i) value = (value << 8) | bytes[i];
+  return value;
+}
+
 class FileLock {
  public:
   explicit FileLock(const std::filesystem::path& path);  // blocks until held
@@ -35,6 +48,11 @@ class FileLock {
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
   bool held() const { return handle_ != -1; }
+  // A counter kept in the lock file's first eight bytes, for the holder to read and
+  // bump: it tells other processes that the guarded files changed in a way their
+  // sizes do not show. 0 for a fresh lock file.
+  std::uint64_t read_counter() const;
+  [[nodiscard]] bool write_counter(std::uint64_t value);
 
  private:
   std::intptr_t handle_ = -1;  // a descriptor or a HANDLE

@@ -66,6 +66,18 @@ FileLock::FileLock(const std::filesystem::path& path) {
   handle_ = fd;
 }
 
+std::uint64_t FileLock::read_counter() const {
+  unsigned char bytes[8] = {};
+  if (handle_ == -1 || ::pread(static_cast<int>(handle_), bytes, sizeof bytes, 0) != 8) return 0;
+  return decode_counter(bytes);
+}
+
+bool FileLock::write_counter(std::uint64_t value) {
+  unsigned char bytes[8];
+  encode_counter(value, bytes);
+  return handle_ != -1 && ::pwrite(static_cast<int>(handle_), bytes, sizeof bytes, 0) == 8;
+}
+
 FileLock::~FileLock() {
   if (handle_ != -1) ::close(static_cast<int>(handle_));
 }

@@ -63,6 +63,26 @@ FileLock::FileLock(const std::filesystem::path& path) {
   handle_ = reinterpret_cast<std::intptr_t>(file);
 }
 
+std::uint64_t FileLock::read_counter() const {
+  unsigned char bytes[8] = {};
+  OVERLAPPED at{};
+  DWORD got = 0;
+  if (handle_ == -1 ||
+      !::ReadFile(reinterpret_cast<HANDLE>(handle_), bytes, sizeof bytes, &got, &at) || got != 8)
+    return 0;
+  return decode_counter(bytes);
+}
+
+bool FileLock::write_counter(std::uint64_t value) {
+  unsigned char bytes[8];
+  encode_counter(value, bytes);
+  OVERLAPPED at{};
+  DWORD written = 0;
+  return handle_ != -1 &&
+         ::WriteFile(reinterpret_cast<HANDLE>(handle_), bytes, sizeof bytes, &written, &at) &&
+         written == 8;
+}
+
 FileLock::~FileLock() {
   if (handle_ != -1) ::CloseHandle(reinterpret_cast<HANDLE>(handle_));
 }

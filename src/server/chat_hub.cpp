@@ -101,6 +101,36 @@ void ChatHub::handle(int id, const std::string& message) {
   deliver(out);
 }
 
+std::string ChatHub::post_as(const std::string& from, const std::string& channel,
+                             const std::string& kind, const std::string& text) {
+  Outbox out;
+  std::string rec;
+  {
+    std::lock_guard guard(lock_);
+    rec = record(channel, kind, from, nullptr, text);
+    post(channel, rec, out);
+  }
+  deliver(out);
+  return rec;
+}
+
+bool ChatHub::direct_as(const std::string& from, const std::string& to, const std::string& text) {
+  Outbox out;
+  {
+    std::lock_guard guard(lock_);
+    std::vector<ChatSend> targets;
+    for (auto& [id, client] : clients_)
+      if (!to.empty() && client.name == to) targets.push_back(client.send);
+    if (targets.empty()) return false;
+    std::string rec = record(kDmChannel, "dm", from, &to, text);
+    append_chat_record(paths_.chatlogs / "_dm.log", rec);
+    std::string wrapped = "{\"type\":\"msg\",\"msg\":" + rec + "}";
+    for (auto& send : targets) out.emplace_back(send, wrapped);
+  }
+  deliver(out);
+  return true;
+}
+
 void ChatHub::disconnect(int id) {
   Outbox out;
   {

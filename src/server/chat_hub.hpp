@@ -43,6 +43,13 @@ class ChatHub {
   // The client's connection ended: it leaves its channel (announced).
   void disconnect(int client);
 
+  // A message posted over HTTP by `from`, who need not be connected: recorded and
+  // delivered like a client's. Returns the record.
+  std::string post_as(const std::string& from, const std::string& channel, const std::string& kind,
+                      const std::string& text);
+  // A direct message over HTTP; false (nothing recorded) when no client has that name.
+  bool direct_as(const std::string& from, const std::string& to, const std::string& text);
+
   // {"type":"roster",...} for a channel.
   std::string roster_json(const std::string& channel);
   int client_count();

@@ -1,6 +1,10 @@
 #pragma once
 // The handlers behind the route table, grouped by what they serve.
+#include <optional>
+#include <string>
+
 #include "server/router.hpp"
+#include "server/server.hpp"
 
 namespace kx::server {
 
@@ -25,5 +29,42 @@ Response handle_index(ServerState&, const Request&, RouteEffects&);
 Response handle_ui(ServerState&, const Request&, RouteEffects&);
 Response handle_manual_list(ServerState&, const Request&, RouteEffects&);
 Response handle_manual_page(ServerState&, const Request&, RouteEffects&);
+
+// The store: enrolment, emits, and the read-only views under "/store/".
+Response handle_vc_dirs(ServerState&, const Request&, RouteEffects&);
+Response handle_vc_add(ServerState&, const Request&, RouteEffects&);
+Response handle_vc_pending(ServerState&, const Request&, RouteEffects&);
+Response handle_vc_emit(ServerState&, const Request&, RouteEffects&);
+Response handle_vc_approve(ServerState&, const Request&, RouteEffects&);
+Response handle_vc_unenroll(ServerState&, const Request&, RouteEffects&);
+Response handle_view(ServerState&, const Request&, RouteEffects&);
+
+// A bot's memory, files, inbox; the console's bots.
+Response handle_bots_contexts(ServerState&, const Request&, RouteEffects&);
+Response handle_bots_memories(ServerState&, const Request&, RouteEffects&);
+Response handle_bots_memory(ServerState&, const Request&, RouteEffects&);
+Response handle_bots_search(ServerState&, const Request&, RouteEffects&);
+Response handle_bots_files(ServerState&, const Request&, RouteEffects&);
+Response handle_console_tail(ServerState&, const Request&, RouteEffects&);
+Response handle_console_bots(ServerState&, const Request&, RouteEffects&);
+
+// Chat over plain HTTP, and channels bound to memory.
+Response handle_chat_next(ServerState&, const Request&, RouteEffects&);
+Response handle_chat_say(ServerState&, const Request&, RouteEffects&);
+Response handle_chat_draft(ServerState&, const Request&, RouteEffects&);
+Response handle_dialog_bind(ServerState&, const Request&, RouteEffects&);
+Response handle_dialog_bindings(ServerState&, const Request&, RouteEffects&);
+
+// Shared by the handlers above.
+// A parameter from the query, else from a form body.
+std::string param(const Request& request, std::string_view name);
+// Runs one command line for `bot`; nothing when no interpreter is wired.
+std::optional<std::string> run_command(ServerState& state, const std::string& bot,
+                                       const std::string& line, const char* route);
+// A command's result as JSON: 200 {"ok":true,"out":..} or, for an "ERROR: " result,
+// 409 {"ok":false,"error":..}; 503 {"ok":false,"error":"bridge"} without a result.
+Response command_answer(const std::optional<std::string>& out);
+// The per-user folder that holds chatlogs/, bots/ and config/.
+std::filesystem::path user_data(const ServerState& state);
 
 }  // namespace kx::server

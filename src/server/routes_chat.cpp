@@ -104,3 +104,66 @@ Response handle_roster(ServerState& state, const Request& request, RouteEffects&
 }
 
 }  // namespace kx::server
+
+namespace kx::server {
+namespace {
+
+std::string from_param(const Request& request, const char* fallback) {
+  std::string from = param(request, "from");
+  if (from.empty()) from = param(request, "bot");
+  return from.empty() ? fallback : from;
+}
+
+}  // namespace
+
+// The first record of the channel after "since" that the bot did not write itself;
+// "msg" is null when there is none yet (the caller polls again with the same since).
+Response handle_chat_next(ServerState& state, const Request& request, RouteEffects&) {
+  std::string bot = param(request, "bot");
+  if (bot.empty()) return json_response("400 Bad Request", R"({"error":"bot required"})");
+  std::string channel = param(request, "channel");
+  if (channel.empty()) channel = "orchestration";
+  if (!valid_channel_name(channel)) return bad_channel();
+  std::size_t since = number_param(request, "since", 0, SIZE_MAX / 16);
+  for (const auto& line :
+       read_chat_tail(state.chat.paths().chatlogs / (channel + ".log"), kMaxTail)) {
+    if (record_seq(line) <= since) continue;
+    auto rec = nlohmann::json::parse(line, nullptr, false);
+    if (rec.is_object() && rec.value("from", std::string()) == bot) continue;
+    return ok_json("{\"ok\":true,\"channel\":" + json_string(channel) + ",\"msg\":" + line + "}");
+  }
+  return ok_json("{\"ok\":true,\"channel\":" + json_string(channel) + ",\"msg\":null}");
+}
+
+// "text" to "channel" (default general), or to one user with "to".
+Response handle_chat_say(ServerState& state, const Request& request, RouteEffects&) {
+  std::string text = param(request, "text");
+  if (text.empty())
+    return json_response("400 Bad Request", R"({"ok":false,"error":"text required"})");
+  std::string from = from_param(request, "panel");
+  std::string to = param(request, "to");
+  if (!to.empty()) {
+    if (!state.chat.direct_as(from, to, text))
+      return text_response("404 Not Found", "no such user: " + to);
+    return ok_json(R"({"ok":true})");
+  }
+  std::string channel = param(request, "channel");
+  if (channel.empty()) channel = "general";
+  if (!valid_channel_name(channel)) return bad_channel();
+  return ok_json("{\"ok\":true,\"msg\":" + state.chat.post_as(from, channel, "chat", text) + "}");
+}
+
+// A message a bot proposes; it shows in the channel marked as a draft for a person
+// to take up or ignore.
+Response handle_chat_draft(ServerState& state, const Request& request, RouteEffects&) {
+  std::string bot = param(request, "bot");
+  std::string text = param(request, "text");
+  if (bot.empty() || text.empty())
+    return json_response("400 Bad Request", R"({"ok":false,"error":"bot and text required"})");
+  std::string channel = param(request, "channel");
+  if (channel.empty()) channel = "general";
+  if (!valid_channel_name(channel)) return bad_channel();
+  return ok_json("{\"ok\":true,\"msg\":" + state.chat.post_as(bot, channel, "draft", text) + "}");
+}
+
+}  // namespace kx::server

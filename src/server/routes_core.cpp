@@ -29,6 +29,28 @@ ExecResult run_logged(ServerState& state, const ExecRequest& exec, const char* r
 
 }  // namespace
 
+std::string param(const Request& request, std::string_view name) {
+  if (has_form_param(request.query, name)) return form_param(request.query, name);
+  return form_param(request.body, name);
+}
+
+std::optional<std::string> run_command(ServerState& state, const std::string& bot,
+                                       const std::string& line, const char* route) {
+  if (!state.options.exec) return std::nullopt;
+  return run_logged(state, ExecRequest{bot, line, {}, false}, route);
+}
+
+Response command_answer(const std::optional<std::string>& out) {
+  if (!out) return json_response("503 Service Unavailable", R"({"ok":false,"error":"bridge"})");
+  if (out->starts_with("ERROR"))
+    return json_response("409 Conflict", "{\"ok\":false,\"error\":" + json_string(*out) + "}");
+  return ok_json("{\"ok\":true,\"out\":" + json_string(*out) + "}");
+}
+
+std::filesystem::path user_data(const ServerState& state) {
+  return state.options.chat.chatlogs.parent_path();
+}
+
 Response handle_health(ServerState&, const Request&, RouteEffects&) {
   return ok_json(health_body(false));
 }

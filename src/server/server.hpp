@@ -5,12 +5,15 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "server/chat_hub.hpp"
+#include "server/http_request.hpp"
+#include "server/http_response.hpp"
 
 namespace kx::server {
 
@@ -44,13 +47,19 @@ struct ExecResult {
 };
 using ExecBridge = std::function<ExecResult(const ExecRequest&)>;
 
+// A read-only answer the server cannot compute itself, since it links no subsystem
+// (the store's file tree, a file's versions, a diff). The launcher supplies them,
+// keyed by route path, and runs each under the interpreter's lock.
+using ViewHandler = std::function<Response(const Request&)>;
+
 struct ServerOptions {
   std::uint16_t port = 9999;
   // "127.0.0.1" keeps the port private to this machine; "0.0.0.0" opens it, and
   // then the loopback rule guards every private route.
   std::string listen_address = "127.0.0.1";
-  ExecBridge exec;                    // empty: the interpreter routes answer 503
-  std::function<void()> on_shutdown;  // called after "/shutdown" has been answered
+  ExecBridge exec;                           // empty: the interpreter routes answer 503
+  std::map<std::string, ViewHandler> views;  // missing: the route answers 503
+  std::function<void()> on_shutdown;         // called after "/shutdown" has been answered
   // Folders holding web/ and docs/manual/, searched in order.
   std::vector<std::filesystem::path> asset_roots;
   ChatPaths chat;

@@ -51,7 +51,7 @@ TEST(Server, HealthAnswersWithTheExactBytes) {
 
 TEST(Server, UnknownPathsAndSubsystemsNotInThisBuildAnswerNotFound) {
   RunningServer server{ServerOptions{}};
-  for (const char* path : {"/nope", "/HEALTH", "/term/list", "/vc/list"}) {
+  for (const char* path : {"/nope", "/HEALTH", "/term/list", "/task/list"}) {
     std::string reply =
         raw_exchange(server.port(), std::string("GET ") + path + " HTTP/1.1\r\n\r\n");
     EXPECT_EQ(status_of(reply), "HTTP/1.1 404 Not Found") << path;

@@ -49,8 +49,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   kx::memory::load_from_bytes(store, bytes);
   check_consistent(store);
   if (bytes.starts_with(kx::memory::kMagic)) {
-    // The lenient load never drops bytes, parsed or not.
-    check(store.heap() == bytes.substr(kx::memory::kMagic.size()));
+    // The heap holds records read from the file and nothing else.
+    check(store.used() + kx::memory::kMagic.size() <= bytes.size());
   }
 
   if (const kx::memory::TopicNode* first = store.most_recent()) {

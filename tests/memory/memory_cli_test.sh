@@ -41,12 +41,18 @@ expect "deleted topic is gone" "" kx memory.retrieve cli, notes, build
 expect "deletememo" "OK: memo 1 [procedure|usage] deleted from 'steps' (1 memo(s) left; previous file kept at data.mem.last)" \
   kx memory.deletememo cli, notes, steps, 1
 
-# A file cut in the middle of its last record still loads what came before it.
+# A file cut in the middle of its last record still loads what came before it; the
+# command that finds the damage says so, and the cut original is kept aside.
 kx memory.add cli, notes, later, , written last > /dev/null
 size=$(stat -c %s "$CTX/data.mem")
 truncate -s $((size - 5)) "$CTX/data.mem"
-expect "truncated file keeps earlier records" "run the tests" kx memory.retrieve cli, notes, steps
-expect "cut record is not loaded" "" kx memory.retrieve cli, notes, later
+cp "$CTX/data.mem" "$HOME_DIR/cut"
+out=$(kx memory.retrieve cli, notes, steps)
+truth "truncated file keeps earlier records" [ "${out%%$'\n'*}" = "run the tests" ]
+kept=$(ls "$CTX"/data.mem.damaged-* 2>/dev/null | head -1)
+truth "the warning names the kept copy" grep -qF "warning: data.mem of context 'notes' did not load whole" <<<"$out"
+truth "the kept copy is the cut file" cmp -s "$HOME_DIR/cut" "$kept"
+expect "cut record is not loaded, and the warning is given once" "" kx memory.retrieve cli, notes, later
 
 expect "keywords" "OK: keyword 'tests' — 1 memo hit(s):
   steps #1 [untyped]" kx memory.keywords cli, notes, Tests

@@ -140,7 +140,7 @@ check "serve runs in the foreground" wait_until 50 grep -qsxF \
   "Kestrune orchestration server up — http://127.0.0.1:$P6/" "$WORK/gui.out"
 same "a second start finds it running" "Kestrune resident already running — http://127.0.0.1:$P6/" \
   "$("$KX" --port "$P6" --conf "$CONF" gui 2>/dev/null)"
-check "the workstation page is served" bash -c "curl -s http://127.0.0.1:$P6/ui/ | grep -q '<title>Kestrune</title>'"
+check "the workstation page is served" bash -c "curl -s http://127.0.0.1:$P6/ui/ | grep -q '<title>Kestrune workstation</title>'"
 kill -INT "$GUI"
 wait "$GUI"
 same "an interrupt ends the foreground server with status 0" 0 $?
