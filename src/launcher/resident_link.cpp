@@ -53,6 +53,13 @@ server::ExecBridge make_exec_bridge(Workspace& workspace) {
     std::string key = request.session.empty() ? "" : request.bot + "\n" + request.session;
     lang::Session& session = *workspace.session;
     std::lock_guard guard(session.lock);
+    if (request.structured_only) {
+      std::filesystem::path saved_cwd = session.cwd;
+      if (!request.cwd.empty()) session.cwd = request.cwd;
+      std::string out = lang::run_line(session, request.bot, request.line);
+      session.cwd = saved_cwd;
+      return out;
+    }
     std::string saved_bot = session.bot_id;
     session.bot_id = request.bot;
     lang::UnitResult result =

@@ -37,7 +37,9 @@ std::string param(const Request& request, std::string_view name) {
 std::optional<std::string> run_command(ServerState& state, const std::string& bot,
                                        const std::string& line, const char* route) {
   if (!state.options.exec) return std::nullopt;
-  return run_logged(state, ExecRequest{bot, line, {}, false}, route);
+  ExecRequest request = line_request(bot, line);
+  request.structured_only = true;
+  return run_logged(state, request, route).printed();
 }
 
 Response command_answer(const std::optional<std::string>& out) {

@@ -21,10 +21,13 @@ namespace kx::server {
 struct ExecRequest {
   std::string bot;
   std::string line;
-  std::string cwd;         // the caller's working directory, "" when not sent
-  bool tty = false;        // the caller's output is a terminal
-  std::string session;     // the caller's console ("" when it keeps none): its state carries over
-  bool arguments = false;  // the line is one call's arguments: a newline in it is text
+  std::string cwd;        // the caller's working directory, "" when not sent
+  bool tty = false;       // the caller's output is a terminal
+  std::string session;    // the caller's console ("" when it keeps none): its state carries over
+  bool arguments = true;  // one command line (a newline in it is text), not framed input
+  // A structured command from one of the resident's own pages, run as it is
+  // rather than through the grammar front end.
+  bool structured_only = false;
 };
 
 // One command line from a caller that keeps no console (MCP, the UI).
