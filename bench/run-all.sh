@@ -32,3 +32,4 @@ else
 fi
 bash bench/diff_vs_gnu.sh "$build"
 bash bench/cli_startup.sh "$kx"
+bash tests/setup_node.sh >/dev/null && node bench/mcp_bench.mjs "$kx" 1000

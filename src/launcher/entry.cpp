@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lang/parse_driver.hpp"
+#include "launcher/agent_setup.hpp"
 #include "launcher/mcp_entry.hpp"
 #include "launcher/options.hpp"
 #include "launcher/resident_link.hpp"
@@ -49,7 +50,10 @@ int run_units_locally(lang::Session& session, UnitSource& source) {
 }
 
 int run_locally(const EntryOptions& options, const std::string& line, UnitSource& source) {
-  auto workspace = make_workspace();
+  // A process that lives on follows outside edits as they happen; a one-shot command
+  // only catches up with them before it runs.
+  bool lives_on = is_server_verb(line) || line == "repl" || line.empty();
+  auto workspace = make_workspace(lives_on);
   lang::Session& session = *workspace->session;
 
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
@@ -80,7 +84,8 @@ int run_entry(int argc, char** argv) {
   if (args.size() == 1) {
     const std::string& only = args[0];
     if (only == "env-check") return env_check();
-    if (only == "claude-setup" || only == "env-setup" || only == "skillify")
+    if (only == "claude-setup") return claude_setup_verb();
+    if (only == "env-setup" || only == "skillify")
       return not_in_this_build("'" + only + "' (agent configuration)");
   }
   if (!args.empty() && (args[0] == "remotebot" || args[0] == "collab"))
@@ -88,6 +93,7 @@ int run_entry(int argc, char** argv) {
 
   EntryOptions options = parse_options(args);
   if (!options.home_override.empty()) platform::set_home_override(options.home_override);
+  set_agent_port(options.port);
 
   if (!options.words.empty() && options.words[0] == "kxterm")
     return not_in_this_build("the kxterm terminal client");

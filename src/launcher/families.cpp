@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "lang/system_family.hpp"
+#include "launcher/agent_setup.hpp"
 #include "memory/memory_family.hpp"
 #include "platform/home.hpp"
 #include "search/grep_family.hpp"
@@ -13,17 +14,19 @@
 
 namespace kx::launcher {
 
-std::unique_ptr<Workspace> make_workspace() {
+std::unique_ptr<Workspace> make_workspace(bool live_watch) {
   auto workspace = std::make_unique<Workspace>();
   lang::Registry& registry = workspace->registry;
   lang::register_system_family(registry);
   // Re-enrollment reports go to standard error: standard output carries results only.
-  auto stores = vfs::register_file_families(registry);
+  auto stores = vfs::register_file_families(registry, live_watch);
   vfs::register_lock_and_history_families(registry, stores);
   vfs::reenroll_from_config(*stores, std::cerr);
   workspace->stores = stores;
   memory::register_memory_family(registry, platform::contexts_dir());
   search::register_grep(registry, stores);
+  register_agent_families(registry);
+  register_config_family(registry);
   workspace->session = std::make_unique<lang::Session>(workspace->registry);
   return workspace;
 }

@@ -36,7 +36,7 @@ class LocalMcp {
  public:
   std::string handle(std::string_view message) {
     if (!server_) {
-      workspace_ = make_workspace();
+      workspace_ = make_workspace(true);  // an MCP session lives on
       protocols::ToolHost host;
       host.run = [bridge = make_exec_bridge(*workspace_)](std::string_view line) {
         return bridge(server::line_request("mcp", std::string(line))).printed();

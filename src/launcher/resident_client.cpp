@@ -7,9 +7,7 @@
 #include "lang/text.hpp"
 #include "launcher/unit_source.hpp"
 #include "platform/console.hpp"
-#include "platform/home.hpp"
 #include "platform/process_info.hpp"
-#include "platform/read_file.hpp"
 #include "platform/socket.hpp"
 
 namespace kx::launcher {
@@ -93,15 +91,6 @@ int int_field(std::string_view body, std::string_view key, std::size_t from) {
   return value;
 }
 
-std::optional<std::string> home_token() {
-  std::string token;
-  if (!platform::read_whole_file(platform::home_dir() / "resident.token", token, 128))
-    return std::nullopt;
-  std::string_view trimmed = lang::trim(token);
-  if (trimmed.empty()) return std::nullopt;
-  return std::string(trimmed);
-}
-
 // "'fsmk:file a.txt …'": the unit's first line, short enough for one message.
 std::string quoted_command(std::string_view unit) {
   std::string_view first = lang::trim(unit.substr(0, unit.find('\n')));
@@ -123,11 +112,11 @@ void print_answer(const PostOutcome& answer) {
 
 std::string build_exec_request(std::string_view unit, lang::UnitForm form,
                                const std::string& session, const std::optional<std::string>& cwd,
-                               bool tty, const std::optional<std::string>& token) {
+                               bool tty, const std::string& token) {
   std::string request = "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+  if (!token.empty()) request += "Authorization: Bearer " + token + "\r\n";
   if (cwd) request += "X-Kst-Cwd: " + *cwd + "\r\n";
   if (tty) request += "X-Kst-Tty: 1\r\n";
-  if (token) request += "Authorization: Bearer " + *token + "\r\n";
   if (!session.empty()) request += "X-Kst-Session: " + session + "\r\n";
   request += form == lang::UnitForm::kLines ? "X-Kst-Form: lines\r\n" : "X-Kst-Form: arguments\r\n";
   request += "Content-Type: text/plain\r\nContent-Length: " + std::to_string(unit.size()) +
@@ -197,6 +186,10 @@ PostOutcome parse_reply(std::string_view reply) {
   }
   std::string_view status_line = reply.substr(0, reply.find("\r\n"));
   std::string_view body = reply.substr(head_end + 4);
+  if (status_line.starts_with("HTTP/1.1 401")) {
+    outcome.kind = PostOutcome::Kind::kRefused;
+    return outcome;
+  }
   std::size_t from = 0;
   std::optional<std::string_view> out;
   if (status_line.find(" 200 ") != std::string_view::npos) out = string_field(body, "out", from);
@@ -213,16 +206,17 @@ PostOutcome parse_reply(std::string_view reply) {
 }
 
 PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm form,
-                      const std::string& session) {
+                      const std::string& session, const std::string& token) {
   PostOutcome not_sent;
   auto socket = platform::connect_loopback(port, kConnectMillis);
   if (!socket) return not_sent;
   platform::set_send_timeout(*socket, kSendMillis);
   std::optional<std::string> cwd;
   if (auto dir = platform::current_directory()) cwd = dir->string();
+  // Approval and colour both want a person at a terminal, on both ends of the pipe.
+  bool person = platform::stdin_is_terminal() && platform::stdout_is_terminal();
   // A request cut short is never run: the resident waits for its whole body.
-  if (!platform::send_all(*socket, build_exec_request(unit, form, session, cwd,
-                                                      platform::stdin_is_terminal(), home_token())))
+  if (!platform::send_all(*socket, build_exec_request(unit, form, session, cwd, person, token)))
     return not_sent;
   // Sent: from here the answer is awaited however long the command runs; only a
   // closed connection ends the wait.
@@ -245,7 +239,8 @@ std::string new_console_session() {
   return text;
 }
 
-ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSource& source) {
+ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSource& source,
+                            const std::string& token) {
   ForwardResult result;
   std::string session = new_console_session();
   // After a lost answer the resident is gone or going: a dying listener may still
@@ -260,7 +255,7 @@ ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSou
       result.status = std::max(result.status, static_cast<int>(lang::kSyntaxError));
       return true;
     }
-    PostOutcome answer = post_unit(port, unit, form, session);
+    PostOutcome answer = post_unit(port, unit, form, session, token);
     switch (answer.kind) {
       case PostOutcome::Kind::kAnswered:
         result.any_sent = true;
@@ -268,6 +263,9 @@ ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSou
         result.status = std::max(result.status, answer.status);
         return true;
       case PostOutcome::Kind::kNotSent:
+        return false;
+      case PostOutcome::Kind::kRefused:
+        result.refused = true;
         return false;
       case PostOutcome::Kind::kLost:
         result.any_sent = true;

@@ -19,16 +19,18 @@ lang::InputReader reader_of(std::string text) {
   };
 }
 
+const std::string& kToken = server::testing::kTestToken;
+
 }  // namespace
 
 TEST(ResidentClient, RequestNamesItsConsoleFormAndOptionalHeaders) {
   EXPECT_EQ(build_exec_request("fs:ls .", lang::UnitForm::kArguments, "s1", std::string("/home/me"),
-                               true, std::string("abc")),
-            "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Cwd: /home/me\r\n"
-            "X-Kst-Tty: 1\r\nAuthorization: Bearer abc\r\nX-Kst-Session: s1\r\n"
-            "X-Kst-Form: arguments\r\nContent-Type: text/plain\r\nContent-Length: 7\r\n"
-            "Connection: close\r\n\r\nfs:ls .");
-  EXPECT_EQ(build_exec_request("x", lang::UnitForm::kLines, "", std::nullopt, false, std::nullopt),
+                               true, "t0k"),
+            "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+            "Authorization: Bearer t0k\r\nX-Kst-Cwd: /home/me\r\nX-Kst-Tty: 1\r\n"
+            "X-Kst-Session: s1\r\nX-Kst-Form: arguments\r\nContent-Type: text/plain\r\n"
+            "Content-Length: 7\r\nConnection: close\r\n\r\nfs:ls .");
+  EXPECT_EQ(build_exec_request("x", lang::UnitForm::kLines, "", std::nullopt, false, ""),
             "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Form: lines\r\n"
             "Content-Type: text/plain\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx");
 }
@@ -53,7 +55,7 @@ TEST(ResidentClient, RepliesSayWhetherTheUnitRan) {
   EXPECT_EQ(ran.status, 1);
 
   EXPECT_EQ(parse_reply("HTTP/1.1 401 Unauthorized\r\n\r\n{\"ok\":false}").kind,
-            PostOutcome::Kind::kNotSent);
+            PostOutcome::Kind::kRefused);
   EXPECT_EQ(parse_reply(head + R"({"ok":false,"error":"x"})").kind, PostOutcome::Kind::kNotSent);
   EXPECT_EQ(parse_reply("").kind, PostOutcome::Kind::kLost);
   EXPECT_EQ(parse_reply("HTTP/1.1 200 OK\r\nContent-Le").kind, PostOutcome::Kind::kLost);
@@ -72,7 +74,7 @@ TEST(ResidentClient, UnitsArePostedInOrderWithOneConsole) {
 
   UnitSource source(reader_of("fs:ls a\nfsmk:file b <![CDATA[x\n\ny]]>\n\nfs:ls c"));
   testing::internal::CaptureStdout();
-  ForwardResult result = forward_units(resident.port(), "", source);
+  ForwardResult result = forward_units(resident.port(), "", source, kToken);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "ran 1\nran 2\nran 3\n");
   EXPECT_FALSE(result.rest_runs_here);
   ASSERT_EQ(seen.size(), 3u);
@@ -82,6 +84,27 @@ TEST(ResidentClient, UnitsArePostedInOrderWithOneConsole) {
   EXPECT_EQ(seen[0].session, seen[2].session);
 }
 
+// Another home's resident answers 401: nothing ran there, and every unit is left
+// to run here.
+TEST(ResidentClient, RefusedTokenLeavesEveryUnitToRunHere) {
+  server::ServerOptions options;
+  std::atomic<int> ran = 0;
+  options.exec = [&ran](const server::ExecRequest&) {
+    ++ran;
+    return server::ExecResult("ran\n", "", 0);
+  };
+  server::testing::RunningServer resident(std::move(options));
+  UnitSource source(reader_of("first\nsecond\n"));
+  testing::internal::CaptureStdout();
+  ForwardResult result = forward_units(resident.port(), "", source, std::string(64, 'b'));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_TRUE(result.refused);
+  EXPECT_TRUE(result.rest_runs_here);
+  EXPECT_EQ(ran, 0);
+  EXPECT_EQ(source.next(), "first\n");
+  EXPECT_EQ(source.next(), "second\n");
+}
+
 TEST(ResidentClient, NothingListeningLeavesEveryUnitToRunHere) {
   std::uint16_t port;
   {
@@ -89,7 +112,7 @@ TEST(ResidentClient, NothingListeningLeavesEveryUnitToRunHere) {
     port = gone.port();
   }
   UnitSource source(reader_of("a\nb\n"));
-  ForwardResult result = forward_units(port, "", source);
+  ForwardResult result = forward_units(port, "", source, kToken);
   EXPECT_TRUE(result.rest_runs_here);
   EXPECT_FALSE(result.any_sent);
   EXPECT_EQ(source.next(), "a\n");  // the unsent unit is put back, not dropped

@@ -13,6 +13,7 @@
 #include "platform/socket.hpp"
 #include "platform/spawn.hpp"
 #include "platform/stop_signal.hpp"
+#include "server/home_token.hpp"
 #include "server/version.hpp"
 
 namespace kx::launcher {
@@ -58,7 +59,9 @@ struct Serving {
 };
 
 bool start_serving(const ResidentOptions& options, Serving& serving) {
-  server::ServerOptions server_options = resident_server_options(options.port);
+  std::optional<server::ServerOptions> configured = resident_server_options(options.port);
+  if (!configured) return false;
+  server::ServerOptions server_options = std::move(*configured);
   server_options.exec = options.exec;
   server_options.views = options.views;
   server_options.on_shutdown = [] { platform::request_stop(); };
@@ -96,6 +99,15 @@ void check_configuration() {
   std::fputs("Kestrune: No configuration found — set it up in the tray.\n", stderr);
 }
 
+// The login link carries the secret, so it is shown to the person who asked for
+// the UI and handed to their browser, and nowhere else.
+void open_ui(std::uint16_t port) {
+  std::string link = ui_login_url(port);
+  std::printf("Kestrune UI: %s\n", link.c_str());
+  std::fflush(stdout);
+  platform::open_url(link);
+}
+
 int serve_until_stopped(const ResidentOptions& options) {
   platform::install_stop_signals();
   platform::ignore_broken_pipe();  // a closed stdout must not end the resident
@@ -106,7 +118,7 @@ int serve_until_stopped(const ResidentOptions& options) {
     std::fflush(stdout);
   }
   if (options.config_check) check_configuration();
-  if (options.open_browser) platform::open_url(url(options.port) + "ui/");
+  if (options.open_browser) open_ui(options.port);
   platform::wait_for_stop();
   stop_serving(serving);
   return 0;
@@ -124,12 +136,14 @@ ProbeResult classify_health_reply(std::string_view reply) {
     result.health = Health::kForeign;
     return result;
   }
-  constexpr std::string_view kKey = "\"version\":\"";
-  std::size_t at = body.find(kKey);
-  if (at != std::string_view::npos) {
-    std::string_view rest = body.substr(at + kKey.size());
-    result.version = std::string(rest.substr(0, rest.find('"')));
-  }
+  auto field = [body](std::string_view key) {
+    std::size_t at = body.find(key);
+    if (at == std::string_view::npos) return std::string();
+    std::string_view rest = body.substr(at + key.size());
+    return std::string(rest.substr(0, rest.find('"')));
+  };
+  result.version = field("\"version\":\"");
+  result.home = field("\"home\":\"");
   result.health = result.version == kVersion ? Health::kCompatible : Health::kOtherVersion;
   return result;
 }
@@ -177,10 +191,11 @@ bool bring_up(std::uint16_t port) {
 }
 
 bool shut_down(std::uint16_t port) {
-  std::string reply = exchange(port, kShutdownTimeoutMillis,
-                               "POST /shutdown HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Control: "
-                               "shutdown\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
-                               1024);
+  std::string token = own_home_token();
+  std::string request = "POST /shutdown HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Control: shutdown\r\n";
+  if (!token.empty()) request += "Authorization: Bearer " + token + "\r\n";
+  request += "Content-Length: 0\r\nConnection: close\r\n\r\n";
+  std::string reply = exchange(port, kShutdownTimeoutMillis, request, 1024);
   if (reply.find(" 200") == std::string::npos) return false;
   for (int i = 0; i < kShutdownProbes; ++i) {
     if (probe(port).health == Health::kNothing) return true;
@@ -200,13 +215,31 @@ int serve_in_foreground(const ResidentOptions& options) {
   if (!lock) {
     std::printf("Kestrune resident already running — http://127.0.0.1:%d/\n", options.port);
     std::fflush(stdout);
+    if (options.open_browser) open_ui(options.port);
     return 0;
   }
   return serve_until_stopped(options);
 }
 
-server::ServerOptions resident_server_options(std::uint16_t port) {
+std::string own_home_token() {
+  return server::read_token(server::token_file(platform::home_dir())).value_or("");
+}
+
+std::string ui_login_url(std::uint16_t port) {
+  return url(port) + "ui/?token=" + own_home_token();
+}
+
+std::optional<server::ServerOptions> resident_server_options(std::uint16_t port) {
   server::ServerOptions options;
+  std::string warning;
+  std::optional<std::string> token =
+      server::ensure_token(server::token_file(platform::home_dir()), warning);
+  if (!token) {
+    std::fprintf(stderr, "Kestrune: cannot keep the resident's token — %s\n", warning.c_str());
+    return std::nullopt;
+  }
+  if (!warning.empty()) std::fprintf(stderr, "warning: %s\n", warning.c_str());
+  options.token = *token;
   options.port = port;
   options.listen_address = configured_listen_address();
   std::filesystem::path exe_dir = platform::executable_path().parent_path();

@@ -3,6 +3,7 @@
 // compatible resident from anything else on the port, spawning one, asking one to
 // shut down, and serving as one.
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,7 @@ enum class Health : int {
 struct ProbeResult {
   Health health = Health::kNothing;
   std::string version;  // for kOtherVersion
+  std::string home;     // the fingerprint of the resident's home token ("" when not sent)
 };
 
 // Classifies a raw "/health" reply (status line, headers and body).
@@ -34,8 +36,15 @@ int compare_versions(std::string_view a, std::string_view b);
 // free. A foreign or other-version holder is never displaced here.
 bool bring_up(std::uint16_t port);
 
-// Asks the resident on the port to exit and waits until the port is free.
+// Asks the resident on the port to exit (with our home's token) and waits until the
+// port is free.
 bool shut_down(std::uint16_t port);
+
+// The token of this process's home; "" when it has none (no resident ever served it).
+std::string own_home_token();
+
+// The address that lets a browser in: http://127.0.0.1:<port>/ui/?token=<token>.
+std::string ui_login_url(std::uint16_t port);
 
 // What a serving process needs from its caller.
 struct ResidentOptions {
@@ -56,9 +65,11 @@ int boot(const ResidentOptions& options);
 // process announces itself when it serves.
 int serve_in_foreground(const ResidentOptions& options);
 
-// The server's settings for this process: listen address from the configuration,
-// asset roots beside the executable, chat files under the user's data directory.
-server::ServerOptions resident_server_options(std::uint16_t port);
+// The server's settings for this process: the home's token (created when missing),
+// listen address from the configuration, asset roots beside the executable, chat
+// files under the user's data directory. Nothing when no token could be kept
+// (the reason was printed).
+std::optional<server::ServerOptions> resident_server_options(std::uint16_t port);
 
 // Makes the resident start when the user logs in (the agent set-up calls this).
 // False when the entry could not be written.

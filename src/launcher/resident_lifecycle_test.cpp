@@ -5,6 +5,9 @@
 #include <atomic>
 #include <thread>
 
+#include "platform/home.hpp"
+#include "platform/owner_only_file.hpp"
+#include "server/home_token.hpp"
 #include "server/test_client.hpp"
 
 namespace kx::launcher {
@@ -72,6 +75,7 @@ TEST(HealthProbe, ComparesVersionsComponentByComponentAsNumbers) {
 TEST(HealthProbe, TellsOurResidentFromAForeignProcessAndAnEmptyPort) {
   server::testing::RunningServer resident{server::ServerOptions{}};
   EXPECT_EQ(probe(resident.port()).health, Health::kCompatible);
+  EXPECT_EQ(probe(resident.port()).home, server::token_fingerprint(server::testing::kTestToken));
   ForeignListener foreign("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi");
   EXPECT_EQ(probe(foreign.port()).health, Health::kForeign);
   ForeignListener silent("");
@@ -84,6 +88,12 @@ TEST(BringUp, NeverDisplacesAForeignHolder) {
 }
 
 TEST(ShutDown, StopsOurResidentAndFailsOnAForeignOne) {
+  // Shutting down takes the token of our own home.
+  server::testing::TempDir home;
+  platform::set_home_override(home.path());
+  std::string reason;
+  ASSERT_TRUE(platform::write_owner_only_file(server::token_file(home.path()),
+                                              server::testing::kTestToken, reason));
   std::uint16_t port = 0;
   std::atomic<bool> asked{false};
   {
@@ -102,6 +112,7 @@ TEST(ShutDown, StopsOurResidentAndFailsOnAForeignOne) {
   EXPECT_TRUE(asked);
   ForeignListener foreign("HTTP/1.1 403 Forbidden\r\n\r\nno");
   EXPECT_FALSE(shut_down(foreign.port()));
+  platform::reset_home_for_testing();
 }
 
 }  // namespace kx::launcher

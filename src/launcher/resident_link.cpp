@@ -3,12 +3,14 @@
 
 #include <cstdio>
 #include <exception>
+#include <set>
 
 #include "lang/console_seats.hpp"
 #include "lang/interpreter.hpp"
 #include "launcher/resident_client.hpp"
 #include "launcher/resident_lifecycle.hpp"
 #include "platform/env.hpp"
+#include "server/home_token.hpp"
 #include "server/version.hpp"
 #include "vfs/store_view.hpp"
 
@@ -20,17 +22,34 @@ void say_running_locally(std::uint16_t port) {
                port);
 }
 
-ForwardResult run_here(std::uint16_t port) {
-  say_running_locally(port);
+// Ports whose resident refused our home's token: nothing more goes there from this
+// process.
+std::set<std::uint16_t> g_other_homes;
+
+void say_other_home(std::uint16_t port) {
+  std::fprintf(stderr, "Kestrune: port %d serves another home — running this command locally\n",
+               port);
+  g_other_homes.insert(port);
+}
+
+ForwardResult run_here() {
   ForwardResult everything;
   everything.rest_runs_here = true;
   return everything;
 }
 
-ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSource& source) {
-  ForwardResult result = forward_units(port, line, source);
+ForwardResult run_here(std::uint16_t port) {
+  say_running_locally(port);
+  return run_here();
+}
+
+ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSource& source,
+                             const std::string& token) {
+  ForwardResult result = forward_units(port, line, source, token);
   if (!result.rest_runs_here) return result;
-  if (!result.any_sent) {
+  if (result.refused) {
+    say_other_home(port);
+  } else if (!result.any_sent) {
     say_running_locally(port);
   } else {
     std::fprintf(stderr,
@@ -41,8 +60,6 @@ ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSo
   return result;
 }
 
-// Every unit of every caller runs under the session's one lock, through the same
-// front end as a local run, in the caller's own console seat.
 }  // namespace
 
 // Every unit of every caller runs under the session's one lock, through the same
@@ -126,33 +143,41 @@ bool contains(const std::string& line, const char* word) {
 }  // namespace
 
 ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, UnitSource& source) {
-  ForwardResult everything;
-  everything.rest_runs_here = true;
   // Tests and scripts that must never touch a resident set KESTRUNE_LOCAL=1.
-  if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return everything;
+  if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return run_here();
+  if (g_other_homes.count(port)) return run_here();
+  std::string token = own_home_token();
   ProbeResult found = probe(port);
   switch (found.health) {
     case Health::kCompatible:
-      return forward_or_say(port, line, source);
+      // Its home's fingerprint tells before anything is sent whether our units
+      // would land in someone else's home.
+      if (!found.home.empty() &&
+          (token.empty() || found.home != server::token_fingerprint(token))) {
+        say_other_home(port);
+        return run_here();
+      }
+      return forward_or_say(port, line, source, token);
     case Health::kNothing:
       if (!bring_up(port)) return run_here(port);
-      return forward_or_say(port, line, source);
+      // The resident just brought up made the token if there was none.
+      return forward_or_say(port, line, source, own_home_token());
     case Health::kOtherVersion:
       if (!found.version.empty() && compare_versions(found.version, kVersion) < 0) {
         std::fprintf(stderr, "Kestrune: evicting stale resident %s on port %d, starting %s\n",
                      found.version.c_str(), port, kVersion);
         if (!shut_down(port) || !bring_up(port)) return run_here(port);
-        return forward_or_say(port, line, source);
+        return forward_or_say(port, line, source, own_home_token());
       }
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a different Kestrune version");
-      return everything;
+      return run_here();
     case Health::kForeign:
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a non-Kestrune process");
-      return everything;
+      return run_here();
   }
-  return everything;
+  return run_here();
 }
 
 int run_server_verb(Workspace& workspace, std::uint16_t port, const std::string& line) {

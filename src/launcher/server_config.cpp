@@ -18,7 +18,9 @@ std::string trim(const std::string& text) {
 
 }  // namespace
 
-std::optional<std::string> parse_listen_address(std::istream& config) {
+std::optional<std::string> parse_config_value(std::istream& config, std::string_view key_name) {
+  const std::string_view module = key_name.substr(0, key_name.find('.'));
+  const std::string_view leaf = key_name.substr(key_name.find('.') + 1);
   std::string section;
   std::string line;
   std::optional<std::string> found;
@@ -32,10 +34,22 @@ std::optional<std::string> parse_listen_address(std::istream& config) {
     std::size_t eq = line.find('=');
     if (eq == std::string::npos) continue;
     std::string key = trim(line.substr(0, eq));
-    if (key == "server.listen" || (section == "server" && key == "listen"))
-      found = trim(line.substr(eq + 1));
+    if (key == key_name || (section == module && key == leaf)) found = trim(line.substr(eq + 1));
   }
   return found;
+}
+
+std::optional<std::string> parse_listen_address(std::istream& config) {
+  return parse_config_value(config, "server.listen");
+}
+
+std::optional<std::string> configured_value(std::string_view key) {
+  for (const auto& file : {platform::main_config_file(), platform::legacy_config_file()}) {
+    std::ifstream in(file);
+    if (!in) continue;
+    if (auto value = parse_config_value(in, key)) return value;
+  }
+  return std::nullopt;
 }
 
 std::string configured_listen_address() {

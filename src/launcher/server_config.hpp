@@ -10,9 +10,15 @@
 #include <istream>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kx::launcher {
 
+// The value of "module.key" in one configuration text, written either as that key
+// or as "key" inside a [module] section; the last one wins.
+std::optional<std::string> parse_config_value(std::istream& config, std::string_view key);
+// The value from <home>/config/Kestrune.cfg, then <home>/Kestrune.cfg.
+std::optional<std::string> configured_value(std::string_view key);
 // The value of server.listen in one configuration text, if it is there.
 std::optional<std::string> parse_listen_address(std::istream& config);
 

@@ -17,7 +17,8 @@ struct Workspace {
 };
 
 // Registers every family and creates the session. The home directory must be
-// settled (override installed) before this is called.
-std::unique_ptr<Workspace> make_workspace();
+// settled (override installed) before this is called. `live_watch`: the process lives
+// on (resident, interactive or piped session) and watches enrolled trees on threads.
+std::unique_ptr<Workspace> make_workspace(bool live_watch);
 
 }  // namespace kx::launcher

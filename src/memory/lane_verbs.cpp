@@ -1,4 +1,4 @@
-// Whole-context copies and the embedding lane.
+// Whole-context copies, the embedding lane and the sync mode.
 #include "memory/memory_verbs.hpp"
 
 #include <algorithm>
@@ -90,6 +90,28 @@ std::string run_semantic(MemoryState& state, std::string_view args) {
            first_line(context.store.record_at(ranked[i].second).content);
   }
   return out;
+}
+
+std::string run_sync(MemoryState& state, std::string_view args) {
+  const std::string usage =
+      "usage  memory.sync <botid>, <context>, each|group   (memory.help shows the manual)";
+  const auto fields = split_args(args, 3);
+  if (fields.size() < 2 || fields[0].empty() || fields[1].empty()) return error_result(usage);
+  Context& context = state.contexts.open(fields[0], fields[1]);
+  const std::string mode = fields.size() == 3 ? lower(fields[2]) : "";
+  const std::string name = "'" + fields[1] + "'";
+  auto describe = [&](bool each) {
+    return each ? "each add of " + name + " is on the disk before it answers"
+                : "adds of " + name + " reach the page cache at once and the disk within a few ms";
+  };
+  if (mode.empty()) return "OK: " + describe(context.config.sync_each);
+  if (mode != "each" && mode != "group" && mode != "on" && mode != "off")
+    return error_result(usage);
+  context.config.sync_each = mode == "each" || mode == "on";
+  context.store.set_durable(context.config.sync_each);
+  if (std::string error = state.contexts.save_config(context); !error.empty())
+    return error_result("sync mode switched in memory but not saved: " + error);
+  return "OK: " + describe(context.config.sync_each);
 }
 
 }  // namespace kx::memory

@@ -336,6 +336,16 @@ TEST_F(MemoryVerbs, FailedWriteIsReportedAndNothingIsHalfDone) {
   EXPECT_EQ(kx_.run("memory.retrieve cli, notes, b"), "second");
 }
 
+TEST_F(MemoryVerbs, SyncModeIsKeptInTheSettings) {
+  EXPECT_THAT(kx_.run("memory.sync cli, notes"), HasSubstr("within a few ms"));
+  EXPECT_THAT(kx_.run("memory.sync cli, notes, each"), HasSubstr("on the disk before it answers"));
+  std::string cfg;
+  ASSERT_TRUE(read_whole_file(data_of("cli", "notes").parent_path() / "store.cfg", cfg));
+  EXPECT_THAT(cfg, HasSubstr("sync=each"));
+  EXPECT_THAT(kx_.run("memory.add cli, notes, t, , durable"), StartsWith("OK: "));
+  EXPECT_EQ(kx_.run("memory.retrieve cli, notes, t"), "durable");
+}
+
 TEST_F(MemoryVerbs, KeywordsFoldCaseForStoredAndAskedKeywords) {
   kx_.run("memory.add cli, ctxA, t, MyKW, some content");
   EXPECT_THAT(kx_.run("memory.keywords cli, ctxA, MyKW"),

@@ -560,6 +560,11 @@ std::vector<Verb> make_memory_verbs(const std::shared_ptr<MemoryState>& state) {
         "memory.clone cli, notes, notes-backup", with(run_clone));
   extra("embed", {}, "Arm or disarm a context's embedding lane (on/off; no argument shows it).",
         "memory.embed <botid>, <context>, on|off", "memory.embed cli, notes, on", with(run_embed));
+  extra("sync", {},
+        "When an add is on the disk: each (before it answers) or group (a few ms later, the "
+        "default); no argument shows it.",
+        "memory.sync <botid>, <context>, each|group", "memory.sync cli, notes, each",
+        with(run_sync));
   extra("semantic", {}, "Rank a context's embedded memos by similarity to a text.",
         "memory.semantic <botid>, <context>, <text>", "memory.semantic cli, notes, how do I build",
         with(run_semantic));

@@ -30,6 +30,7 @@ std::string run_temporal(MemoryState& state, std::string_view args);
 std::string run_thematic(MemoryState& state, std::string_view args);
 std::string run_clone(MemoryState& state, std::string_view args);
 std::string run_embed(MemoryState& state, std::string_view args);
+std::string run_sync(MemoryState& state, std::string_view args);
 std::string run_semantic(MemoryState& state, std::string_view args);
 
 // The grammar's "?( query )": the query over every context of the session's bot;

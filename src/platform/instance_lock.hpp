@@ -27,6 +27,10 @@ class InstanceLock {
 // could not be created at all).
 std::optional<InstanceLock> try_lock_instance(std::uint16_t port);
 
+// Takes a lock held by opening `path` (created when missing) exclusively; nothing when
+// another process holds it. Released, like the port's, when the holder dies.
+std::optional<InstanceLock> try_lock_file(const std::filesystem::path& path);
+
 // Where the lock of `port` lives (for messages and tests).
 std::filesystem::path instance_lock_path(std::uint16_t port);
 

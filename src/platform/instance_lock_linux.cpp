@@ -37,7 +37,11 @@ std::filesystem::path instance_lock_path(std::uint16_t port) {
 }
 
 std::optional<InstanceLock> try_lock_instance(std::uint16_t port) {
-  std::string path = instance_lock_path(port).string();
+  return try_lock_file(instance_lock_path(port));
+}
+
+std::optional<InstanceLock> try_lock_file(const std::filesystem::path& file) {
+  std::string path = file.string();
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) return std::nullopt;
   int rc;

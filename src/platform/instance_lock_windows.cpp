@@ -38,4 +38,12 @@ std::optional<InstanceLock> try_lock_instance(std::uint16_t port) {
   return InstanceLock(reinterpret_cast<std::intptr_t>(mutex));
 }
 
+// No sharing: a second open fails with a sharing violation while the holder lives.
+std::optional<InstanceLock> try_lock_file(const std::filesystem::path& path) {
+  HANDLE file = ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                              FILE_ATTRIBUTE_TEMPORARY, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return std::nullopt;
+  return InstanceLock(reinterpret_cast<std::intptr_t>(file));
+}
+
 }  // namespace kx::platform

@@ -75,6 +75,11 @@ void handle_connection(std::shared_ptr<ServerState> state, platform::Socket sock
     return;
   }
   if (lower(request.header("upgrade")) == "websocket") {
+    if (auto refusal = websocket_refusal(*state, request)) {
+      send_response(socket, *refusal);
+      lingering_close(socket);
+      return;
+    }
     serve_websocket(*state, socket, request);
     socket.close();
     return;

@@ -23,7 +23,9 @@ std::string format_response(const Response& response) {
   out += response.content_type;
   out += "\r\nContent-Length: ";
   out += std::to_string(response.body.size());
-  out += "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n";
+  out += "\r\nCache-Control: no-store\r\n";
+  out += response.extra_headers;
+  out += "Connection: close\r\n\r\n";
   out += response.body;
   return out;
 }

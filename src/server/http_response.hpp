@@ -23,6 +23,7 @@ struct Response {
   std::string status;
   std::string content_type;
   std::string body;
+  std::string extra_headers = {};  // whole "Name: value\r\n" lines (cookies, redirects)
 };
 
 Response ok_json(std::string body);
@@ -30,7 +31,7 @@ Response text_response(std::string status, std::string body);  // "text/plain"
 Response json_response(std::string status, std::string body);  // "application/json"
 
 // The bytes of an answer: status line, Content-Type, Content-Length,
-// Cache-Control: no-store, Connection: close, blank line, body.
+// Cache-Control: no-store, the extra headers, Connection: close, blank line, body.
 std::string format_response(const Response& response);
 
 bool send_response(const platform::Socket& socket, const Response& response);

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "server/access.hpp"
 #include "server/routes.hpp"
 #include "server/server_state.hpp"
 
@@ -119,6 +120,7 @@ const Route kRoutes[] = {
     {"/v1/chat/completions", false, "POST",
      R"({"error":{"message":"oai-gateway is loopback-only","type":"forbidden"}})", J, nullptr},
     {"/health", false, nullptr, nullptr, nullptr, handle_health},
+    {"/auth", false, "GET", nullptr, nullptr, handle_auth},
     {"/shutdown", false, "POST", kLoopbackOnly, J, handle_shutdown},
     {"/dialog/bind", false, "POST", R"({"ok":false,"error":"dialog bind is loopback-only"})", J,
      handle_dialog_bind},
@@ -151,7 +153,24 @@ bool host_is_loopback(std::string_view host) {
   return dots == 3;
 }
 
+std::uint16_t own_port(const ServerState& state) {
+  return state.bound_port ? state.bound_port.load() : state.options.port;
+}
+
+const char* const kForeignOrigin =
+    R"({"ok":false,"error":"this resident answers its own pages only: foreign Origin refused"})";
+
 }  // namespace
+
+bool is_public_path(std::string_view path) {
+  return path == "/health" || path == "/" || path == "/index.html" || path == "/ui" ||
+         path.starts_with("/ui/");
+}
+
+bool admits_websocket(const ServerState& state, const Request& request) {
+  return presents_token(request, state.options.token, true) &&
+         origin_is_own(request, own_port(state), state.options.listen_address);
+}
 
 bool passes_loopback_rule(const Request& request, std::uint16_t port) {
   if (!request.loopback) return false;
@@ -159,26 +178,22 @@ bool passes_loopback_rule(const Request& request, std::uint16_t port) {
   for (char& c : host)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   if (!host_is_loopback(host)) return false;
-  auto origin = request.headers.find("origin");
-  if (origin != request.headers.end()) {
-    const std::string port_text = std::to_string(port);
-    std::string_view value = origin->second;
-    auto is_own = [&](std::string_view host) {
-      return value.size() == host.size() + 1 + port_text.size() && value.starts_with(host) &&
-             value[host.size()] == ':' && value.ends_with(port_text);
-    };
-    if (!is_own("http://127.0.0.1") && !is_own("http://localhost")) return false;
-  }
-  return true;
+  // A loopback peer: the listen address cannot be the page's origin here.
+  return origin_is_own(request, port, "");
 }
 
 Response route_request(ServerState& state, const Request& request, RouteEffects& effects) {
+  // The one admission check: the home's token first, then the loopback rule or,
+  // on routes open to the network, the page's origin.
+  const bool open = is_public_path(request.path);
+  if (!open && !presents_token(request, state.options.token, false)) return unauthorized();
   for (const Route& route : kRoutes) {
     if (!matches(route, request)) continue;
-    if (route.refusal != nullptr &&
-        !passes_loopback_rule(request,
-                              state.bound_port ? state.bound_port.load() : state.options.port))
+    if (route.refusal != nullptr && !passes_loopback_rule(request, own_port(state)))
       return {"403 Forbidden", route.refusal_type, route.refusal};
+    if (route.refusal == nullptr && !open &&
+        !origin_is_own(request, own_port(state), state.options.listen_address))
+      return json_response("403 Forbidden", kForeignOrigin);
     if (route.handler == nullptr) break;
     return route.handler(state, request, effects);
   }

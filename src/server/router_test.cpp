@@ -14,11 +14,13 @@ Request request(const std::string& method, const std::string& path, bool loopbac
   r.path = path;
   r.loopback = loopback;
   r.headers["host"] = "127.0.0.1:9999";
+  r.headers["x-kst-token"] = std::string(64, 'f');
   return r;
 }
 
 Response answer(const Request& r) {
   ServerOptions options;
+  options.token = std::string(64, 'f');
   options.exec = [](const ExecRequest&) { return std::string("OK"); };
   ServerState state(std::move(options));
   RouteEffects effects;
@@ -97,6 +99,12 @@ TEST(LoopbackRule, ForeignOriginsAndRebindingHostsAreRefusedOnPrivateRoutesOnly)
   health.headers["origin"] = "http://evil.example";
   health.headers["host"] = "evil.example";
   EXPECT_EQ(answer(health).status, "200 OK");
+
+  // Routes open to the network still refuse another site's page.
+  Request roster = request("GET", "/roster", false);
+  EXPECT_EQ(answer(roster).status, "200 OK");
+  roster.headers["origin"] = "http://127.0.0.1:9998";
+  EXPECT_EQ(answer(roster).status, "403 Forbidden");
 }
 
 TEST(Router, PathsMatchExactlyUnlessThePrefixRuleSaysOtherwise) {

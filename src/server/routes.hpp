@@ -10,6 +10,7 @@ namespace kx::server {
 
 // Core: health, shutdown, the interpreter routes, debug events, MCP's GET text.
 Response handle_health(ServerState&, const Request&, RouteEffects&);
+Response handle_auth(ServerState&, const Request&, RouteEffects&);  // 200 once admitted
 Response handle_shutdown(ServerState&, const Request&, RouteEffects&);
 Response handle_console_exec(ServerState&, const Request&, RouteEffects&);
 Response handle_interp(ServerState&, const Request&, RouteEffects&);

@@ -1,5 +1,6 @@
 #include <chrono>
 
+#include "server/home_token.hpp"
 #include "server/json_escape.hpp"
 #include "server/routes.hpp"
 #include "server/server_state.hpp"
@@ -8,9 +9,13 @@
 namespace kx::server {
 namespace {
 
-std::string health_body(bool shutting_down) {
+// "home" lets a client see that the resident serves another home before it sends
+// anything; it is a hash of the token, never the path.
+std::string health_body(const ServerState& state, bool shutting_down) {
   std::string body =
       std::string("{\"ok\":true,\"app\":\"Kestrune\",\"version\":\"") + kVersion + "\"";
+  if (!state.options.token.empty())
+    body += ",\"home\":\"" + token_fingerprint(state.options.token) + "\"";
   if (shutting_down) body += ",\"shutting_down\":true";
   return body + "}";
 }
@@ -53,8 +58,13 @@ std::filesystem::path user_data(const ServerState& state) {
   return state.options.chat.chatlogs.parent_path();
 }
 
-Response handle_health(ServerState&, const Request&, RouteEffects&) {
-  return ok_json(health_body(false));
+Response handle_health(ServerState& state, const Request&, RouteEffects&) {
+  return ok_json(health_body(state, false));
+}
+
+// The router has checked the token by now: a page asks here whether it is in.
+Response handle_auth(ServerState&, const Request&, RouteEffects&) {
+  return ok_json(R"({"ok":true})");
 }
 
 Response handle_shutdown(ServerState& state, const Request& request, RouteEffects& effects) {
@@ -65,7 +75,7 @@ Response handle_shutdown(ServerState& state, const Request& request, RouteEffect
   effects.after_response = [on_shutdown] {
     if (on_shutdown) on_shutdown();
   };
-  return ok_json(health_body(true));
+  return ok_json(health_body(state, true));
 }
 
 Response handle_console_exec(ServerState& state, const Request& request, RouteEffects&) {

@@ -60,6 +60,9 @@ struct ServerOptions {
   // "127.0.0.1" keeps the port private to this machine; "0.0.0.0" opens it, and
   // then the loopback rule guards every private route.
   std::string listen_address = "127.0.0.1";
+  // The home's token (home_token.hpp); every private route and WebSocket needs it.
+  // Empty: nobody gets past the public routes.
+  std::string token;
   ExecBridge exec;                           // empty: the interpreter routes answer 503
   std::map<std::string, ViewHandler> views;  // missing: the route answers 503
   std::function<void()> on_shutdown;         // called after "/shutdown" has been answered

@@ -4,11 +4,14 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "platform/socket.hpp"
 #include "protocols/mcp_server.hpp"
 #include "server/chat_hub.hpp"
 #include "server/debug_events.hpp"
+#include "server/http_request.hpp"
+#include "server/http_response.hpp"
 #include "server/server.hpp"
 
 namespace kx::server {
@@ -36,7 +39,11 @@ inline constexpr int kMaxConnections = 1024;
 // Serves one accepted connection to its end; runs on its own thread.
 void handle_connection(std::shared_ptr<ServerState> state, platform::Socket socket, bool loopback);
 
-// Runs the WebSocket frame loop after a successful upgrade request.
-void serve_websocket(ServerState& state, platform::Socket& socket, const struct Request& request);
+// The answer that ends an upgrade request before the handshake (no token, foreign
+// Origin, no endpoint for the path); nothing when it may proceed.
+std::optional<Response> websocket_refusal(const ServerState& state, const Request& request);
+
+// Runs the handshake and the frame loop of an upgrade that has no refusal.
+void serve_websocket(ServerState& state, platform::Socket& socket, const Request& request);
 
 }  // namespace kx::server

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "server/home_token.hpp"
 #include "server/http_request.hpp"
 #include "server/test_client.hpp"
 
@@ -20,8 +21,8 @@ using testing::status_of;
 
 std::string post(const std::string& target, const std::string& body,
                  const std::string& extra_headers = "") {
-  return "POST " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + extra_headers +
-         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  return "POST " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + testing::kTokenHeader +
+         extra_headers + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
 struct Recorded {
@@ -43,17 +44,64 @@ ServerOptions with_bridge(std::shared_ptr<Recorded> recorded) {
 
 TEST(Server, HealthAnswersWithTheExactBytes) {
   RunningServer server{ServerOptions{}};
+  std::string body = R"({"ok":true,"app":"Kestrune","version":"1.0.11","home":")" +
+                     token_fingerprint(testing::kTestToken) + "\"}";
   EXPECT_EQ(raw_exchange(server.port(), "GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"),
-            "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 47\r\n"
-            "Cache-Control: no-store\r\nConnection: close\r\n\r\n"
-            "{\"ok\":true,\"app\":\"Kestrune\",\"version\":\"1.0.11\"}");
+            "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 69\r\n"
+            "Cache-Control: no-store\r\nConnection: close\r\n\r\n" +
+                body);
+}
+
+// Every way of carrying the token opens a private route; a missing, wrong or
+// truncated one gets 401, and the public routes need none.
+TEST(Server, PrivateRoutesNeedTheHomesToken) {
+  RunningServer server{ServerOptions{}};
+  const std::string& token = testing::kTestToken;
+  auto status = [&](const std::string& path, const std::string& headers) {
+    return status_of(raw_exchange(
+        server.port(), "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + headers + "\r\n"));
+  };
+  for (const std::string& bad :
+       {std::string(), "X-Kst-Token: " + std::string(64, 'd') + "\r\n",
+        "X-Kst-Token: " + token.substr(0, 63) + "\r\n", "Authorization: Basic " + token + "\r\n",
+        "Cookie: other=" + token + "\r\n"}) {
+    EXPECT_EQ(status("/channels", bad), "HTTP/1.1 401 Unauthorized") << bad;
+    EXPECT_EQ(status("/nope", bad), "HTTP/1.1 401 Unauthorized") << bad;
+  }
+  // A token in the query opens nothing but the browser's login.
+  EXPECT_EQ(status("/channels?token=" + token, ""), "HTTP/1.1 401 Unauthorized");
+  std::string refused = raw_exchange(server.port(), "GET /auth HTTP/1.1\r\n\r\n");
+  EXPECT_NE(refused.find("WWW-Authenticate: Bearer"), std::string::npos);
+  EXPECT_NE(body_of(refused).find("kx gui"), std::string::npos);
+  for (const std::string& good :
+       {"X-Kst-Token: " + token + "\r\n", "Authorization: bearer  " + token + "\r\n",
+        "Cookie: a=1; kst_token=" + token + "; b=2\r\n"})
+    EXPECT_EQ(status("/auth", good), "HTTP/1.1 200 OK") << good;
+  for (const char* open : {"/health", "/", "/ui/"})
+    EXPECT_NE(status(open, ""), "HTTP/1.1 401 Unauthorized") << open;
+}
+
+// The login link is traded for a cookie and always leaves the address bar.
+TEST(Server, UiLoginSetsTheCookieOnlyForTheRightToken) {
+  RunningServer server{ServerOptions{}};
+  std::string good =
+      raw_exchange(server.port(), "GET /ui/?token=" + testing::kTestToken + " HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(status_of(good), "HTTP/1.1 303 See Other");
+  EXPECT_NE(good.find("\r\nLocation: /ui/\r\n"), std::string::npos);
+  EXPECT_NE(good.find("\r\nSet-Cookie: kst_token=" + testing::kTestToken +
+                      "; HttpOnly; SameSite=Strict; Path=/\r\n"),
+            std::string::npos);
+  std::string bad =
+      raw_exchange(server.port(), "GET /ui/?token=" + std::string(64, 'e') + " HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(status_of(bad), "HTTP/1.1 303 See Other");
+  EXPECT_EQ(bad.find("Set-Cookie"), std::string::npos);
 }
 
 TEST(Server, UnknownPathsAndSubsystemsNotInThisBuildAnswerNotFound) {
   RunningServer server{ServerOptions{}};
   for (const char* path : {"/nope", "/HEALTH", "/term/list", "/task/list"}) {
-    std::string reply =
-        raw_exchange(server.port(), std::string("GET ") + path + " HTTP/1.1\r\n\r\n");
+    std::string reply = raw_exchange(
+        server.port(), testing::with_token(std::string("GET ") + path + " HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(status_of(reply), "HTTP/1.1 404 Not Found") << path;
     EXPECT_EQ(body_of(reply), "not found") << path;
   }
@@ -86,8 +134,8 @@ TEST(Server, ConsoleExecChecksBotAndCommandBeforeSizeAndSizeBeforeTheBridge) {
   std::string no_bot = raw_exchange(wired.port(), post("/console/exec", std::string(limit + "x")));
   EXPECT_EQ(status_of(no_bot), "HTTP/1.1 400 Bad Request");
   EXPECT_EQ(body_of(no_bot), R"({"ok":false,"error":"bot and command required"})");
-  std::string no_length =
-      raw_exchange(wired.port(), "POST /console/exec?bot=cli HTTP/1.1\r\n\r\nignored");
+  std::string no_length = raw_exchange(
+      wired.port(), testing::with_token("POST /console/exec?bot=cli HTTP/1.1\r\n\r\nignored"));
   EXPECT_EQ(status_of(no_length), "HTTP/1.1 400 Bad Request");
 
   std::string too_big = raw_exchange(wired.port(), post("/console/exec?bot=cli", limit + "x"));
@@ -131,18 +179,20 @@ TEST(Server, ShutdownNeedsPostAndTheControlHeaderThenStopsAfterAnswering) {
   ServerOptions options;
   options.on_shutdown = [&stops] { ++stops; };
   RunningServer server{std::move(options)};
-  EXPECT_EQ(status_of(raw_exchange(server.port(), "GET /shutdown HTTP/1.1\r\n\r\n")),
-            "HTTP/1.1 404 Not Found");
+  EXPECT_EQ(
+      status_of(raw_exchange(server.port(), testing::with_token("GET /shutdown HTTP/1.1\r\n\r\n"))),
+      "HTTP/1.1 404 Not Found");
   std::string refused = raw_exchange(server.port(), post("/shutdown", ""));
   EXPECT_EQ(status_of(refused), "HTTP/1.1 403 Forbidden");
   EXPECT_EQ(body_of(refused), R"({"ok":false,"error":"missing X-Kst-Control: shutdown"})");
   EXPECT_EQ(stops.load(), 0);
-  std::string accepted =
-      raw_exchange(server.port(),
-                   "POST /shutdown HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Control: shutdown\r\n"
-                   "Content-Length: 0\r\nConnection: close\r\n\r\n");
-  EXPECT_EQ(body_of(accepted),
-            R"({"ok":true,"app":"Kestrune","version":"1.0.11","shutting_down":true})");
+  std::string accepted = raw_exchange(
+      server.port(), testing::with_token(
+                         "POST /shutdown HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Control: shutdown\r\n"
+                         "Content-Length: 0\r\nConnection: close\r\n\r\n"));
+  EXPECT_EQ(body_of(accepted), R"({"ok":true,"app":"Kestrune","version":"1.0.11","home":")" +
+                                   token_fingerprint(testing::kTestToken) +
+                                   R"(","shutting_down":true})");
   for (int i = 0; i < 100 && stops.load() == 0; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(stops.load(), 1);

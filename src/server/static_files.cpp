@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "server/access.hpp"
 #include "server/json_escape.hpp"
 #include "server/routes.hpp"
 #include "server/server_state.hpp"
@@ -86,6 +87,7 @@ Response handle_index(ServerState& state, const Request&, RouteEffects&) {
 }
 
 Response handle_ui(ServerState& state, const Request& request, RouteEffects&) {
+  if (has_form_param(request.query, "token")) return ui_login(request, state.options.token);
   std::string name = request.path == "/ui" || request.path == "/ui/" ? std::string("shell.html")
                                                                      : request.path.substr(4);
   if (!safe_relative(name)) return text_response("404 Not Found", "no such ui file");

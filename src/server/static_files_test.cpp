@@ -43,7 +43,9 @@ class AssetsTest : public ::testing::Test {
     std::ofstream(file, std::ios::binary) << text;
   }
   std::string get(const std::string& target) {
-    return raw_exchange(server->port(), "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    return raw_exchange(
+        server->port(),
+        testing::with_token("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
   }
 
   testing::TempDir dir;

@@ -13,6 +13,17 @@
 
 namespace kx::server::testing {
 
+// The token RunningServer serves with unless the test gives its own.
+inline const std::string kTestToken(64, 'c');
+inline const std::string kTokenHeader = "X-Kst-Token: " + kTestToken + "\r\n";
+
+// `request` with the test token's header after its request line.
+inline std::string with_token(const std::string& request) {
+  std::size_t line_end = request.find("\r\n");
+  if (line_end == std::string::npos) return request;
+  return request.substr(0, line_end + 2) + kTokenHeader + request.substr(line_end + 2);
+}
+
 inline std::string raw_exchange(std::uint16_t port, const std::string& request,
                                 int timeout_millis = 5000) {
   auto socket = platform::connect_loopback(port, timeout_millis);
@@ -43,6 +54,7 @@ class RunningServer {
  public:
   explicit RunningServer(ServerOptions options) {
     options.port = 0;
+    if (options.token.empty()) options.token = kTestToken;
     server_ = std::make_unique<Server>(std::move(options));
     thread_ = std::thread([this] { server_->serve(); });
     for (int i = 0; i < 500 && server_->phase() != Server::Phase::kListening; ++i)

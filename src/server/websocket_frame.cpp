@@ -63,15 +63,17 @@ FrameAction MessageAssembler::feed(Frame frame) {
       return {FrameAction::kPong, std::move(frame.payload)};
     case kTextFrame:
     case kBinaryFrame:
-      if (frame.fin) return {FrameAction::kMessage, std::move(frame.payload)};
+      if (frame.fin)
+        return {FrameAction::kMessage, std::move(frame.payload), frame.opcode == kBinaryFrame};
       fragments_ = std::move(frame.payload);
+      fragments_binary_ = frame.opcode == kBinaryFrame;
       return {};
     case kContinuation:
       if (fragments_.size() + frame.payload.size() > kMaxMessageBytes)
         return {FrameAction::kTooLarge, {}};
       fragments_ += frame.payload;
       if (!frame.fin) return {};
-      return {FrameAction::kMessage, std::exchange(fragments_, std::string())};
+      return {FrameAction::kMessage, std::exchange(fragments_, std::string()), fragments_binary_};
     default:
       return {};  // pong and reserved opcodes carry nothing for us
   }

@@ -38,7 +38,8 @@ std::string encode_frame(int opcode, std::string_view payload);
 // Turns frames into whole messages: what the connection should do next.
 struct FrameAction {
   enum Kind { kNone, kMessage, kPong, kClose, kTooLarge } kind = kNone;
-  std::string data;  // the message, or the ping payload to echo
+  std::string data;     // the message, or the ping payload to echo
+  bool binary = false;  // a message that came as binary frames
 };
 
 class MessageAssembler {
@@ -47,6 +48,7 @@ class MessageAssembler {
 
  private:
   std::string fragments_;
+  bool fragments_binary_ = false;
 };
 
 }  // namespace kx::server

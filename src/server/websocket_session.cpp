@@ -1,41 +1,59 @@
-// The WebSocket branch of a connection: handshake, then the frame loop feeding
-// whole messages to the chat hub. Sends from other threads (chat deliveries) and
-// from this one (pongs, close) share one lock so that frames never interleave.
+// The WebSocket branch of a connection: admission, the endpoint chosen by path,
+// handshake, then the frame loop feeding whole messages to the endpoint. Sends
+// from other threads (chat deliveries) and from this one (pongs, close) share one
+// lock so that frames never interleave.
 #include <memory>
 #include <mutex>
 
 #include "server/http_request.hpp"
+#include "server/router.hpp"
 #include "server/server_state.hpp"
 #include "server/sha1.hpp"
+#include "server/websocket_endpoint.hpp"
 #include "server/websocket_frame.hpp"
 
 namespace kx::server {
 namespace {
 
-struct Outlet {
-  std::mutex lock;
-  const platform::Socket* socket = nullptr;  // null once the connection has ended
+class SocketOutlet final : public WebSocketOutlet {
+ public:
+  explicit SocketOutlet(const platform::Socket& socket) : socket_(&socket) {}
+
+  bool send_text(std::string_view message) override { return send(kTextFrame, message); }
+  bool send_binary(std::string_view message) override { return send(kBinaryFrame, message); }
+  void close(std::uint16_t code) override {
+    std::string payload{static_cast<char>(code >> 8), static_cast<char>(code & 0xff)};
+    std::lock_guard guard(lock_);
+    if (socket_ == nullptr) return;
+    platform::send_all(*socket_, encode_frame(kClose, payload));
+    platform::shutdown_both(*socket_);  // ends the frame loop
+    socket_ = nullptr;
+  }
 
   bool send(int opcode, std::string_view payload) {
-    std::lock_guard guard(lock);
-    if (socket == nullptr) return false;
-    if (platform::send_all(*socket, encode_frame(opcode, payload))) return true;
+    std::lock_guard guard(lock_);
+    if (socket_ == nullptr) return false;
+    if (platform::send_all(*socket_, encode_frame(opcode, payload))) return true;
     // A peer that stopped reading (send time-out) or vanished is cut off at once,
     // which also ends its frame loop, instead of stalling every later delivery.
-    platform::shutdown_both(*socket);
-    socket = nullptr;
+    platform::shutdown_both(*socket_);
+    socket_ = nullptr;
     return false;
   }
   void detach() {
-    std::lock_guard guard(lock);
-    socket = nullptr;
+    std::lock_guard guard(lock_);
+    socket_ = nullptr;
   }
+
+ private:
+  std::mutex lock_;
+  const platform::Socket* socket_;  // null once the connection has ended
 };
 
 enum class LoopEnd { kPeerClosed, kGone };
 
-LoopEnd frame_loop(ServerState& state, const platform::Socket& socket, Outlet& outlet, int client,
-                   std::string buffer) {
+LoopEnd frame_loop(const platform::Socket& socket, SocketOutlet& outlet,
+                   const WebSocketSession& session, std::string buffer) {
   MessageAssembler assembler;
   for (;;) {
     Frame frame;
@@ -60,7 +78,7 @@ LoopEnd frame_loop(ServerState& state, const platform::Socket& socket, Outlet& o
         outlet.send(kPong, action.data);
         break;
       case FrameAction::kMessage:
-        state.chat.handle(client, action.data);
+        if (session.on_message) session.on_message(std::move(action.data), action.binary);
         break;
       case FrameAction::kNone:
         break;
@@ -70,7 +88,19 @@ LoopEnd frame_loop(ServerState& state, const platform::Socket& socket, Outlet& o
 
 }  // namespace
 
+std::optional<Response> websocket_refusal(const ServerState& state, const Request& request) {
+  if (!admits_websocket(state, request))
+    return json_response(
+        "403 Forbidden",
+        R"({"ok":false,"error":"a WebSocket needs this resident's token and its own origin: open the UI with `kx gui`"})");
+  if (find_websocket_endpoint(request.path) == nullptr)
+    return json_response("404 Not Found", R"({"ok":false,"error":"no such WebSocket endpoint"})");
+  return std::nullopt;
+}
+
 void serve_websocket(ServerState& state, platform::Socket& socket, const Request& request) {
+  WebSocketOpen open = find_websocket_endpoint(request.path);
+  if (open == nullptr) return;
   const std::string& key = request.header("sec-websocket-key");
   if (key.empty()) return;
   std::string answer =
@@ -80,17 +110,12 @@ void serve_websocket(ServerState& state, platform::Socket& socket, const Request
   if (!platform::send_all(socket, answer)) return;
   platform::set_no_delay(socket);
 
-  auto outlet = std::make_shared<Outlet>();
-  outlet->socket = &socket;
-  int client = state.chat.connect(
-      [outlet](const std::string& message) { outlet->send(kTextFrame, message); });
-  state.debug.log("{\"event\":\"ws-open\",\"client\":" + std::to_string(client) + "}");
-
-  LoopEnd end = frame_loop(state, socket, *outlet, client, request.body);
+  auto outlet = std::make_shared<SocketOutlet>(socket);
+  WebSocketSession session = open(state, request, outlet);
+  LoopEnd end = frame_loop(socket, *outlet, session, request.body);
   if (end == LoopEnd::kPeerClosed) outlet->send(kClose, std::string("\x03\xE8", 2));
   outlet->detach();
-  state.chat.disconnect(client);
-  state.debug.log("{\"event\":\"ws-close\",\"client\":" + std::to_string(client) + "}");
+  if (session.on_close) session.on_close();
 }
 
 }  // namespace kx::server

@@ -28,14 +28,17 @@ class WebSocketTest : public ::testing::Test {
     server = std::make_unique<testing::RunningServer>(std::move(options));
   }
   // Opens and upgrades a connection; returns the handshake answer in `answer`.
-  std::optional<platform::Socket> open(std::string& answer, const std::string& first_frames = "") {
+  std::optional<platform::Socket> open(std::string& answer, const std::string& first_frames = "",
+                                       const std::string& target = "/",
+                                       const std::string& headers = testing::kTokenHeader) {
     auto socket = platform::connect_loopback(server->port(), 2000);
     if (!socket) return std::nullopt;
     platform::set_receive_timeout(*socket, 3000);
     platform::send_all(*socket,
-                       "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: WebSocket\r\n"
-                       "Connection: Upgrade\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
-                       "Sec-WebSocket-Version: 13\r\n\r\n" +
+                       "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + headers +
+                           "Upgrade: WebSocket\r\n"
+                           "Connection: Upgrade\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
+                           "Sec-WebSocket-Version: 13\r\n\r\n" +
                            first_frames);
     answer = read_until(*socket, "\r\n\r\n");
     return socket;
@@ -102,8 +105,37 @@ TEST_F(WebSocketTest, OversizedFramesAndMissingKeysEndTheConnectionWithoutAClose
   auto keyless = platform::connect_loopback(server->port(), 2000);
   ASSERT_TRUE(keyless);
   platform::set_receive_timeout(*keyless, 3000);
-  platform::send_all(*keyless, "GET / HTTP/1.1\r\nUpgrade: websocket\r\n\r\n");
+  platform::send_all(*keyless, testing::with_token("GET / HTTP/1.1\r\nUpgrade: websocket\r\n\r\n"));
   EXPECT_EQ(read_all(*keyless), "");
+}
+
+// No handshake without the token, nor for another site's page; a client that
+// cannot set headers may put the token in the query.
+TEST_F(WebSocketTest, UpgradeNeedsTheTokenAndTheResidentsOwnOrigin) {
+  const std::string port = std::to_string(server->port());
+  const std::string own = "Origin: http://127.0.0.1:" + port + "\r\n";
+  struct Case {
+    std::string target, headers;
+    bool admitted;
+  };
+  const Case cases[] = {
+      {"/", "", false},
+      {"/", "X-Kst-Token: " + std::string(64, '0') + "\r\n", false},
+      {"/", testing::kTokenHeader + "Origin: http://evil.example\r\n", false},
+      {"/", testing::kTokenHeader + "Origin: http://127.0.0.1:1\r\n", false},
+      {"/", "Cookie: kst_token=" + testing::kTestToken + "\r\n" + own, true},
+      {"/?token=" + testing::kTestToken, "Origin: http://localhost:" + port + "\r\n", true},
+      {"/", testing::kTokenHeader, true},
+  };
+  for (const Case& c : cases) {
+    std::string answer;
+    auto socket = open(answer, "", c.target, c.headers);
+    ASSERT_TRUE(socket);
+    EXPECT_EQ(answer.starts_with("HTTP/1.1 101"), c.admitted) << c.target << " " << c.headers;
+    if (!c.admitted) {
+      EXPECT_TRUE(answer.starts_with("HTTP/1.1 403 Forbidden")) << answer;
+    }
+  }
 }
 
 }  // namespace kx::server

@@ -11,6 +11,7 @@
 // skip such a line.
 #include "vfs/edit_log.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <optional>
@@ -113,21 +114,34 @@ bool append_edit(const std::filesystem::path& log_file, const EditRecord& record
   return kx::platform::append_file_durable(log_file, edit_record_json(record) + "\n", reason);
 }
 
-std::vector<EditRecord> read_edits(const std::filesystem::path& log_file) {
+std::vector<EditRecord> read_edits_after(const std::filesystem::path& log_file,
+                                         std::uint64_t& offset) {
   std::vector<EditRecord> records;
   std::ifstream in(log_file, std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  std::string all = buffer.str();
+  if (!in) return records;
+  in.seekg(0, std::ios::end);
+  auto size = static_cast<std::uint64_t>(std::max<std::streamoff>(in.tellg(), 0));
+  if (size < offset) offset = 0;  // the log was replaced: read it again from the start
+  if (size == offset) return records;
+  std::string all(size - offset, '\0');
+  in.seekg(static_cast<std::streamoff>(offset));
+  in.read(all.data(), static_cast<std::streamsize>(all.size()));
+  all.resize(static_cast<std::size_t>(std::max<std::streamsize>(in.gcount(), 0)));
   std::size_t start = 0;
   while (start < all.size()) {
     std::size_t end = all.find('\n', start);
-    if (end == std::string::npos) break;  // torn last line
+    if (end == std::string::npos) break;  // torn or still being written
     if (auto r = parse_record(std::string_view(all).substr(start, end - start)))
       records.push_back(std::move(*r));
     start = end + 1;
   }
+  offset += start;
   return records;
+}
+
+std::vector<EditRecord> read_edits(const std::filesystem::path& log_file) {
+  std::uint64_t offset = 0;
+  return read_edits_after(log_file, offset);
 }
 
 }  // namespace kst

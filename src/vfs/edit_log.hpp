@@ -26,6 +26,11 @@ std::string edit_record_json(const EditRecord& record);
 bool append_edit(const std::filesystem::path& log_file, const EditRecord& record,
                  std::string& reason);
 
+// The complete records past byte `offset`, oldest first; `offset` moves past the last
+// complete line, so a line still being written is read on the next call.
+std::vector<EditRecord> read_edits_after(const std::filesystem::path& log_file,
+                                         std::uint64_t& offset);
+
 // Every complete record, oldest first. A torn last line is skipped.
 std::vector<EditRecord> read_edits(const std::filesystem::path& log_file);
 

@@ -1,4 +1,5 @@
 #include "vfs/enroll.hpp"
+#include "vfs/outside_change.hpp"
 
 #include <fstream>
 #include <sstream>
@@ -162,12 +163,12 @@ std::unique_ptr<Store> ingest(StoreSet& stores, const fs::path& dir, const Polic
     return nullptr;
   }
   progress << " -> cached (" << store->files().size() << " file(s))\n";
+  (void)take_baselines(*store, progress);
   return store;
 }
 
 std::string watch_text(const Policy& policy) {
-  return policy.watch ? "NOT watching (the change watcher is not running yet)"
-                      : "NOT watching (watch=off)";
+  return policy.watch ? "watching for changes" : "NOT watching (watch=off)";
 }
 
 std::string mode_name(StoreMode mode) {

@@ -8,6 +8,8 @@
 #include "platform/process_info.hpp"
 #include "vfs/commands.hpp"
 #include "vfs/enroll.hpp"
+#include "vfs/outside_change.hpp"
+#include "vfs/store_watchers.hpp"
 
 namespace kx::vfs {
 
@@ -27,6 +29,8 @@ lang::VerbHandler handler_of(const std::shared_ptr<kst::StoreSet>& stores, Handl
   return [stores, handler](lang::Session& session, std::string_view args) -> std::string {
     try {
       CommandContext ctx{*stores, session.bot_id, session_cwd(session), stores->report()};
+      // Versions written by other processes are in the edit log: read them first.
+      kst::follow_edit_logs(*stores);
       return handler(ctx, args);
     } catch (const std::exception& e) {
       return std::string("ERROR: ") + e.what();
@@ -62,8 +66,12 @@ lang::Family family(std::string name, std::string title, std::string unknown_tex
 
 }  // namespace
 
-std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry) {
+std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, bool live_watch) {
   auto stores = std::make_shared<kst::StoreSet>(platform::home_dir());
+  // The set owns the watchers through this callback, so their threads end before the
+  // stores do.
+  auto watchers = std::make_shared<kst::StoreWatchers>(stores->home(), live_watch, std::cerr);
+  stores->on_add([watchers](kst::Store& store) { watchers->add(store); });
 
   auto fs_family = family("fs", "Versioned files",
                           "(cat|rm|move|copy|restore). Use fsmk: to create, fsvctl: for "
@@ -195,8 +203,7 @@ void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
     report << " -> cached (" << count << " file(s))\n";
     stores.set_active(&stores.adopt(std::move(store)));
     report << "[versioncontroldirs] " << entry.path << " -> enrolled (" << count << " file(s)), "
-           << (policy->watch ? "not watched (the change watcher is not running yet)" : "watch=off")
-           << "\n";
+           << (policy->watch ? "watching for changes" : "watch=off") << "\n";
   }
   if (!entries.empty()) report << "[vc] version control ready.\n";
   for (const auto& entry : kst::read_config_entries(stores.watched_files_file())) {

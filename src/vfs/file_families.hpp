@@ -10,8 +10,10 @@
 namespace kx::vfs {
 
 // Registers the families; the returned set is shared with their handlers (and with
-// other families that work on the same stores, such as locks and history).
-std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry);
+// other families that work on the same stores, such as locks and history). With
+// `live_watch` the stores' trees are watched on threads for the life of the process;
+// otherwise outside changes are caught up once as each store is loaded.
+std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, bool live_watch);
 
 // Enrolls again every directory listed in versioncontroldirs.cfg, and reads
 // watchedfiles.cfg. Report lines ("[versioncontroldirs] <dir> -> <outcome>", the

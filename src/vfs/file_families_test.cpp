@@ -25,7 +25,7 @@ class FileFamilies : public kst::testing::TempHome {
   // A fresh process: new registry, new store set, re-enrollment from the config.
   void start() {
     registry = std::make_unique<lang::Registry>();
-    stores = register_file_families(*registry);
+    stores = register_file_families(*registry, false);
     stores->set_report(report);
     reenroll_from_config(*stores, report);
     session = std::make_unique<lang::Session>(*registry);

@@ -15,18 +15,13 @@
 #include "vfs/commands.hpp"
 #include "vfs/path_resolve.hpp"
 #include "vfs/save_path.hpp"
+#include "vfs/tombstone.hpp"
 
 namespace kst {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::int64_t now_seconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 // The lock check of a write that is not a save (tombstone, move, restore). REQUIRES:
 // the store's mutex and a Store::ProcessLock, held until the write is done.
@@ -73,17 +68,6 @@ std::optional<PathArgs> path_args(std::string_view text) {
   else if (positional.size() > 1)
     p.second = positional[1];
   return p;
-}
-
-// Writes `text` to `path` through "<path>.tmp$" and a rename.
-bool write_atomic(const fs::path& path, const std::string& text) {
-  std::error_code ec;
-  fs::create_directories(path.parent_path(), ec);
-  fs::path temp = with_suffix(path, kTempSuffix);
-  std::string reason;
-  if (!kx::platform::write_file_durable(temp, text, reason)) return false;
-  fs::rename(temp, path, ec);
-  return !ec;
 }
 
 std::string with_notice(std::string text, const Store& store, const std::string& path,
@@ -183,16 +167,7 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
   }
   File& file = *l.file;
   fs::path mirror = store->mirror_path(l.path);
-  if (!mirror.empty()) {
-    // The mirror copy is the content a restore brings back; write it when the file
-    // was never saved through the store.
-    if (!fs::exists(mirror, ec) && !write_atomic(mirror, file.text()))
-      return "ERROR: could not keep the last version before tombstoning " + l.path;
-    std::string marker = "tombstoned v" + std::to_string(file.current) + " by " + ctx.seat +
-                         " at " + std::to_string(now_seconds()) + "\n";
-    if (!write_atomic(with_suffix(mirror, kTombstoneSuffix), marker))
-      return "ERROR: could not write the tombstone of " + l.path;
-  }
+  if (auto failure = write_tombstone(*store, l.path, file, ctx.seat)) return "ERROR: " + *failure;
   fs::remove(store->disk_path(l.path), ec);
   if (ec) {
     if (!mirror.empty()) fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
@@ -217,12 +192,12 @@ std::string fs_restore(CommandContext& ctx, std::string_view args) {
   if (file.versions.empty()) return "ERROR: no content version to restore";
   const Store::ProcessLock across_processes(*store);
   if (auto refusal = refuse_write(*store, l.path, ctx, "restore")) return *refusal;
-  if (!write_atomic(store->disk_path(l.path), file.text()))
+  if (!write_replacing(store->disk_path(l.path), file.text()))
     return "ERROR: could not write " + l.path;
   fs::path mirror = store->mirror_path(l.path);
   std::error_code ec;
   if (!mirror.empty()) {
-    if (!fs::exists(mirror, ec)) write_atomic(mirror, file.text());
+    if (!fs::exists(mirror, ec)) write_replacing(mirror, file.text());
     fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
   }
   file.tombstoned = false;
@@ -270,7 +245,7 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
     if (fs::exists(old_mirror, ec))
       fs::rename(old_mirror, new_mirror, ec);
     else
-      write_atomic(new_mirror, file.text());
+      write_replacing(new_mirror, file.text());
     fs::path old_dir = archive_dir_of(old_mirror), new_dir = archive_dir_of(new_mirror);
     std::string new_name = new_mirror.filename().string();
     if (!file.archived.empty()) fs::create_directories(new_dir, ec);

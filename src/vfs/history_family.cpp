@@ -11,6 +11,7 @@
 #include "vfs/emit_run.hpp"
 #include "vfs/file_diff.hpp"
 #include "vfs/history_state.hpp"
+#include "vfs/outside_change.hpp"
 #include "vfs/path_resolve.hpp"
 #include "vfs/save_path.hpp"
 #include "vfs/version_chain.hpp"
@@ -355,6 +356,8 @@ lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
       std::string error;
       auto args = kst::parse_args(text, error);
       if (!args) return "ERROR: " + error;
+      // Versions written by other processes are in the edit log: read them first.
+      kst::follow_edit_logs(*state->stores);
       // Resolving a path reads the store's index, which the watcher may be changing.
       std::unique_lock<std::recursive_mutex> guard;
       if (kst::Store* active = state->stores->active()) guard = std::unique_lock(active->mutex());

@@ -6,6 +6,7 @@
 #include "platform/durable_file.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/edit_log.hpp"
+#include "vfs/outside_change.hpp"
 
 namespace kst {
 
@@ -128,7 +129,7 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
   // Serialises writes of processes that share this store (the mutex covers threads);
   // taken before the lock check so that no lock can be taken between check and write.
   const Store::ProcessLock across_processes(store);
-  if (auto refusal = check_write(store, path, request)) {
+  if (auto refusal = request.outside ? std::nullopt : check_write(store, path, request)) {
     result.message = *refusal;
     return result;
   }
@@ -143,21 +144,26 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
     return result;
   }
 
-  fs::create_directories(target.parent_path(), ec);
-  if (ec) {
-    result.message = "mkdirs failed: " + ec.message();
-    return result;
-  }
-  fs::path temp = with_suffix(target, kTempSuffix);
-  std::string reason;
-  if (!kx::platform::write_file_durable(temp, text, reason)) {
-    result.message = "temp write failed";
-    return result;
-  }
-  fs::rename(temp, target, ec);
-  if (ec) {
-    result.message = "promote failed";
-    return result;
+  // An outside edit not yet versioned becomes its own version before this one replaces it.
+  if (!request.outside && store.versioned()) (void)absorb_outside(store, path, warn);
+
+  if (!request.outside) {
+    fs::create_directories(target.parent_path(), ec);
+    if (ec) {
+      result.message = "mkdirs failed: " + ec.message();
+      return result;
+    }
+    fs::path temp = with_suffix(target, kTempSuffix);
+    std::string reason;
+    if (!kx::platform::write_file_durable(temp, text, reason)) {
+      result.message = "temp write failed";
+      return result;
+    }
+    fs::rename(temp, target, ec);
+    if (ec) {
+      result.message = "promote failed";
+      return result;
+    }
   }
 
   File* existing = store.find_file(path);

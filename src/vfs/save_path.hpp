@@ -16,6 +16,9 @@ struct SaveRequest {
   std::string seat = "cli";  // the acting party
   std::string op;            // edit-log op; empty: "create" for v1, else "modify"
   bool dirty = false;        // a dirty check-in over somebody's lock
+  // A change made outside the store: the working file already holds the text and is
+  // not written again, and no lock can refuse what has already happened.
+  bool outside = false;
 };
 
 struct SaveResult {

@@ -44,6 +44,7 @@ std::uint64_t size_of(const fs::path& path) {
 struct Candidate {
   std::string path;
   bool tombstoned = false;
+  bool mirrored = false;  // the mirror copy exists: it is the current version's text
   std::vector<ArchivedVersion> archived;
   std::uint64_t size = 0;  // of the text to load: the working file, or the mirror copy
 };
@@ -162,6 +163,12 @@ bool Store::load(std::ostream& warn, std::string& reason) {
   }
   root_ = std::make_unique<Directory>(disk_root_.filename().string());
   files_.clear();
+  // Records appended while the tree is read are applied again later; that is harmless.
+  {
+    std::error_code lec;
+    auto size = fs::file_size(edit_log_file(), lec);
+    followed_log_bytes = lec ? 0 : size;
+  }
 
   // Walk the working tree. Symbolic links are not followed, so nothing outside the
   // root can enter the store; the store's own temporary names are skipped.
@@ -190,7 +197,7 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     if (symlink || !entry.is_regular_file(sec)) continue;
     std::string rule;
     if (!ext_admits(policy_, name, rule)) continue;
-    Candidate c{rel, false, {}, 0};
+    Candidate c{rel, false, false, {}, 0};
     c.size = entry.file_size(sec);
     if (sec) c.size = 0;
     fs::path mirror = mirror_path(rel);
@@ -203,10 +210,12 @@ bool Store::load(std::ostream& warn, std::string& reason) {
         known = mirror_dirs.emplace(parent, fs::is_directory(mirror.parent_path(), sec)).first;
       mirrored = known->second;
     }
-    if (mirrored) c.archived = list_archived(archive_dir_of(mirror), name);
-    if (policy_.scope == Scope::kEdited && c.archived.empty() &&
-        (!mirrored || !fs::exists(mirror, sec)))
-      continue;
+    if (mirrored) {
+      c.archived = list_archived(archive_dir_of(mirror), name);
+      c.mirrored = fs::exists(mirror, sec);
+      if (c.mirrored) c.size = size_of(mirror);
+    }
+    if (policy_.scope == Scope::kEdited && c.archived.empty() && !c.mirrored) continue;
     candidates.push_back(std::move(c));
   }
 
@@ -226,7 +235,8 @@ bool Store::load(std::ostream& warn, std::string& reason) {
       std::string rel = target.lexically_relative(mirror_root_).generic_string();
       std::error_code sec;
       if (fs::exists(disk_root_ / rel, sec)) continue;  // recreated outside; live wins
-      Candidate c{rel, true, list_archived(archive_dir_of(target), target.filename().string()),
+      Candidate c{rel, true, true,
+                  list_archived(archive_dir_of(target), target.filename().string()),
                   size_of(target)};
       candidates.push_back(std::move(c));
     }
@@ -270,8 +280,10 @@ bool Store::load(std::ostream& warn, std::string& reason) {
           texts[i].push_back({c.archived[k].number, std::move(text)});
       }
       std::string text;
+      // The mirror copy is the last text the store knew; a working file that differs
+      // was changed outside, and the watcher versions that change on top.
       live_read[i] =
-          read_text(c.tombstoned ? mirror_root_ / c.path : disk_root_ / c.path, text, c.size);
+          read_text(c.mirrored ? mirror_root_ / c.path : disk_root_ / c.path, text, c.size);
       texts[i].push_back({0, std::move(text)});
     }
   };

@@ -91,11 +91,16 @@ class Store {
 
   // A directory the walk never enters (the program's home when it lies inside the tree).
   void exclude(std::filesystem::path dir) { excluded_ = std::move(dir); }
+  const std::filesystem::path& excluded() const { return excluded_; }
   // Takes over the tree, index and policy of a freshly loaded store of the same root;
   // hooks stay. REQUIRES: this store's mutex held.
   void replace_with(Store&& other);
 
   SaveHooks hooks;
+
+  // How far into the edit log this process has applied records (its own and other
+  // processes'). Guarded by mutex().
+  std::uint64_t followed_log_bytes = 0;
 
   // Holds store.lock against other processes until destroyed. Nests within one
   // process (the file lock is taken once, by the outermost guard), so a write may call

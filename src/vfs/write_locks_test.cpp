@@ -29,7 +29,7 @@ using kst::testing::write_file;
 // One kx process: every file-store family over one store set, as the program has them.
 struct Process {
   explicit Process(const fs::path& work) {
-    stores = register_file_families(registry);
+    stores = register_file_families(registry, false);
     stores->set_report(quiet);
     register_lock_and_history_families(registry, stores);
     std::ostringstream progress;

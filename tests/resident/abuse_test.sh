@@ -13,7 +13,7 @@ STARTED_PIDS+=("$RESIDENT")
 check "the resident comes up" wait_until 50 answering "$P"
 baseline=$(threads_of "$RESIDENT")
 
-node "$TESTS_DIR/resident/abusive_clients.mjs" "$P"
+KX_TOKEN=$(home_token) node "$TESTS_DIR/resident/abusive_clients.mjs" "$P"
 same "every abusive client was handled" 0 $?
 check "the resident is still alive" kill -0 "$RESIDENT"
 settled() { [ "$(threads_of "$RESIDENT")" -le $((baseline + 1)) ]; }
@@ -21,7 +21,7 @@ check "its threads return to the baseline of $baseline" wait_until 200 settled
 rss=$(rss_kib_of "$RESIDENT")
 check "its memory stays small (${rss} KiB)" test "$rss" -lt 200000
 
-curl -s -X POST -H 'X-Kst-Control: shutdown' "http://127.0.0.1:$P/shutdown" >/dev/null
+shutdown_resident "$P" >/dev/null
 wait "$RESIDENT"
 same "it still shuts down cleanly" 0 $?
 

@@ -3,6 +3,7 @@
 import net from 'node:net';
 
 const port = Number(process.argv[2]);
+const auth = `X-Kst-Token: ${process.env.KX_TOKEN}\r\n`;
 let failed = 0;
 const report = (ok, what) => {
   if (!ok) failed++;
@@ -72,7 +73,7 @@ function openIdle(count) {
 
 // A body shorter than announced, then half-closed: the server answers what came.
 {
-  const reply = await exchange(Buffer.from('POST /console/exec?bot=cli HTTP/1.1\r\nContent-Length: 100\r\n\r\npwd'), { halfClose: true });
+  const reply = await exchange(Buffer.from(`POST /console/exec?bot=cli HTTP/1.1\r\n${auth}Content-Length: 100\r\n\r\npwd`), { halfClose: true });
   report(reply.data.toString().startsWith('HTTP/1.1 200 OK') && reply.data.toString().includes('"out":"OK: '),
     'a half-closed short body is still answered');
 }
@@ -100,7 +101,7 @@ function openIdle(count) {
 
 // WebSocket connections with broken frames.
 {
-  const upgrade = 'GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n' +
+  const upgrade = `GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n${auth}Upgrade: websocket\r\nConnection: Upgrade\r\n` +
     'Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n';
   const frames = [
     Buffer.from([0x81, 0xff, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff]),  // 2^63 bytes

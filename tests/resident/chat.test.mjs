@@ -14,6 +14,10 @@ const work = fs.mkdtempSync(path.join(os.tmpdir(), 'kx-chat-e2e-'));
 const userHome = path.join(work, 'user');
 let port;
 let resident;
+let token;
+// Every private route and WebSocket needs the home's token.
+const auth = () => ({ Authorization: `Bearer ${token}` });
+const get = async (p) => (await fetch(url(p), { headers: auth() })).json();
 
 const freePort = () => new Promise((resolve) => {
   const s = net.createServer().listen(0, '127.0.0.1', () => { const p = s.address().port; s.close(() => resolve(p)); });
@@ -26,7 +30,7 @@ class Client {
   constructor() {
     this.messages = [];
     this.waiters = [];
-    this.ws = new WebSocket(`ws://127.0.0.1:${port}/`);
+    this.ws = new WebSocket(`ws://127.0.0.1:${port}/`, { headers: auth() });
     this.ws.on('message', (data) => {
       const msg = JSON.parse(data.toString());
       this.messages.push(msg);
@@ -54,7 +58,12 @@ before(async () => {
     env: { ...process.env, HOME: userHome, XDG_RUNTIME_DIR: work }, stdio: 'ignore',
   });
   for (let i = 0; i < 50; i++) {
-    try { if ((await fetch(url('/health'))).ok) return; } catch { /* not up yet */ }
+    try {
+      if ((await fetch(url('/health'))).ok) {
+        token = fs.readFileSync(path.join(work, 'home', 'resident.token'), 'utf8').trim();
+        return;
+      }
+    } catch { /* not up yet */ }
     await sleep(100);
   }
   throw new Error('resident did not come up');
@@ -95,12 +104,12 @@ test('join, talk, direct messages, roster and logs', async () => {
   assert.equal(await ben.closed, 1000);
   await ann.waitFor((m) => m.type === 'msg' && m.msg.text === 'ben left general');
 
-  const log = await (await fetch(url('/chatlog?channel=general'))).json();
+  const log = await get('/chatlog?channel=general');
   assert.equal(log.ok, true);
   assert.ok(log.records.some((r) => r.text === 'hello there'));
-  const channels = await (await fetch(url('/channels'))).json();
+  const channels = await get('/channels');
   assert.deepEqual(channels, { ok: true, channels: ['general'] });
-  const thread = await (await fetch(url('/dm/thread?a=ann&b=ben'))).json();
+  const thread = await get('/dm/thread?a=ann&b=ben');
   assert.equal(thread.msgs.length, 1);
   assert.ok(fs.existsSync(path.join(userHome, '.Kestrune', 'chatlogs', 'general.log')));
   ann.ws.close();

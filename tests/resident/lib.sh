@@ -36,6 +36,19 @@ pid_on_port() {
 
 health() { curl -s --max-time 3 "http://127.0.0.1:$1/health"; }
 
+# The token of a home (default: $CONF), as every client of that home sends it.
+home_token() { tr -d '[:space:]' <"${1:-$CONF}/resident.token" 2>/dev/null; }
+# curl with the home's token: `kx_curl [--home DIR] <curl args...>`.
+kx_curl() {
+  local home=$CONF
+  if [ "${1:-}" == "--home" ]; then home=$2; shift 2; fi
+  curl -s --max-time 10 -H "Authorization: Bearer $(home_token "$home")" "$@"
+}
+# The /health body without the home's fingerprint, for exact comparisons.
+health_sans_home() { health "$1" | sed 's/,"home":"[0-9a-f]*"//'; }
+# Ends the resident on a port the way its owner does.
+shutdown_resident() { kx_curl "${@:2}" -X POST -H 'X-Kst-Control: shutdown' "http://127.0.0.1:$1/shutdown"; }
+
 wait_until() { # <tenths of a second> <command...>
   local tries=$1; shift
   for ((i = 0; i < tries; i++)); do "$@" && return 0; sleep 0.1; done

@@ -14,7 +14,13 @@ RESIDENT=$(track_port "$P")
 check "a resident now listens on the port" test -n "$RESIDENT"
 check "the resident was told the home override" \
   grep -q -- "--conf" "/proc/$RESIDENT/cmdline"
-same "health names the app and version" '{"ok":true,"app":"Kestrune","version":"1.0.11"}' "$(health "$P")"
+same "health names the app and version" '{"ok":true,"app":"Kestrune","version":"1.0.11"}' "$(health_sans_home "$P")"
+token=$(home_token)
+check "the home's token is 64 hex characters" grep -qxE '[0-9a-f]{64}' "$CONF/resident.token"
+same "and only its owner may read it" 600 "$(stat -c %a "$CONF/resident.token")"
+fingerprint=$(health "$P" | sed -n 's/.*"home":"\([0-9a-f]*\)".*/\1/p')
+same "health shows a short fingerprint of the home" 12 "${#fingerprint}"
+check "never its path" eval "! health $P | grep -q kx-resident-e2e"
 
 local_out=$(cd /tmp && KESTRUNE_LOCAL=1 "$KX" --port "$P" --conf "$CONF" help fs)
 fwd_out=$(cd /tmp && "$KX" --port "$P" --conf "$CONF" help fs)
@@ -24,16 +30,28 @@ same "the same resident still serves" "$RESIDENT" "$(pid_on_port "$P")"
 piped=$(cd /tmp && printf 'pwd\r\n\npwd\n' | "$KX" --port "$P")
 same "piped lines are forwarded one by one" $'OK: /tmp\nOK: /tmp' "$piped"
 
+# --- another home on the same port runs locally -----------------------------
+mkdir -p "$WORK/homeB"
+out=$(cd /tmp && printf 'pwd\npwd\n' | "$KX" --port "$P" --conf "$WORK/homeB" 2>"$WORK/err")
+same "a kx of another home is told so once" \
+  "Kestrune: port $P serves another home — running this command locally" "$(cat "$WORK/err")"
+same "and runs every line locally" $'OK: /tmp\nOK: /tmp' "$out"
+check "without touching the resident's home token" test ! -e "$WORK/homeB/resident.token"
+
 timeout 20 "$KX" --port "$P" --conf "$CONF" boot
 same "a second boot on a served port exits 0 at once" 0 $?
 
+# --- the token survives a restart -------------------------------------------------
+same "without the token shutdown is refused with 401" 401 \
+  "$(curl -s -o /dev/null -w '%{http_code}' -X POST -H 'X-Kst-Control: shutdown' "http://127.0.0.1:$P/shutdown")"
+
 # --- shutdown -----------------------------------------------------------------
-refused=$(curl -s -X POST "http://127.0.0.1:$P/shutdown")
+refused=$(kx_curl -X POST "http://127.0.0.1:$P/shutdown")
 same "shutdown without the control header is refused" \
   '{"ok":false,"error":"missing X-Kst-Control: shutdown"}' "$refused"
-answer=$(curl -s -X POST -H 'X-Kst-Control: shutdown' "http://127.0.0.1:$P/shutdown")
+answer=$(shutdown_resident "$P")
 same "shutdown is acknowledged" \
-  '{"ok":true,"app":"Kestrune","version":"1.0.11","shutting_down":true}' "$answer"
+  "{\"ok\":true,\"app\":\"Kestrune\",\"version\":\"1.0.11\",\"home\":\"$fingerprint\",\"shutting_down\":true}" "$answer"
 check "the resident process ends after shutdown" wait_until 50 pid_gone "$RESIDENT"
 check "the port is free again" port_free "$P"
 
@@ -65,9 +83,10 @@ same "the eviction is announced" \
 same "the command is answered by the new resident" "OK: /tmp" "$out"
 check "the old resident is gone" wait_until 20 pid_gone "$OLD"
 same "the new resident has this version" '{"ok":true,"app":"Kestrune","version":"1.0.11"}' \
-  "$(health "$P3")"
+  "$(health_sans_home "$P3")"
+same "and the same home, whose token was kept" "$token" "$(home_token)"
 track_port "$P3" >/dev/null
-curl -s -X POST -H 'X-Kst-Control: shutdown' "http://127.0.0.1:$P3/shutdown" >/dev/null
+shutdown_resident "$P3" >/dev/null
 
 # --- a newer resident or a foreign program keeps the port --------------------
 P4=$(free_port)
@@ -124,9 +143,11 @@ STARTED_PIDS+=("$OPEN")
 wait_until 50 answering "$P9"
 same "server.listen opens it to the network" "0.0.0.0:$P9" "$(bound_address "$P9")"
 same "private routes still refuse a foreign origin" '{"ok":false,"error":"/console/exec is loopback-only"}' \
-  "$(curl -s -H 'Origin: http://evil.example' --data-binary pwd "http://127.0.0.1:$P9/console/exec?bot=cli")"
+  "$(kx_curl --home "$WORK/open" -H 'Origin: http://evil.example' --data-binary pwd "http://127.0.0.1:$P9/console/exec?bot=cli")"
 same "and a host that is not this machine" '{"ok":false,"error":"/console/exec is loopback-only"}' \
-  "$(curl -s -H 'Host: rebound.example' --data-binary pwd "http://127.0.0.1:$P9/console/exec?bot=cli")"
+  "$(kx_curl --home "$WORK/open" -H 'Host: rebound.example' --data-binary pwd "http://127.0.0.1:$P9/console/exec?bot=cli")"
+same "and without the token the answer is 401" 401 \
+  "$(curl -s -o /dev/null -w '%{http_code}' --data-binary pwd "http://127.0.0.1:$P9/console/exec?bot=cli")"
 kill -TERM "$OPEN"
 wait "$OPEN"
 
@@ -138,8 +159,16 @@ GUI=$!
 STARTED_PIDS+=("$GUI")
 check "serve runs in the foreground" wait_until 50 grep -qsxF \
   "Kestrune orchestration server up — http://127.0.0.1:$P6/" "$WORK/gui.out"
-same "a second start finds it running" "Kestrune resident already running — http://127.0.0.1:$P6/" \
-  "$("$KX" --port "$P6" --conf "$CONF" gui 2>/dev/null)"
+# Without xdg-open on the PATH no browser opens; the login link is printed either way.
+same "a second start finds it running and shows the login link" \
+  "Kestrune resident already running — http://127.0.0.1:$P6/
+Kestrune UI: http://127.0.0.1:$P6/ui/?token=$(home_token)" \
+  "$(PATH=/nonexistent "$KX" --port "$P6" --conf "$CONF" gui 2>/dev/null)"
+jar="$WORK/cookies"
+login=$(curl -s -c "$jar" -o /dev/null -w '%{http_code} %{redirect_url}' "http://127.0.0.1:$P6/ui/?token=$(home_token)")
+same "the login link is traded for a cookie and a clean address" "303 http://127.0.0.1:$P6/ui/" "$login"
+same "the cookie lets the browser in" '{"ok":true}' "$(curl -s -b "$jar" "http://127.0.0.1:$P6/auth")"
+check "the cookie is HttpOnly" grep -q '^#HttpOnly_127.0.0.1' "$jar"
 check "the workstation page is served" bash -c "curl -s http://127.0.0.1:$P6/ui/ | grep -q '<title>Kestrune workstation</title>'"
 kill -INT "$GUI"
 wait "$GUI"

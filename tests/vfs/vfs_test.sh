@@ -21,7 +21,7 @@ kx() { "${KX[@]}" --conf "$HOME_DIR" "$@" 2>"$BASE/err" </dev/null; }
 
 # Enrollment from the working directory, as "kx enroll <dir>" is typed.
 out=$(cd "$BASE" && "${KX[@]}" --conf "$HOME_DIR" enroll proj 2>/dev/null)
-truth "enroll answers" [ "${out%%$'\n'*}" == "OK: enrolled $SHOWN — 0 file(s) ingested (0 B), NOT watching (the change watcher is not running yet)" ]
+truth "enroll answers" [ "${out%%$'\n'*}" == "OK: enrolled $SHOWN — 0 file(s) ingested (0 B), watching for changes" ]
 truth "enroll is recorded" grep -qxF "$SHOWN :: scope=all ext=default watch=on mode=vc" "$HOME_DIR/config/versioncontroldirs.cfg"
 
 KEY=$(echo "$SHOWN" | sed 's/[^-._0-9A-Za-z]/_/g')

@@ -720,6 +720,11 @@ onShow.manual = async () => {
 // ---- start ------------------------------------------------------------------------
 
 async function start() {
+  // Without the resident's cookie every call would answer 401: say how to get in.
+  if ((await fetch('/auth').catch(() => null))?.status === 401) {
+    showLocked();
+    return;
+  }
   try {
     const answer = await api('/health');
     $('health').textContent = `${answer.app} ${answer.version}`;
@@ -736,4 +741,18 @@ async function start() {
   watchChanges();
 }
 
-start();
+// Without the resident's cookie every call would answer 401: say how to get in.
+async function checkAccess() {
+  const answer = await fetch('/auth');
+  if (answer.status !== 401) return true;
+  const main = document.querySelector('main') || document.body;
+  main.textContent = '';
+  const note = document.createElement('p');
+  note.id = 'locked';
+  note.textContent = 'This resident only serves its owner. Run `kx gui` in a terminal: ' +
+    'it opens this page with the key that lets your browser in.';
+  main.appendChild(note);
+  return false;
+}
+
+checkAccess().then((inside) => { if (inside) start(); });

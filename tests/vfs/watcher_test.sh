@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# Outside changes end to end: a resident watches an enrolled tree; edits, deletes and
+# bursts made by other programs become versions, and a second process follows them.
+# Usage: watcher_test.sh <path to kx>
+set -u
+. "$(dirname "$0")/../resident/lib.sh" "$1"
+. "$(dirname "$0")/../lib/checks.sh"
+TREE=$WORK/tree
+mkdir -p "$TREE/sub"
+printf 'one\n' >"$TREE/a.txt"
+printf 'b\n' >"$TREE/sub/b.txt"
+P=$(free_port)
+
+kx() { (cd "$TREE" && "$KX" --port "$P" --conf "$CONF" "$@" 2>/dev/null); }
+kx_local() { (cd "$TREE" && KESTRUNE_LOCAL=1 "$KX" --port "$P" --conf "$CONF" "$@" 2>/dev/null); }
+versions() { kx fsvctl:log "$1" | head -1; }
+has_version() { [[ "$(versions "$1")" == "LOG $1  ($2 versions)" ]]; }
+tombstoned() { kx fsvctl:log "$1" | grep -q 'delete by watch  \[current, tombstoned\]'; }
+# One answer on every path: the resident's and a local process's agree.
+same_both_ways() {
+  local resident local_answer
+  resident=$(kx "$@")
+  local_answer=$(kx_local "$@")
+  if [[ "$resident" == "$local_answer" ]]; then passes=$((passes + 1)); else
+    report_failure "local and resident agree on: $*" "$local_answer" "$(printf %q "$resident")"
+  fi
+}
+
+kx_local Kestrune EnrollVersionControl "$TREE" >/dev/null
+# Edited before any save and before anything watched it.
+printf 'two\n' >>"$TREE/a.txt"
+
+"$KX" --port "$P" --conf "$CONF" serve >"$WORK/resident.out" 2>"$WORK/resident.err" &
+STARTED_PIDS+=($!)
+wait_until 100 answering "$P"
+truth "enrolled text stays v1, the outside edit is v2" wait_until 20 has_version a.txt 2
+expect "v1 is the enrolled text" "one" kx fsvctl:open '<path>a.txt</path><version>1</version>'
+expect "v2 is the outside edit" "one
+two" kx fsvctl:open '<path>a.txt</path><version>2</version>'
+
+# A live edit is a version within a second, holding the outside bytes.
+printf 'three\n' >>"$TREE/a.txt"
+truth "an outside append becomes v3 within 1 s" wait_until 10 has_version a.txt 3
+expect "v3 holds the outside bytes" "one
+two
+three" kx fsvctl:open '<path>a.txt</path><version>3</version>'
+expect "the resident reads the new text" "one
+two
+three" kx fs:cat a.txt
+same_both_ways fsvctl:log a.txt
+same_both_ways fs:cat a.txt
+
+# A burst settles into one version.
+printf 'x1\n' >>"$TREE/a.txt"
+sleep 0.04
+printf 'x2\n' >>"$TREE/a.txt"
+sleep 0.04
+printf 'x3\n' >>"$TREE/a.txt"
+sleep 1
+expect "three writes within 150 ms make one version" "LOG a.txt  (4 versions)" versions a.txt
+
+# The next save through kx keeps an outside edit made just before it.
+printf 'outside\n' >"$TREE/a.txt"
+kx fsmk:file a.txt '<content><![CDATA[inside
+]]></content>' >/dev/null
+expect "the outside edit is kept under the save" "outside" \
+  kx fsvctl:open '<path>a.txt</path><version>5</version>'
+expect "the save is the newest" "inside" kx fs:cat a.txt
+sleep 0.5
+expect "the save did not come back as an outside change" "LOG a.txt  (6 versions)" versions a.txt
+
+# A delete outside is recorded and can be undone.
+rm "$TREE/sub/b.txt"
+truth "an outside delete is recorded" wait_until 10 tombstoned sub/b.txt
+same_both_ways fsvctl:log sub/b.txt
+expect "the deleted file is restored" "OK: restored sub/b.txt" kx fs:restore sub/b.txt
+expect "with its bytes" "b" cat "$TREE/sub/b.txt"
+expect "the last version is readable" "b" kx fsvctl:open '<path>sub/b.txt</path><version>1</version>'
+
+# A second process is a read-only follower that still answers with the newest version.
+follower_err=$( (cd "$TREE" && KESTRUNE_LOCAL=1 "$KX" --conf "$CONF" fsstat:version a.txt) 2>&1 >/dev/null)
+truth "a second process is a read-only follower" grep -q "read-only follower" <<<"$follower_err"
+# A piped session lives on as a follower while an outside edit lands: one version, not two.
+(
+  sleep 1.2
+  echo 'fsvctl:log a.txt'
+) | (cd "$TREE" && KESTRUNE_LOCAL=1 "$KX" --conf "$CONF" >"$WORK/follower.out" 2>&1) &
+follower=$!
+sleep 0.3
+printf 'seen by both\n' >>"$TREE/a.txt"
+wait "$follower"
+truth "the follower answers with the owner's newest version" grep -q "v7 .*modify by watch  \[current\]" "$WORK/follower.out"
+expect "and the follower wrote no version of its own" "LOG a.txt  (7 versions)" versions a.txt
+
+# Hundreds of files at once (the queue may overflow): none is lost.
+mkdir "$TREE/many"
+for i in $(seq 1 300); do printf '%s\n' "$i" >"$TREE/many/f$i.txt"; done
+counted() { [[ $(kx fsstat:paths 'many/*' | grep -c 'many/f') -eq 300 ]]; }
+truth "300 new files at once are all versioned" wait_until 600 counted
+expect "a file in the middle holds its bytes" "150" kx fs:cat many/f150.txt
+
+checks_done watcher
