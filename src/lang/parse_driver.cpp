@@ -13,12 +13,13 @@ int kxscan_lex_destroy(yyscan_t scanner);
 namespace kx::lang {
 
 ParseContext::ParseContext(Session& session_in, std::ostream& out_in, std::ostream& err_in,
-                           InputReader reader_in, bool interactive_in)
+                           InputReader reader_in, bool interactive_in, UnitForm form)
     : session(session_in),
       out(out_in),
       err(err_in),
       reader(std::move(reader_in)),
       interactive(interactive_in),
+      single_line(form == UnitForm::kArguments),
       runner([this](const std::string& line) { return run_line(session, session.bot_id, line); },
              [this](const std::string& result) { write_result(result); }) {}
 
@@ -43,10 +44,22 @@ std::size_t ParseContext::read_input(char* buffer, std::size_t max) {
   return n;
 }
 
+bool ParseContext::enter_nesting() {
+  if (++nesting <= kMaxNesting) return true;
+  nesting_exceeded = true;
+  return false;
+}
+
 void ParseContext::report_error(const std::string& message) {
   had_syntax_error = true;
   line_has_error = true;
-  err << "fs parse error: " << message
+  std::string what = message;
+  if (nesting_exceeded) {
+    what = "nesting deeper than " + std::to_string(kMaxNesting) + " levels";
+    nesting_exceeded = false;
+  }
+  nesting = 0;
+  err << "fs parse error: " << what
       << " — line not understood; plain English works (try: Kestrune help)\n"
       << std::flush;
 }
@@ -102,19 +115,43 @@ int run_parser(ParseContext& ctx) {
   return status;
 }
 
-}  // namespace
-
-int parse_string(Session& session, std::string_view text, std::ostream& out, std::ostream& err) {
-  std::string input(text);
-  std::size_t offset = 0;
-  InputReader reader = [&input, &offset](char* buffer, std::size_t max) {
-    std::size_t n = std::min(max, input.size() - offset);
-    std::copy_n(input.data() + offset, n, buffer);
+InputReader string_reader(std::string_view text) {
+  return [text, offset = std::size_t{0}](char* buffer, std::size_t max) mutable {
+    std::size_t n = std::min(max, text.size() - offset);
+    std::copy_n(text.data() + offset, n, buffer);
     offset += n;
     return n;
   };
-  ParseContext ctx(session, out, err, reader, false);
+}
+
+}  // namespace
+
+int parse_string(Session& session, std::string_view text, std::ostream& out, std::ostream& err) {
+  ParseContext ctx(session, out, err, string_reader(text), false);
   return run_parser(ctx);
+}
+
+std::optional<std::string> unit_refusal(std::string_view unit) {
+  if (unit.size() > kMaxUnitBytes)
+    return "ERROR: command too large (" + std::to_string(unit.size()) +
+           " bytes; the limit is 1 MiB) — store a large body with fsmk:file from a smaller piece";
+  if (unit.find('\0') != std::string_view::npos)
+    return std::string(
+        "ERROR: the command holds a NUL byte, which no command takes — remove it and try again");
+  return std::nullopt;
+}
+
+int run_unit(Session& session, std::string_view unit, UnitForm form, ScriptVariables& variables,
+             std::ostream& out, std::ostream& err) {
+  ParseContext ctx(session, out, err, string_reader(unit), false, form);
+  if (auto refusal = unit_refusal(unit)) {
+    ctx.write_result(*refusal);
+    return kSyntaxError;
+  }
+  ctx.runner.adopt_variables(std::move(variables));
+  int status = run_parser(ctx);
+  variables = ctx.runner.take_variables();
+  return status;
 }
 
 int parse_input(Session& session, InputReader reader, bool interactive, std::ostream& out,

@@ -125,6 +125,52 @@ TEST_F(ParserTest, RunawayLoopStopsAtTheStepLimit) {
   EXPECT_EQ(out.str(), "ERROR: step limit reached (runaway loop?) — script halted\nOK: cat\n");
 }
 
+TEST_F(ParserTest, OneCallsArgumentsAreOneCommandLine) {
+  ScriptVariables vars;
+  EXPECT_EQ(
+      run_unit(*session, "fsmk:file a.txt body\nfs:cat b", UnitForm::kArguments, vars, out, err),
+      kAccepted);
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].args, "a.txt body\nfs:cat b");
+  // Statements split by a newline still run in order, and their variables carry over.
+  EXPECT_EQ(run_unit(*session, "x = 1\nx++", UnitForm::kArguments, vars, out, err), kAccepted);
+  EXPECT_EQ(run_unit(*session, "if (x > 0) fs:cat f$x", UnitForm::kLines, vars, out, err),
+            kAccepted);
+  EXPECT_EQ(calls.back().args, "f2");
+}
+
+TEST_F(ParserTest, NulBytesAndOversizedUnitsAreRefusedWhole) {
+  ScriptVariables vars;
+  std::string with_nul("fsmk:file a.txt x\0y", 19);
+  EXPECT_EQ(run_unit(*session, with_nul, UnitForm::kLines, vars, out, err), kSyntaxError);
+  std::string huge = "fsmk:file a.txt " + std::string(kMaxUnitBytes, 'x');
+  EXPECT_EQ(run_unit(*session, huge, UnitForm::kArguments, vars, out, err), kSyntaxError);
+  EXPECT_TRUE(calls.empty());
+  EXPECT_EQ(out.str().substr(0, 40), "ERROR: the command holds a NUL byte, whi");
+}
+
+TEST_F(ParserTest, LongTokensAndDeepNestingNeverEndTheProcess) {
+  // A body far beyond the scanner's read size, then the next line as usual.
+  std::string body(200000, 'b');
+  EXPECT_EQ(parse("fsmk:file a <![CDATA[" + body + "]]>\nfs:cat after\n"), kAccepted);
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].args.size(), body.size() + 14);
+  for (const std::string& deep : {std::string(30000, '{'), "x = " + std::string(30000, '(') + "1",
+                                  "x = " + std::string(30000, '!') + "1"}) {
+    err.str("");
+    EXPECT_EQ(parse(deep + "\nfs:cat next\n"), kSyntaxError);
+    EXPECT_NE(err.str().find("nesting deeper than 1000 levels"), std::string::npos);
+  }
+  EXPECT_EQ(calls.back().args, "next");
+  EXPECT_EQ(parse("x = " + std::string(900, '(') + "1" + std::string(900, ')') + "\n"), kAccepted);
+}
+
+TEST_F(ParserTest, ABlockMayOpenAtTheEndOfALine) {
+  EXPECT_EQ(parse("for (i = 1..2) {\n  fs:cat a$i\n}\n"), kAccepted);
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[1].args, "a2");
+}
+
 TEST_F(ParserTest, PromptPrecedesEveryLineAtAConsole) {
   std::string input = "fs:cat a\nfs:cat b\n";
   std::size_t pos = 0;

@@ -75,6 +75,7 @@ line:
 stmts:
     %empty                          { }
   | stmt_list                       { $$ = $1; }
+  | SEMI stmts                      { $$ = $2; }  /* a line end right after "{" */
   ;
 
 stmt_list:

@@ -90,6 +90,11 @@ class ScriptRunner {
 
   using Value = std::variant<std::int64_t, std::string>;
   const std::map<std::string, Value>& variables() const { return variables_; }
+  // Carries variables between runners, as a console does from unit to unit.
+  void adopt_variables(std::map<std::string, Value> variables) {
+    variables_ = std::move(variables);
+  }
+  std::map<std::string, Value> take_variables() { return std::move(variables_); }
 
  private:
   bool exec(const Stmt& stmt);

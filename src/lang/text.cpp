@@ -106,4 +106,38 @@ std::string json_quoted(std::string_view text) {
   return out + "\"";
 }
 
+namespace {
+
+std::string escape_controls(std::string_view text, bool keep_layout) {
+  std::string out;
+  out.reserve(text.size());
+  for (unsigned char c : text) {
+    if ((c >= 0x20 && c != 0x7f) || (keep_layout && (c == '\n' || c == '\t'))) {
+      out += static_cast<char>(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else {
+      static constexpr char kHex[] = "0123456789abcdef";
+      out += "\\x";
+      out += kHex[c >> 4];
+      out += kHex[c & 0xf];
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  return escape_controls(text, false);
+}
+
+std::string printable_lines(std::string_view text) {
+  return escape_controls(text, true);
+}
+
 }  // namespace kx::lang

@@ -26,6 +26,16 @@ bool is_integer(std::string_view text);
 // backtrack point.
 bool glob_match(std::string_view pattern, std::string_view text);
 
+// `text` safe to print on a terminal: control bytes (below 0x20, and 0x7f) become
+// escapes (\n, \r, \t, \xNN) and a backslash stays as it is. A name shown this way
+// can never move the cursor, retitle a terminal or start a forged line.
+std::string printable(std::string_view text);
+
+// A multi-line result made safe to print: as printable(), but line breaks and tabs,
+// which lay out listings, stay. Names inside such a result go through printable()
+// first, so that a newline in a name cannot start a forged line.
+std::string printable_lines(std::string_view text);
+
 // `text` as a JSON string literal, quotes included: '"' and '\\' escaped, control
 // bytes as \n, \r, \t or \u00XX. Nothing is dropped.
 std::string json_quoted(std::string_view text);

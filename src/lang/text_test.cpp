@@ -26,5 +26,13 @@ TEST(JsonQuoted, EscapesQuotesBackslashesAndControlBytes) {
   EXPECT_EQ(json_quoted("é"), "\"é\"");
 }
 
+TEST(Printable, TerminalControlsBecomeEscapesAndTheRestStays) {
+  EXPECT_EQ(printable("title\x1b]0;PWNED\x07.txt"), "title\\x1b]0;PWNED\\x07.txt");
+  EXPECT_EQ(printable("a\nb\tc\rd\x7f"), "a\\nb\\tc\\rd\\x7f");
+  EXPECT_EQ(printable("é \\ ok"), "é \\ ok");
+  // A listing keeps its own layout, but never a control byte of a name.
+  EXPECT_EQ(printable_lines("  f  v1\tesc\x1b[31m\n"), "  f  v1\tesc\\x1b[31m\n");
+}
+
 }  // namespace
 }  // namespace kx::lang

@@ -1,5 +1,6 @@
 #include "launcher/entry.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -12,6 +13,7 @@
 #include "launcher/options.hpp"
 #include "launcher/resident_lifecycle.hpp"
 #include "launcher/resident_link.hpp"
+#include "launcher/unit_source.hpp"
 #include "launcher/workspace.hpp"
 #include "platform/console.hpp"
 #include "platform/home.hpp"
@@ -38,14 +40,24 @@ int env_check() {
   return all ? 0 : 1;
 }
 
-int run_locally(const EntryOptions& options, const std::string& line, const std::string& unsent) {
+// Runs the units of standard input one by one, as the resident runs them posted.
+int run_units_locally(lang::Session& session, UnitSource& source) {
+  lang::ScriptVariables variables;
+  int status = lang::kAccepted;
+  while (auto unit = source.next()) {
+    int unit_status =
+        lang::run_unit(session, *unit, lang::UnitForm::kLines, variables, std::cout, std::cerr);
+    status = std::max(status, unit_status);
+  }
+  return status;
+}
+
+int run_locally(const EntryOptions& options, const std::string& line, UnitSource& source) {
   // A process that lives on follows outside edits as they happen; a one-shot command
   // only catches up with them before it runs.
-  bool lives_on = is_server_verb(line) || line == "repl" || line.empty() || !unsent.empty();
+  bool lives_on = is_server_verb(line) || line == "repl" || line.empty();
   auto workspace = make_workspace(lives_on);
   lang::Session& session = *workspace->session;
-  // Input read for a resident that did not answer it runs here, with what follows.
-  if (!unsent.empty()) return lang::parse_string(session, unsent, std::cout, std::cerr);
 
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
 
@@ -61,9 +73,10 @@ int run_locally(const EntryOptions& options, const std::string& line, const std:
       std::puts(usage_text());
       return 0;
     }
-    return lang::parse_input(session, platform::read_stdin, false, std::cout, std::cerr);
+    return run_units_locally(session, source);
   }
-  return lang::parse_string(session, line + "\n", std::cout, std::cerr);
+  lang::ScriptVariables variables;
+  return lang::run_unit(session, line, lang::UnitForm::kArguments, variables, std::cout, std::cerr);
 }
 
 }  // namespace
@@ -102,12 +115,14 @@ int run_entry(int argc, char** argv) {
 
   std::string line = build_command_line(options.words);
   if (line == "mcp" && options.words.size() == 1) return run_mcp(options.port);
-  bool console_without_line = line.empty() && platform::stdin_is_terminal();
-  std::string unsent;
-  if (!is_server_verb(line) && !console_without_line &&
-      forward_to_resident(options.port, line, unsent))
-    return 0;
-  return run_locally(options, line, unsent);
+  UnitSource source(platform::read_stdin);
+  // The REPL always runs its session here: a prompt per line needs no resident.
+  bool stays_here =
+      is_server_verb(line) || line == "repl" || (line.empty() && platform::stdin_is_terminal());
+  if (stays_here) return run_locally(options, line, source);
+  ForwardResult forwarded = forward_to_resident(options.port, line, source);
+  if (!forwarded.rest_runs_here) return forwarded.status;
+  return std::max(forwarded.status, run_locally(options, line, source));
 }
 
 }  // namespace kx::launcher

@@ -39,7 +39,7 @@ class LocalMcp {
       workspace_ = make_workspace(true);  // an MCP session lives on
       protocols::ToolHost host;
       host.run = [bridge = make_exec_bridge(*workspace_)](std::string_view line) {
-        return bridge(server::ExecRequest{"mcp", std::string(line), "", false});
+        return bridge(server::line_request("mcp", std::string(line))).printed();
       };
       server_ = std::make_unique<protocols::McpServer>(std::move(host));
     }

@@ -1,9 +1,11 @@
 #include "launcher/resident_client.hpp"
 
-#include <istream>
-#include <iterator>
-#include <ostream>
+#include <algorithm>
+#include <cstdio>
+#include <random>
 
+#include "lang/text.hpp"
+#include "launcher/unit_source.hpp"
 #include "platform/console.hpp"
 #include "platform/process_info.hpp"
 #include "platform/socket.hpp"
@@ -11,8 +13,8 @@
 namespace kx::launcher {
 namespace {
 
-constexpr int kTimeoutMillis = 4000;
-constexpr std::string_view kOutKey = "\"out\":\"";
+constexpr int kConnectMillis = 4000;
+constexpr int kSendMillis = 10000;
 
 int hex_digit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -21,8 +23,37 @@ int hex_digit(char c) {
   return -1;
 }
 
-// The end of a JSON string starting at `from`: the first quote not escaped by an
-// odd run of backslashes.
+// The four hex digits at `at`, or -1.
+long hex4(std::string_view text, std::size_t at) {
+  if (at + 4 > text.size()) return -1;
+  long value = 0;
+  for (std::size_t i = at; i < at + 4; ++i) {
+    int digit = hex_digit(text[i]);
+    if (digit < 0) return -1;
+    value = value * 16 + digit;
+  }
+  return value;
+}
+
+void append_utf8(std::string& out, unsigned long cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+// The end of a JSON string starting at `from`: the first quote not escaped.
 std::size_t string_end(std::string_view text, std::size_t from) {
   std::size_t i = from;
   while (i < text.size()) {
@@ -36,21 +67,65 @@ std::size_t string_end(std::string_view text, std::size_t from) {
   return text.size();
 }
 
+// The raw inside of the string field `key` found at or after `from`; `from` moves
+// past it, so fields are read in the order the resident writes them.
+std::optional<std::string_view> string_field(std::string_view body, std::string_view key,
+                                             std::size_t& from) {
+  std::string pattern = "\"" + std::string(key) + "\":\"";
+  std::size_t at = body.find(pattern, from);
+  if (at == std::string_view::npos) return std::nullopt;
+  std::size_t start = at + pattern.size();
+  std::size_t end = string_end(body, start);
+  from = end;
+  return body.substr(start, end - start);
+}
+
+int int_field(std::string_view body, std::string_view key, std::size_t from) {
+  std::string pattern = "\"" + std::string(key) + "\":";
+  std::size_t at = body.find(pattern, from);
+  if (at == std::string_view::npos) return 0;
+  int value = 0;
+  for (std::size_t i = at + pattern.size(); i < body.size() && body[i] >= '0' && body[i] <= '9';
+       ++i)
+    value = value * 10 + (body[i] - '0');
+  return value;
+}
+
+// "'fsmk:file a.txt …'": the unit's first line, short enough for one message.
+std::string quoted_command(std::string_view unit) {
+  std::string_view first = lang::trim(unit.substr(0, unit.find('\n')));
+  std::string shown(first.substr(0, 80));
+  if (first.size() > 80 || first.size() < lang::trim(unit).size()) shown += " …";
+  return "'" + shown + "'";
+}
+
+void print_answer(const PostOutcome& answer) {
+  if (!answer.err.empty()) {
+    std::fwrite(answer.err.data(), 1, answer.err.size(), stderr);
+    std::fflush(stderr);
+  }
+  std::fwrite(answer.out.data(), 1, answer.out.size(), stdout);
+  std::fflush(stdout);
+}
+
 }  // namespace
 
-std::string build_exec_request(const std::string& line, const std::optional<std::string>& cwd,
+std::string build_exec_request(std::string_view unit, lang::UnitForm form,
+                               const std::string& session, const std::optional<std::string>& cwd,
                                bool tty, const std::string& token) {
   std::string request = "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\n";
   if (!token.empty()) request += "Authorization: Bearer " + token + "\r\n";
   if (cwd) request += "X-Kst-Cwd: " + *cwd + "\r\n";
   if (tty) request += "X-Kst-Tty: 1\r\n";
-  request += "Content-Type: text/plain\r\nContent-Length: " + std::to_string(line.size()) +
+  if (!session.empty()) request += "X-Kst-Session: " + session + "\r\n";
+  request += form == lang::UnitForm::kLines ? "X-Kst-Form: lines\r\n" : "X-Kst-Form: arguments\r\n";
+  request += "Content-Type: text/plain\r\nContent-Length: " + std::to_string(unit.size()) +
              "\r\nConnection: close\r\n\r\n";
-  request += line;
+  request += unit;
   return request;
 }
 
-std::string decode_lossy(std::string_view escaped) {
+std::string decode_json_string(std::string_view escaped) {
   std::string out;
   out.reserve(escaped.size());
   for (std::size_t i = 0; i < escaped.size(); ++i) {
@@ -59,113 +134,165 @@ std::string decode_lossy(std::string_view escaped) {
       out += c;
       continue;
     }
-    char next = escaped[i + 1];
+    char next = escaped[++i];
     switch (next) {
-      case '"':
-      case '/':
-      case '\\':
-        out += next;
-        ++i;
-        break;
       case 'n':
         out += '\n';
-        ++i;
         break;
       case 'r':
         out += '\r';
-        ++i;
         break;
       case 't':
         out += '\t';
-        ++i;
         break;
       case 'b':
         out += '\b';
-        ++i;
         break;
       case 'f':
         out += '\f';
-        ++i;
         break;
-      case 'u':
-        if (i + 5 < escaped.size() && hex_digit(escaped[i + 2]) >= 0 &&
-            hex_digit(escaped[i + 3]) >= 0 && hex_digit(escaped[i + 4]) >= 0 &&
-            hex_digit(escaped[i + 5]) >= 0) {
-          out += '?';
-          i += 5;
-        } else {
-          out += c;
+      case 'u': {
+        long cp = hex4(escaped, i + 1);
+        if (cp < 0) {
+          out += "\\u";  // not an escape: keep it as it came
+          break;
         }
+        i += 4;
+        if (cp >= 0xD800 && cp <= 0xDBFF && escaped.substr(i + 1).starts_with("\\u")) {
+          long low = hex4(escaped, i + 3);
+          if (low >= 0xDC00 && low <= 0xDFFF) {
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+            i += 6;
+          }
+        }
+        if (cp >= 0xD800 && cp <= 0xDFFF) cp = 0xFFFD;  // a lone half has no character
+        append_utf8(out, static_cast<unsigned long>(cp));
         break;
+      }
       default:
-        out += c;  // not an escape we know: keep the backslash, the next byte follows
-        break;
+        out += next;
+        break;  // \" \\ \/ and anything else: the character itself
     }
   }
   return out;
 }
 
-std::optional<std::string> reply_output(std::string_view reply) {
+PostOutcome parse_reply(std::string_view reply) {
+  PostOutcome outcome;
   std::size_t head_end = reply.find("\r\n\r\n");
-  if (head_end == std::string_view::npos) return std::nullopt;
+  if (head_end == std::string_view::npos) {
+    outcome.kind = PostOutcome::Kind::kLost;
+    return outcome;
+  }
+  std::string_view status_line = reply.substr(0, reply.find("\r\n"));
   std::string_view body = reply.substr(head_end + 4);
-  std::size_t key = body.find(kOutKey);
-  if (key == std::string_view::npos) return std::string(body);
-  std::size_t start = key + kOutKey.size();
-  return decode_lossy(body.substr(start, string_end(body, start) - start));
+  if (status_line.starts_with("HTTP/1.1 401")) {
+    outcome.kind = PostOutcome::Kind::kRefused;
+    return outcome;
+  }
+  std::size_t from = 0;
+  std::optional<std::string_view> out;
+  if (status_line.find(" 200 ") != std::string_view::npos) out = string_field(body, "out", from);
+  if (!out) {
+    outcome.kind = PostOutcome::Kind::kNotSent;  // refused before anything ran
+    outcome.err = std::string(body);
+    return outcome;
+  }
+  outcome.kind = PostOutcome::Kind::kAnswered;
+  outcome.out = decode_json_string(*out);
+  if (auto err = string_field(body, "err", from)) outcome.err = decode_json_string(*err);
+  outcome.status = int_field(body, "status", from);
+  return outcome;
 }
 
-ExecOutcome exec_on_resident(std::uint16_t port, const std::string& line,
-                             const std::string& token) {
-  auto socket = platform::connect_loopback(port, kTimeoutMillis);
-  if (!socket) return {};
-  platform::set_send_timeout(*socket, kTimeoutMillis);
-  platform::set_receive_timeout(*socket, kTimeoutMillis);
+PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm form,
+                      const std::string& session, const std::string& token) {
+  PostOutcome not_sent;
+  auto socket = platform::connect_loopback(port, kConnectMillis);
+  if (!socket) return not_sent;
+  platform::set_send_timeout(*socket, kSendMillis);
   std::optional<std::string> cwd;
   if (auto dir = platform::current_directory()) cwd = dir->string();
   // Approval and colour both want a person at a terminal, on both ends of the pipe.
   bool person = platform::stdin_is_terminal() && platform::stdout_is_terminal();
-  if (!platform::send_all(*socket, build_exec_request(line, cwd, person, token))) return {};
+  // A request cut short is never run: the resident waits for its whole body.
+  if (!platform::send_all(*socket, build_exec_request(unit, form, session, cwd, person, token)))
+    return not_sent;
+  // Sent: from here the answer is awaited however long the command runs; only a
+  // closed connection ends the wait.
+  platform::set_receive_timeout(*socket, 0);
   std::string reply;
-  char chunk[4096];
+  char chunk[16384];
   for (;;) {
     long n = platform::receive_some(*socket, chunk, sizeof chunk);
     if (n <= 0) break;
     reply.append(chunk, static_cast<std::size_t>(n));
   }
-  if (reply.starts_with("HTTP/1.1 401")) return {ExecOutcome::kRefused, {}};
-  auto output = reply_output(reply);
-  if (!output) return {};
-  return {ExecOutcome::kAnswered, std::move(*output)};
+  return parse_reply(reply);
 }
 
-ExecOutcome::Kind forward_lines(std::uint16_t port, const std::string& line,
-                                const std::string& token, std::istream& in, std::ostream& out,
-                                std::string& unsent) {
-  auto print = [&out](const std::string& text) {
-    out << text;
-    if (text.empty() || text.back() != '\n') out << '\n';
-    out.flush();
-  };
-  if (!line.empty()) {
-    ExecOutcome result = exec_on_resident(port, line, token);
-    if (result.kind == ExecOutcome::kAnswered) print(result.output);
-    return result.kind;
-  }
-  std::string next;
-  while (std::getline(in, next)) {
-    while (!next.empty() && (next.back() == '\r' || next.back() == '\n')) next.pop_back();
-    if (next.empty()) continue;
-    ExecOutcome result = exec_on_resident(port, next, token);
-    if (result.kind == ExecOutcome::kAnswered) {
-      print(result.output);
-      continue;
+std::string new_console_session() {
+  std::random_device device;
+  std::mt19937_64 generator((static_cast<std::uint64_t>(device()) << 32) ^ device());
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(generator()));
+  return text;
+}
+
+ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSource& source,
+                            const std::string& token) {
+  ForwardResult result;
+  std::string session = new_console_session();
+  // After a lost answer the resident is gone or going: a dying listener may still
+  // take a connection, so nothing more is sent to it.
+  bool resident_lost = false;
+  auto post_one = [&](const std::string& unit, lang::UnitForm form) -> bool {
+    if (resident_lost) return false;
+    if (auto refusal = lang::unit_refusal(unit)) {
+      // Refused the same way the resident and a local run refuse it, without a trip.
+      std::fwrite(refusal->data(), 1, refusal->size(), stdout);
+      std::fputc('\n', stdout);
+      result.status = std::max(result.status, static_cast<int>(lang::kSyntaxError));
+      return true;
     }
-    // Nothing of the input is lost: the rest runs where the caller runs it.
-    unsent = next + "\n" + std::string(std::istreambuf_iterator<char>(in), {});
-    return result.kind;
+    PostOutcome answer = post_unit(port, unit, form, session, token);
+    switch (answer.kind) {
+      case PostOutcome::Kind::kAnswered:
+        result.any_sent = true;
+        print_answer(answer);
+        result.status = std::max(result.status, answer.status);
+        return true;
+      case PostOutcome::Kind::kNotSent:
+        return false;
+      case PostOutcome::Kind::kRefused:
+        result.refused = true;
+        return false;
+      case PostOutcome::Kind::kLost:
+        result.any_sent = true;
+        resident_lost = true;
+        std::printf(
+            "ERROR: the resident on port %d stopped while running %s — it may have run; check "
+            "its effect before running it again\n",
+            port, quoted_command(unit).c_str());
+        std::fflush(stdout);
+        result.status = std::max(result.status, 1);
+        return true;  // never sent again; what follows was not sent
+    }
+    return false;
+  };
+
+  if (!line.empty()) {
+    if (!post_one(line, lang::UnitForm::kArguments)) result.rest_runs_here = true;
+    return result;
   }
-  return ExecOutcome::kAnswered;
+  while (auto unit = source.next()) {
+    if (!post_one(*unit, lang::UnitForm::kLines)) {
+      source.put_back(std::move(*unit));
+      result.rest_runs_here = true;
+      return result;
+    }
+  }
+  return result;
 }
 
 }  // namespace kx::launcher

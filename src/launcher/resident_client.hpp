@@ -1,42 +1,69 @@
 #pragma once
-// The client side of forwarding: a short-lived kx posts its command line to the
-// resident's "/console/exec" and prints the "out" field of the answer.
+// The client side of forwarding: a short-lived kx posts units to the resident's
+// "/console/exec" and prints what they printed. Once a unit is sent it is never
+// sent again and never run here: the client waits for its answer however long
+// the command runs, and only input that was never sent may run locally.
 #include <cstdint>
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "lang/parse_driver.hpp"
+
 namespace kx::launcher {
 
-// The request bytes for one line: "/console/exec?bot=cli", the home's token when
-// there is one, X-Kst-Cwd when the directory is known, X-Kst-Tty when a person
-// sits at the terminal.
-std::string build_exec_request(const std::string& line, const std::optional<std::string>& cwd,
-                               bool tty, const std::string& token);
+class UnitSource;
 
-// What to print for a raw reply: the decoded "out" field of the body, else the
-// whole body. Nothing when the reply has no end of head (no usable answer).
-std::optional<std::string> reply_output(std::string_view reply);
-
-// Decodes a JSON string's inside, lossily: \uXXXX becomes '?' so the terminal only
-// ever gets plain bytes.
-std::string decode_lossy(std::string_view escaped);
-
-// How one exchange with the resident ended.
-struct ExecOutcome {
-  enum Kind { kAnswered, kFailed, kRefused } kind = kFailed;  // kRefused: 401, another home
-  std::string output;                                         // kAnswered: what to print
+// Where one unit ended.
+struct PostOutcome {
+  enum class Kind {
+    kAnswered,  // the resident ran it; out, err and status hold what it printed
+    kNotSent,   // nothing ran: no connection, or the resident turned the request down
+    kLost,      // sent, and the answer never came whole: it may have run
+    kRefused,   // 401: the resident serves another home; nothing ran
+  };
+  Kind kind = Kind::kNotSent;
+  std::string out;
+  std::string err;
+  int status = 0;
 };
 
-ExecOutcome exec_on_resident(std::uint16_t port, const std::string& line, const std::string& token);
+// The request bytes for one unit. `session` names this process's console on the
+// resident; the home's token when there is one (empty: none); X-Kst-Cwd when the
+// directory is known; X-Kst-Tty when a person sits at the terminal.
+std::string build_exec_request(std::string_view unit, lang::UnitForm form,
+                               const std::string& session, const std::optional<std::string>& cwd,
+                               bool tty, const std::string& token);
 
-// Sends `line` (or, when it is empty, every non-empty line of `in`) and writes each
-// result to `out`, ending it with a line feed. kAnswered: all was answered.
-// Otherwise `unsent` holds the line that was not answered and the rest of `in`,
-// for a local run.
-ExecOutcome::Kind forward_lines(std::uint16_t port, const std::string& line,
-                                const std::string& token, std::istream& in, std::ostream& out,
-                                std::string& unsent);
+// Reads a whole raw reply. Nothing ran unless the status is 200 and the body
+// carries "out"; a 401 is a refusal; a reply without an end of head is a lost
+// answer.
+PostOutcome parse_reply(std::string_view reply);
+
+// Decodes a JSON string's inside to UTF-8: every escape, \uXXXX (surrogate pairs
+// joined) included; bytes that are not escapes pass through as they are.
+std::string decode_json_string(std::string_view escaped);
+
+// One exchange with the resident on `port`, carrying `token`.
+PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm form,
+                      const std::string& session, const std::string& token);
+
+// A random name for this process's console on the resident.
+std::string new_console_session();
+
+// How a run of forwarded units ended.
+struct ForwardResult {
+  int status = 0;               // the worst exit status of the units answered
+  bool rest_runs_here = false;  // units remain in the source to run locally
+  bool any_sent = false;
+  bool refused = false;  // the resident refused our token: it serves another home
+};
+
+// Posts the arguments `line` (when not empty) or each unit of `source` in order,
+// printing each answer. Stops at the first unit that could not be sent (put back
+// into the source) and, after a lost answer, reports it and leaves the rest of
+// the input to run locally.
+ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSource& source,
+                            const std::string& token);
 
 }  // namespace kx::launcher

@@ -2,96 +2,122 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include <atomic>
 
+#include "launcher/unit_source.hpp"
 #include "server/test_client.hpp"
 
 namespace kx::launcher {
+namespace {
 
-const std::string kToken(64, 'a');
+lang::InputReader reader_of(std::string text) {
+  return [text, at = std::size_t{0}](char* buffer, std::size_t max) mutable {
+    std::size_t n = std::min(max, text.size() - at);
+    text.copy(buffer, n, at);
+    at += n;
+    return n;
+  };
+}
 
-TEST(ResidentClient, RequestCarriesTokenCwdAndTtyOnlyWhenKnown) {
-  EXPECT_EQ(build_exec_request("fs:ls .", std::string("/home/me"), true, "t0k"),
+const std::string& kToken = server::testing::kTestToken;
+
+}  // namespace
+
+TEST(ResidentClient, RequestNamesItsConsoleFormAndOptionalHeaders) {
+  EXPECT_EQ(build_exec_request("fs:ls .", lang::UnitForm::kArguments, "s1", std::string("/home/me"),
+                               true, "t0k"),
             "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-            "Authorization: Bearer t0k\r\nX-Kst-Cwd: /home/me\r\n"
-            "X-Kst-Tty: 1\r\nContent-Type: text/plain\r\nContent-Length: 7\r\n"
-            "Connection: close\r\n\r\nfs:ls .");
-  EXPECT_EQ(build_exec_request("x", std::nullopt, false, ""),
-            "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: "
-            "text/plain\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx");
+            "Authorization: Bearer t0k\r\nX-Kst-Cwd: /home/me\r\nX-Kst-Tty: 1\r\n"
+            "X-Kst-Session: s1\r\nX-Kst-Form: arguments\r\nContent-Type: text/plain\r\n"
+            "Content-Length: 7\r\nConnection: close\r\n\r\nfs:ls .");
+  EXPECT_EQ(build_exec_request("x", lang::UnitForm::kLines, "", std::nullopt, false, ""),
+            "POST /console/exec?bot=cli HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Kst-Form: lines\r\n"
+            "Content-Type: text/plain\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx");
 }
 
-TEST(ResidentClient, OutFieldIsDecodedLossilyAndOtherBodiesPrintWhole) {
+TEST(ResidentClient, JsonStringsDecodeToUtf8) {
+  EXPECT_EQ(decode_json_string(R"(a\"b\\c\/d\ne\tf\rg\u00e9h\u0009)"),
+            "a\"b\\c/d\ne\tf\rg\xC3\xA9h\t");
+  EXPECT_EQ(decode_json_string(R"(\u20ac \ud83d\ude00 \u0041)"), "\xE2\x82\xAC \xF0\x9F\x98\x80 A");
+  // A lone surrogate half, a short escape and a trailing backslash do no harm.
+  EXPECT_EQ(decode_json_string(R"(\ud800x)"), "\xEF\xBF\xBDx");
+  EXPECT_EQ(decode_json_string(R"(\u12 \)"), "\\u12 \\");
+}
+
+TEST(ResidentClient, RepliesSayWhetherTheUnitRan) {
   std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
-  EXPECT_EQ(reply_output(head + R"({"ok":true,"bot":"cli","out":"a\"b\\c\/d\ne\tf\rg\u00e9h"})"),
-            "a\"b\\c/d\ne\tf\rg?h");
-  EXPECT_EQ(reply_output(head + R"({"ok":false,"error":"bot and command required"})"),
-            R"({"ok":false,"error":"bot and command required"})");
-  EXPECT_EQ(reply_output(head + R"({"out":"ends with backslash \\"})"), "ends with backslash \\");
-  EXPECT_EQ(reply_output(head + "{\"out\":\"unterminated"), "unterminated");
-  EXPECT_EQ(reply_output("HTTP/1.1 200 OK\r\nno end of head"), std::nullopt);
-  EXPECT_EQ(decode_lossy("\\u12\\q\\"), "\\u12\\q\\");
+  PostOutcome ran = parse_reply(
+      head +
+      R"({"ok":true,"bot":"cli","out":"OK: \"out\":\"x\"\n","err":"fs parse error\n","status":1})");
+  EXPECT_EQ(ran.kind, PostOutcome::Kind::kAnswered);
+  EXPECT_EQ(ran.out, "OK: \"out\":\"x\"\n");
+  EXPECT_EQ(ran.err, "fs parse error\n");
+  EXPECT_EQ(ran.status, 1);
+
+  EXPECT_EQ(parse_reply("HTTP/1.1 401 Unauthorized\r\n\r\n{\"ok\":false}").kind,
+            PostOutcome::Kind::kRefused);
+  EXPECT_EQ(parse_reply(head + R"({"ok":false,"error":"x"})").kind, PostOutcome::Kind::kNotSent);
+  EXPECT_EQ(parse_reply("").kind, PostOutcome::Kind::kLost);
+  EXPECT_EQ(parse_reply("HTTP/1.1 200 OK\r\nContent-Le").kind, PostOutcome::Kind::kLost);
 }
 
-TEST(ResidentClient, ForwardPrintsEachResultWithOneLineFeed) {
+TEST(ResidentClient, UnitsArePostedInOrderWithOneConsole) {
+  std::mutex lock;
+  std::vector<server::ExecRequest> seen;
   server::ServerOptions options;
-  options.token = kToken;
-  options.exec = [](const server::ExecRequest& r) {
-    return r.line == "bare" ? std::string("no newline") : "line " + r.line + "\n";
+  options.exec = [&](const server::ExecRequest& r) {
+    std::lock_guard guard(lock);
+    seen.push_back(r);
+    return server::ExecResult("ran " + std::to_string(seen.size()) + "\n", "", 0);
   };
   server::testing::RunningServer resident(std::move(options));
 
-  std::istringstream no_input;
-  std::ostringstream out;
-  std::string unsent;
-  EXPECT_EQ(forward_lines(resident.port(), "bare", kToken, no_input, out, unsent),
-            ExecOutcome::kAnswered);
-  EXPECT_EQ(forward_lines(resident.port(), "one", kToken, no_input, out, unsent),
-            ExecOutcome::kAnswered);
-  EXPECT_EQ(out.str(), "no newline\nline one\n");
-
-  std::istringstream piped("a\r\n\nb\n");
-  std::ostringstream piped_out;
-  EXPECT_EQ(forward_lines(resident.port(), "", kToken, piped, piped_out, unsent),
-            ExecOutcome::kAnswered);
-  EXPECT_EQ(piped_out.str(), "line a\nline b\n");
-  EXPECT_EQ(unsent, "");
+  UnitSource source(reader_of("fs:ls a\nfsmk:file b <![CDATA[x\n\ny]]>\n\nfs:ls c"));
+  testing::internal::CaptureStdout();
+  ForwardResult result = forward_units(resident.port(), "", source, kToken);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "ran 1\nran 2\nran 3\n");
+  EXPECT_FALSE(result.rest_runs_here);
+  ASSERT_EQ(seen.size(), 3u);
+  EXPECT_EQ(seen[1].line, "fsmk:file b <![CDATA[x\n\ny]]>\n");
+  EXPECT_FALSE(seen[1].arguments);
+  EXPECT_FALSE(seen[0].session.empty());
+  EXPECT_EQ(seen[0].session, seen[2].session);
 }
 
-// Another home's resident answers 401: nothing is printed, and every line read so
-// far is handed back for the local run.
-TEST(ResidentClient, RefusedTokenHandsTheWholeInputBack) {
+// Another home's resident answers 401: nothing ran there, and every unit is left
+// to run here.
+TEST(ResidentClient, RefusedTokenLeavesEveryUnitToRunHere) {
   server::ServerOptions options;
-  options.token = kToken;
-  int ran = 0;
-  options.exec = [&ran](const server::ExecRequest&) { return std::to_string(++ran); };
+  std::atomic<int> ran = 0;
+  options.exec = [&ran](const server::ExecRequest&) {
+    ++ran;
+    return server::ExecResult("ran\n", "", 0);
+  };
   server::testing::RunningServer resident(std::move(options));
-  std::istringstream piped("first\nsecond\n");
-  std::ostringstream out;
-  std::string unsent;
-  EXPECT_EQ(forward_lines(resident.port(), "", std::string(64, 'b'), piped, out, unsent),
-            ExecOutcome::kRefused);
-  EXPECT_EQ(unsent, "first\nsecond\n");
-  EXPECT_EQ(out.str(), "");
+  UnitSource source(reader_of("first\nsecond\n"));
+  testing::internal::CaptureStdout();
+  ForwardResult result = forward_units(resident.port(), "", source, std::string(64, 'b'));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_TRUE(result.refused);
+  EXPECT_TRUE(result.rest_runs_here);
   EXPECT_EQ(ran, 0);
+  EXPECT_EQ(source.next(), "first\n");
+  EXPECT_EQ(source.next(), "second\n");
 }
 
-TEST(ResidentClient, ForwardFailsWhenNothingListens) {
+TEST(ResidentClient, NothingListeningLeavesEveryUnitToRunHere) {
   std::uint16_t port;
   {
     server::testing::RunningServer gone{server::ServerOptions{}};
     port = gone.port();
   }
-  std::istringstream piped("a\nb\n");
-  std::ostringstream out;
-  std::string unsent;
-  EXPECT_EQ(forward_lines(port, "x", kToken, piped, out, unsent), ExecOutcome::kFailed);
-  EXPECT_EQ(forward_lines(port, "", kToken, piped, out, unsent), ExecOutcome::kFailed);
-  EXPECT_EQ(out.str(), "");
-  EXPECT_EQ(unsent, "a\nb\n");
-  std::istringstream nothing;
-  EXPECT_EQ(forward_lines(port, "", kToken, nothing, out, unsent),
-            ExecOutcome::kAnswered);  // no lines: nothing failed
+  UnitSource source(reader_of("a\nb\n"));
+  ForwardResult result = forward_units(port, "", source, kToken);
+  EXPECT_TRUE(result.rest_runs_here);
+  EXPECT_FALSE(result.any_sent);
+  EXPECT_EQ(source.next(), "a\n");  // the unsent unit is put back, not dropped
+  EXPECT_EQ(source.next(), "b\n");
+  EXPECT_EQ(source.next(), std::nullopt);
 }
 
 }  // namespace kx::launcher

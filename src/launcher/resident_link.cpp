@@ -3,9 +3,9 @@
 
 #include <cstdio>
 #include <exception>
-#include <iostream>
 #include <set>
 
+#include "lang/console_seats.hpp"
 #include "lang/interpreter.hpp"
 #include "launcher/resident_client.hpp"
 #include "launcher/resident_lifecycle.hpp"
@@ -26,46 +26,64 @@ void say_running_locally(std::uint16_t port) {
 // process.
 std::set<std::uint16_t> g_other_homes;
 
-bool refuse_other_home(std::uint16_t port) {
+void say_other_home(std::uint16_t port) {
   std::fprintf(stderr, "Kestrune: port %d serves another home — running this command locally\n",
                port);
   g_other_homes.insert(port);
-  return false;
 }
 
-bool forward_or_say(std::uint16_t port, const std::string& line, std::string& unsent) {
-  switch (forward_lines(port, line, own_home_token(), std::cin, std::cout, unsent)) {
-    case ExecOutcome::kAnswered:
-      return true;
-    case ExecOutcome::kRefused:
-      return refuse_other_home(port);
-    case ExecOutcome::kFailed:
-      break;
-  }
+ForwardResult run_here() {
+  ForwardResult everything;
+  everything.rest_runs_here = true;
+  return everything;
+}
+
+ForwardResult run_here(std::uint16_t port) {
   say_running_locally(port);
-  return false;
+  return run_here();
+}
+
+ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSource& source,
+                             const std::string& token) {
+  ForwardResult result = forward_units(port, line, source, token);
+  if (!result.rest_runs_here) return result;
+  if (result.refused) {
+    say_other_home(port);
+  } else if (!result.any_sent) {
+    say_running_locally(port);
+  } else {
+    std::fprintf(stderr,
+                 "Kestrune: the resident on port %d no longer answers — running the rest of the "
+                 "input locally\n",
+                 port);
+  }
+  return result;
 }
 
 }  // namespace
 
-// Every command of every caller runs under the session's one lock; the caller's
-// working directory applies to its own command only.
+// Every unit of every caller runs under the session's one lock, through the same
+// front end as a local run, in the caller's own console seat.
 server::ExecBridge make_exec_bridge(Workspace& workspace) {
-  return [&workspace](const server::ExecRequest& request) -> std::string {
+  auto seats = std::make_shared<lang::ConsoleSeats>();
+  return [&workspace, seats](const server::ExecRequest& request) -> server::ExecResult {
+    std::string key = request.session.empty() ? "" : request.bot + "\n" + request.session;
     lang::Session& session = *workspace.session;
     std::lock_guard guard(session.lock);
-    std::filesystem::path saved_cwd = session.cwd;
-    if (!request.cwd.empty()) session.cwd = request.cwd;
-    std::string out;
-    try {
-      out = lang::run_line(session, request.bot, request.line);
-    } catch (const std::exception& e) {
-      out = std::string("ERROR: the command failed inside the resident (") + e.what() + ")";
-    } catch (...) {
-      out = "ERROR: the command failed inside the resident";
+    if (request.structured_only) {
+      std::filesystem::path saved_cwd = session.cwd;
+      if (!request.cwd.empty()) session.cwd = request.cwd;
+      std::string out = lang::run_line(session, request.bot, request.line);
+      session.cwd = saved_cwd;
+      return out;
     }
-    session.cwd = saved_cwd;
-    return out;
+    std::string saved_bot = session.bot_id;
+    session.bot_id = request.bot;
+    lang::UnitResult result =
+        seats->run(session, key, request.cwd, request.line,
+                   request.arguments ? lang::UnitForm::kArguments : lang::UnitForm::kLines);
+    session.bot_id = saved_bot;
+    return {std::move(result.out), std::move(result.err), result.status};
   };
 }
 
@@ -124,45 +142,42 @@ bool contains(const std::string& line, const char* word) {
 
 }  // namespace
 
-bool forward_to_resident(std::uint16_t port, const std::string& line, std::string& unsent) {
+ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, UnitSource& source) {
   // Tests and scripts that must never touch a resident set KESTRUNE_LOCAL=1.
-  if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return false;
-  if (g_other_homes.count(port)) return false;
+  if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return run_here();
+  if (g_other_homes.count(port)) return run_here();
+  std::string token = own_home_token();
   ProbeResult found = probe(port);
   switch (found.health) {
-    case Health::kCompatible: {
-      // Its home's fingerprint tells before anything is sent whether our line
+    case Health::kCompatible:
+      // Its home's fingerprint tells before anything is sent whether our units
       // would land in someone else's home.
-      std::string token = own_home_token();
-      if (!found.home.empty() && (token.empty() || found.home != server::token_fingerprint(token)))
-        return refuse_other_home(port);
-      return forward_or_say(port, line, unsent);
-    }
-    case Health::kNothing:
-      if (!bring_up(port)) {
-        say_running_locally(port);
-        return false;
+      if (!found.home.empty() &&
+          (token.empty() || found.home != server::token_fingerprint(token))) {
+        say_other_home(port);
+        return run_here();
       }
-      return forward_or_say(port, line, unsent);
+      return forward_or_say(port, line, source, token);
+    case Health::kNothing:
+      if (!bring_up(port)) return run_here(port);
+      // The resident just brought up made the token if there was none.
+      return forward_or_say(port, line, source, own_home_token());
     case Health::kOtherVersion:
       if (!found.version.empty() && compare_versions(found.version, kVersion) < 0) {
         std::fprintf(stderr, "Kestrune: evicting stale resident %s on port %d, starting %s\n",
                      found.version.c_str(), port, kVersion);
-        if (!shut_down(port) || !bring_up(port)) {
-          say_running_locally(port);
-          return false;
-        }
-        return forward_or_say(port, line, unsent);
+        if (!shut_down(port) || !bring_up(port)) return run_here(port);
+        return forward_or_say(port, line, source, own_home_token());
       }
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a different Kestrune version");
-      return false;
+      return run_here();
     case Health::kForeign:
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a non-Kestrune process");
-      return false;
+      return run_here();
   }
-  return false;
+  return run_here();
 }
 
 int run_server_verb(Workspace& workspace, std::uint16_t port, const std::string& line) {

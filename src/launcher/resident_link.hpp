@@ -4,17 +4,19 @@
 #include <cstdint>
 #include <string>
 
+#include "launcher/resident_client.hpp"
+#include "launcher/unit_source.hpp"
 #include "launcher/workspace.hpp"
 #include "server/server.hpp"
 
 namespace kx::launcher {
 
 // Probes the port and, when a compatible resident serves it (or one can be brought
-// up, or an older one evicted), forwards the line and prints its result. An empty
-// line forwards standard input line by line. Returns true when the resident
-// answered; false means: run the line locally (the reason was printed on stderr),
-// and with it `unsent`, input that was read but not answered.
-bool forward_to_resident(std::uint16_t port, const std::string& line, std::string& unsent);
+// up, or an older one evicted), forwards the line (or, when it is empty, the units
+// of `source`) and prints the answers. The result says what is left to run
+// locally: everything when no resident could take it (the reason was printed on
+// stderr), the unsent rest of `source` when forwarding stopped part way.
+ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, UnitSource& source);
 
 // Runs one command line of any caller on the workspace's session.
 server::ExecBridge make_exec_bridge(Workspace& workspace);

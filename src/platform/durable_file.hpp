@@ -3,6 +3,7 @@
 // disk (fsync) before the call returns success.
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,59 @@ namespace kx::platform {
 // temporary name and rename).
 bool write_file_durable(const std::filesystem::path& path, std::string_view data,
                         std::string& reason);
+
+// Creates `path`, which must not exist yet, writes `data` and fsyncs it. A link or
+// any other entry already at that name makes it fail: it never writes through one.
+[[nodiscard]] bool write_new_file_durable(const std::filesystem::path& path, std::string_view data,
+                                          std::string& reason);
+
+// Renames `from` over `to` (replacing a file there, or the link itself when `to` is a
+// link) and syncs `to`'s directory.
+[[nodiscard]] bool replace_durable(const std::filesystem::path& from,
+                                   const std::filesystem::path& to, std::string& reason);
+
+// The longest full path this system's file calls accept, in bytes of its UTF-8 form
+// (a conservative count where the system counts UTF-16 units).
+std::size_t max_path_bytes();
+
+// Every temporary file of a write ends in this, so that listings and the watcher know
+// it as machinery.
+inline constexpr std::string_view kTempFileSuffix = ".tmp$";
+
+// A fresh, short temporary name in `target`'s directory: ".kx<16 hex digits>.tmp$".
+// Its length does not depend on the target's, so the longest name a file system holds
+// can still be saved.
+std::filesystem::path fresh_temp_path(const std::filesystem::path& target);
+
+// Whether `name` is one of fresh_temp_path's names: a crash may leave one behind.
+bool is_write_temp_name(std::string_view name);
+
+// New bytes for `target`, written and synced under a fresh temporary name, put in
+// place by commit(). Destroyed without a commit, it removes its temporary file, so a
+// step that fails later leaves nothing behind and the target untouched.
+class StagedFile {
+ public:
+  [[nodiscard]] static std::optional<StagedFile> stage(const std::filesystem::path& target,
+                                                       std::string_view data, std::string& reason);
+  StagedFile(StagedFile&& other) noexcept;
+  StagedFile& operator=(StagedFile&& other) noexcept;
+  StagedFile(const StagedFile&) = delete;
+  ~StagedFile();
+
+  [[nodiscard]] bool commit(std::string& reason);
+  const std::filesystem::path& target() const { return target_; }
+
+ private:
+  StagedFile(std::filesystem::path target, std::filesystem::path temp);
+  void discard();
+  std::filesystem::path target_;
+  std::filesystem::path temp_;  // empty once committed or moved from
+};
+
+// Replaces `target` with `data` atomically and durably: stage, then commit. The one
+// routine for whole-file writes; the target is either its old bytes or the new ones.
+[[nodiscard]] bool replace_file_durable(const std::filesystem::path& target, std::string_view data,
+                                        std::string& reason);
 
 // Appends `data` to `path` (created when missing) with one write and fsyncs it.
 bool append_file_durable(const std::filesystem::path& path, std::string_view data,

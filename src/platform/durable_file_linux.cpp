@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "platform/durable_file.hpp"
@@ -43,6 +44,29 @@ bool write_with_flags(const std::filesystem::path& path, std::string_view data, 
 }
 
 }  // namespace
+
+std::size_t max_path_bytes() {
+  return PATH_MAX - 1;
+}
+
+bool write_new_file_durable(const std::filesystem::path& path, std::string_view data,
+                            std::string& reason) {
+  return write_with_flags(path, data, O_EXCL | O_NOFOLLOW, reason);
+}
+
+bool replace_durable(const std::filesystem::path& from, const std::filesystem::path& to,
+                     std::string& reason) {
+  if (::rename(from.c_str(), to.c_str()) != 0) {
+    reason = std::strerror(errno);
+    return false;
+  }
+  // The rename is what a crash must not lose: flush the directory entry too.
+  if (!sync_directory(to.parent_path().empty() ? "." : to.parent_path())) {
+    reason = "directory sync failed";
+    return false;
+  }
+  return true;
+}
 
 bool write_file_durable(const std::filesystem::path& path, std::string_view data,
                         std::string& reason) {

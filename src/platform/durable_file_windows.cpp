@@ -12,9 +12,9 @@ std::string last_error_text() {
 }
 
 bool write_with_access(const std::filesystem::path& path, std::string_view data, DWORD access,
-                       DWORD disposition, std::string& reason) {
+                       DWORD disposition, DWORD flags, std::string& reason) {
   HANDLE file = ::CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+                              FILE_ATTRIBUTE_NORMAL | flags, nullptr);
   if (file == INVALID_HANDLE_VALUE) {
     reason = last_error_text();
     return false;
@@ -40,14 +40,37 @@ bool write_with_access(const std::filesystem::path& path, std::string_view data,
 
 }  // namespace
 
+// Paths are passed without the "\\?\" prefix, so the classic limit holds.
+std::size_t max_path_bytes() {
+  return MAX_PATH - 1;
+}
+
+bool write_new_file_durable(const std::filesystem::path& path, std::string_view data,
+                            std::string& reason) {
+  // CREATE_NEW fails on any existing entry, a reparse point (link) included, so a
+  // planted link is never written through.
+  return write_with_access(path, data, GENERIC_WRITE, CREATE_NEW, FILE_FLAG_OPEN_REPARSE_POINT,
+                           reason);
+}
+
+bool replace_durable(const std::filesystem::path& from, const std::filesystem::path& to,
+                     std::string& reason) {
+  if (!::MoveFileExW(from.c_str(), to.c_str(),
+                     MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+    reason = last_error_text();
+    return false;
+  }
+  return true;
+}
+
 bool write_file_durable(const std::filesystem::path& path, std::string_view data,
                         std::string& reason) {
-  return write_with_access(path, data, GENERIC_WRITE, CREATE_ALWAYS, reason);
+  return write_with_access(path, data, GENERIC_WRITE, CREATE_ALWAYS, 0, reason);
 }
 
 bool append_file_durable(const std::filesystem::path& path, std::string_view data,
                          std::string& reason) {
-  return write_with_access(path, data, FILE_APPEND_DATA, OPEN_ALWAYS, reason);
+  return write_with_access(path, data, FILE_APPEND_DATA, OPEN_ALWAYS, 0, reason);
 }
 
 FileLock::FileLock(const std::filesystem::path& path) {

@@ -8,6 +8,8 @@
 
 namespace kx::platform {
 
+inline constexpr int kDrainGraceMillis = 200;
+
 struct ShellOutcome {
   std::string output;      // standard output and standard error, interleaved
   int exit_code = 0;       // meaningful when the command ended by itself
@@ -17,8 +19,10 @@ struct ShellOutcome {
 };
 
 // Runs `command` with /bin/sh -c (cmd.exe /d /s /c on Windows) in `cwd`, standard
-// input at end-of-file, the child leading its own process group. On time-out the
-// whole group is killed. Output is capped at `output_cap` bytes.
+// input at end-of-file. The run ends when the shell ends (or at the time-out):
+// output still in the pipe is drained for kDrainGraceMillis, then the whole tree
+// is killed, descendants that left the process group included. Output is capped
+// at `output_cap` bytes.
 ShellOutcome run_shell(std::string_view command, const std::filesystem::path& cwd,
                        std::chrono::milliseconds timeout, std::size_t output_cap);
 

@@ -105,6 +105,10 @@ ShellOutcome run_shell(std::string_view command, const std::filesystem::path& cw
     if (job != nullptr) ::TerminateJobObject(job, 1);
     ::TerminateProcess(process.hProcess, 1);
   }
+  // The command is over: what it wrote is drained for a short grace, then
+  // descendants that outlived it (holding the pipe open) go with the job.
+  for (int i = 0; i < kDrainGraceMillis / 10 && !reader_done; ++i) ::Sleep(10);
+  if (job != nullptr) ::TerminateJobObject(job, 1);
   for (int i = 0; i < 100 && !reader_done; ++i) ::Sleep(50);  // up to 5 s for the reader
   if (!reader_done) ::CancelIoEx(read_end, nullptr);
   reader.join();
@@ -112,10 +116,7 @@ ShellOutcome run_shell(std::string_view command, const std::filesystem::path& cw
   DWORD code = 1;
   ::GetExitCodeProcess(process.hProcess, &code);
   outcome.exit_code = outcome.timed_out ? 1 : static_cast<int>(code);
-  if (job != nullptr) {
-    ::TerminateJobObject(job, 1);  // descendants that outlived the command do not linger
-    ::CloseHandle(job);
-  }
+  if (job != nullptr) ::CloseHandle(job);
   ::CloseHandle(read_end);
   ::CloseHandle(process.hThread);
   ::CloseHandle(process.hProcess);

@@ -75,14 +75,8 @@ bool TrackedTrees::remember(const std::string& tree, std::string& error) {
   for (const auto& t : trees_) text += t + "\n";
   std::error_code ec;
   fs::create_directories(file_.parent_path(), ec);
-  fs::path temp = file_;
-  temp += ".tmp";
-  if (!platform::write_file_durable(temp, text, error)) return true;
-  fs::rename(temp, file_, ec);
-  if (ec)
-    error = ec.message();
-  else
-    platform::sync_directory(file_.parent_path());
+  // A failure is reported in `error`; the tree is remembered in RAM either way.
+  (void)platform::replace_file_durable(file_, text, error);
   return true;
 }
 

@@ -20,9 +20,9 @@ std::string health_body(const ServerState& state, bool shutting_down) {
   return body + "}";
 }
 
-std::string run_logged(ServerState& state, const ExecRequest& exec, const char* route) {
+ExecResult run_logged(ServerState& state, const ExecRequest& exec, const char* route) {
   auto start = std::chrono::steady_clock::now();
-  std::string out = state.options.exec(exec);
+  ExecResult out = state.options.exec(exec);
   auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(
                     std::chrono::steady_clock::now() - start)
                     .count();
@@ -42,7 +42,9 @@ std::string param(const Request& request, std::string_view name) {
 std::optional<std::string> run_command(ServerState& state, const std::string& bot,
                                        const std::string& line, const char* route) {
   if (!state.options.exec) return std::nullopt;
-  return run_logged(state, ExecRequest{bot, line, {}, false}, route);
+  ExecRequest request = line_request(bot, line);
+  request.structured_only = true;
+  return run_logged(state, request, route).printed();
 }
 
 Response command_answer(const std::optional<std::string>& out) {
@@ -86,10 +88,18 @@ Response handle_console_exec(ServerState& state, const Request& request, RouteEf
   if (!state.options.exec)
     return json_response("503 Service Unavailable",
                          R"({"ok":false,"error":"interpreter bridge not wired"})");
-  ExecRequest exec{bot, request.body, request.header("x-kst-cwd"),
-                   request.header("x-kst-tty") == "1"};
-  std::string out = run_logged(state, exec, "/console/exec");
-  return ok_json("{\"ok\":true,\"bot\":" + json_string(bot) + ",\"out\":" + json_string(out) + "}");
+  ExecRequest exec;
+  exec.bot = bot;
+  exec.line = request.body;
+  exec.cwd = request.header("x-kst-cwd");
+  exec.tty = request.header("x-kst-tty") == "1";
+  exec.session = request.header("x-kst-session");
+  // Input framed into units says so; anything else posts one command line.
+  exec.arguments = request.header("x-kst-form") != "lines";
+  ExecResult result = run_logged(state, exec, "/console/exec");
+  return ok_json("{\"ok\":true,\"bot\":" + json_string(bot) +
+                 ",\"out\":" + json_string(result.out) + ",\"err\":" + json_string(result.err) +
+                 ",\"status\":" + std::to_string(result.status) + "}");
 }
 
 Response handle_interp(ServerState& state, const Request& request, RouteEffects&) {
@@ -99,8 +109,11 @@ Response handle_interp(ServerState& state, const Request& request, RouteEffects&
   if (!state.options.exec)
     return {"503 Service Unavailable", kTextUtf8, "interpreter bridge not wired"};
   std::string bot = form_param(request.query, "bot");
-  ExecRequest exec{bot.empty() ? "cli" : bot, cmd, {}, false};
-  return {"200 OK", kTextUtf8, run_logged(state, exec, "/interp")};
+  ExecRequest exec;
+  exec.bot = bot.empty() ? "cli" : bot;
+  exec.line = cmd;
+  ExecResult result = run_logged(state, exec, "/interp");
+  return {"200 OK", kTextUtf8, result.printed()};
 }
 
 Response handle_debug_stream(ServerState& state, const Request& request, RouteEffects&) {

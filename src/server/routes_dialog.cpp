@@ -49,16 +49,7 @@ bool write_bindings(const fs::path& file, const std::map<std::string, Binding>& 
   for (const auto& [channel, b] : bindings) text += channel + '\t' + b.ctx + '\t' + b.topic + '\n';
   std::error_code ec;
   fs::create_directories(file.parent_path(), ec);
-  fs::path temp = file;
-  temp += ".tmp";
-  if (!platform::write_file_durable(temp, text, reason)) return false;
-  fs::rename(temp, file, ec);
-  if (ec) {
-    reason = ec.message();
-    return false;
-  }
-  platform::sync_directory(file.parent_path());
-  return true;
+  return platform::replace_file_durable(file, text, reason);
 }
 
 bool plain_field(const std::string& value) {

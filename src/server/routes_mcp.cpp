@@ -10,7 +10,7 @@ protocols::ToolHost tool_host(ServerState& state) {
   protocols::ToolHost host;
   if (state.options.exec)
     host.run = [&state](std::string_view line) {
-      return state.options.exec(ExecRequest{"mcp", std::string(line), "", false});
+      return state.options.exec(line_request("mcp", std::string(line))).printed();
     };
   return host;
 }

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server/chat_hub.hpp"
@@ -20,10 +21,34 @@ namespace kx::server {
 struct ExecRequest {
   std::string bot;
   std::string line;
-  std::string cwd;   // the caller's working directory, "" when not sent
-  bool tty = false;  // the caller's output is a terminal
+  std::string cwd;        // the caller's working directory, "" when not sent
+  bool tty = false;       // the caller's output is a terminal
+  std::string session;    // the caller's console ("" when it keeps none): its state carries over
+  bool arguments = true;  // one command line (a newline in it is text), not framed input
+  // A structured command from one of the resident's own pages, run as it is
+  // rather than through the grammar front end.
+  bool structured_only = false;
 };
-using ExecBridge = std::function<std::string(const ExecRequest&)>;
+
+// One command line from a caller that keeps no console (MCP, the UI).
+inline ExecRequest line_request(std::string bot, std::string line) {
+  ExecRequest request;
+  request.bot = std::move(bot);
+  request.line = std::move(line);
+  return request;
+}
+
+// What a line printed: results, parse errors, and the exit status a local run gives.
+struct ExecResult {
+  ExecResult(std::string out_in = {}, std::string err_in = {}, int status_in = 0)
+      : out(std::move(out_in)), err(std::move(err_in)), status(status_in) {}
+  std::string out;
+  std::string err;
+  int status = 0;
+  // Both streams as one text, for callers that show a single answer.
+  std::string printed() const { return err + out; }
+};
+using ExecBridge = std::function<ExecResult(const ExecRequest&)>;
 
 // A read-only answer the server cannot compute itself, since it links no subsystem
 // (the store's file tree, a file's versions, a diff). The launcher supplies them,

@@ -118,12 +118,14 @@ TEST(Server, ConsoleExecRunsTheBodyAndEscapesTheResult) {
       post("/console/exec?bot=cli", "fs:ls .", "X-Kst-Cwd: /tmp/work dir\r\nX-Kst-Tty: 1\r\n"));
   EXPECT_EQ(status_of(reply), "HTTP/1.1 200 OK");
   EXPECT_EQ(body_of(reply),
-            "{\"ok\":true,\"bot\":\"cli\",\"out\":\"OK: ran fs:ls .\\n\\u0009tab \\\"q\\\"\"}");
+            "{\"ok\":true,\"bot\":\"cli\",\"out\":\"OK: ran fs:ls .\\n\\u0009tab \\\"q\\\"\","
+            "\"err\":\"\",\"status\":0}");
   std::lock_guard guard(recorded->lock);
   EXPECT_EQ(recorded->last.bot, "cli");
   EXPECT_EQ(recorded->last.line, "fs:ls .");
   EXPECT_EQ(recorded->last.cwd, "/tmp/work dir");
   EXPECT_TRUE(recorded->last.tty);
+  EXPECT_TRUE(recorded->last.arguments);  // one posted line is one command line
 }
 
 TEST(Server, ConsoleExecChecksBotAndCommandBeforeSizeAndSizeBeforeTheBridge) {

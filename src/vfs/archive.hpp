@@ -24,6 +24,12 @@ inline constexpr std::string_view kTombstoneSuffix = ".tombstone";
 
 bool is_machinery_name(std::string_view name);
 
+// File systems hold names of up to 255 bytes. A versioned file's history lives in
+// ".<name>.oldversions", 13 bytes longer than the name, so such a name may hold at
+// most 242; a file without history may use all 255.
+inline constexpr std::size_t kMaxNameBytes = 255;
+inline constexpr std::size_t kMaxVersionedNameBytes = kMaxNameBytes - 13;
+
 // Files whose name begins with this have no mirror copy and no archive.
 bool is_unmirrored_name(std::string_view name);
 

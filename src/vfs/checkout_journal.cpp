@@ -69,12 +69,8 @@ bool CheckoutJournal::rewrite(const std::vector<CheckoutRecord>& open) const {
   std::filesystem::create_directories(file_.parent_path(), ec);
   std::string text;
   for (const CheckoutRecord& record : open) text += format_checkout(record);
-  std::filesystem::path temp = file_;
-  temp += ".tmp$";
   std::string reason;
-  if (!kx::platform::write_file_durable(temp, text, reason)) return false;
-  std::filesystem::rename(temp, file_, ec);
-  return !ec;
+  return kx::platform::replace_file_durable(file_, text, reason);
 }
 
 }  // namespace kst

@@ -36,12 +36,7 @@ bool write_out(const fs::path& target, const std::string& text, std::string& rea
     reason = ec.message();
     return false;
   }
-  fs::path temp = target;
-  temp += ".tmp$";
-  if (!kx::platform::write_file_durable(temp, text, reason)) return false;
-  fs::rename(temp, target, ec);
-  if (ec) reason = ec.message();
-  return !ec;
+  return kx::platform::replace_file_durable(target, text, reason);
 }
 
 }  // namespace

@@ -122,12 +122,8 @@ bool record_in_config(const fs::path& file, const fs::path& dir, const Policy& p
   text += dir.string() + " :: " + policy_text(policy) + "\n";
   std::error_code ec;
   fs::create_directories(file.parent_path(), ec);
-  fs::path temp = file;
-  temp += ".tmp$";
   std::string reason;
-  if (!kx::platform::write_file_durable(temp, text, reason)) return false;
-  fs::rename(temp, file, ec);
-  return !ec;
+  return kx::platform::replace_file_durable(file, text, reason);
 }
 
 std::size_t store_index(const StoreSet& stores, const Store* store) {

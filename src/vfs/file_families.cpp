@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "lang/session.hpp"
+#include "lang/text.hpp"
 #include "platform/home.hpp"
 #include "platform/process_info.hpp"
 #include "vfs/commands.hpp"
@@ -25,13 +26,19 @@ fs::path session_cwd(const lang::Session& session) {
   return platform::current_directory().value_or(fs::path("."));
 }
 
-lang::VerbHandler handler_of(const std::shared_ptr<kst::StoreSet>& stores, Handler handler) {
-  return [stores, handler](lang::Session& session, std::string_view args) -> std::string {
+// Whether a verb's result is a file's bytes, shown exactly as stored; every other
+// result is made safe to print, since names on disk may hold terminal controls.
+enum class Shows { kMessages, kContent };
+
+lang::VerbHandler handler_of(const std::shared_ptr<kst::StoreSet>& stores, Handler handler,
+                             Shows shows = Shows::kMessages) {
+  return [stores, handler, shows](lang::Session& session, std::string_view args) -> std::string {
     try {
       CommandContext ctx{*stores, session.bot_id, session_cwd(session), stores->report()};
       // Versions written by other processes are in the edit log: read them first.
       kst::follow_edit_logs(*stores);
-      return handler(ctx, args);
+      std::string result = handler(ctx, args);
+      return shows == Shows::kContent ? result : lang::printable_lines(result);
     } catch (const std::exception& e) {
       return std::string("ERROR: ") + e.what();
     }
@@ -59,7 +66,7 @@ lang::Family family(std::string name, std::string title, std::string unknown_tex
   f.title = std::move(title);
   std::string family_name = f.name;
   f.unknown_verb = [family_name, unknown_text](std::string_view v) {
-    return "ERROR: unknown " + family_name + " op '" + std::string(v) + "' " + unknown_text;
+    return "ERROR: unknown " + family_name + " op '" + lang::printable(v) + "' " + unknown_text;
   };
   return f;
 }
@@ -78,7 +85,7 @@ std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, 
                           "checkout/checkin/log/diff/revert, fsraw: for a direct OS op.");
   fs_family.verbs = {
       verb("cat", {"read"}, "print a versioned file's current text", "fs:cat <path>",
-           "fs:cat src/main.cpp", "Files", handler_of(stores, kst::fs_cat)),
+           "fs:cat src/main.cpp", "Files", handler_of(stores, kst::fs_cat, Shows::kContent)),
       verb("rm", {"del", "remove", "delete"}, "tombstone a file (history kept; fs:restore undoes)",
            "fs:rm <path>", "fs:rm notes/old.md", "Files", handler_of(stores, kst::fs_rm)),
       verb("move", {"mv", "rename"}, "move a file with its whole version chain",

@@ -147,7 +147,7 @@ TEST_F(FileFamilies, BadPathsAreRefusedAndChangeNothing) {
   EXPECT_TRUE(
       run("fsmk", "file", "/etc/passwd").starts_with("ERROR: path '/etc/passwd' is outside"));
   EXPECT_EQ(run("fsmk", "file", std::string("bad\x01name")),
-            "ERROR: invalid path 'bad\x01name': byte 0x01 is not allowed in a name");
+            "ERROR: invalid path 'bad\\x01name': byte 0x01 is not allowed in a name");
   EXPECT_TRUE(run("fsmk", "file", "bad\xff.txt").starts_with("ERROR: invalid path"));
   EXPECT_EQ(run("fsmk", "file", "a.txt.tombstone"),
             "ERROR: reserved name: 'a.txt.tombstone' uses a machinery suffix (.tombstone / .tmp$ "

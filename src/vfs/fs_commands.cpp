@@ -9,6 +9,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "lang/text.hpp"
 #include "platform/durable_file.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/args.hpp"
@@ -103,7 +104,7 @@ Located locate(Store& store, const std::string& arg) {
     }
     if (!fs::is_regular_file(disk, ec)) {
       store.detach_file(*path);
-      l.error = "ERROR: no such file: " + arg;
+      l.error = "ERROR: no such file: " + kx::lang::printable(arg);
       return l;
     }
     std::ifstream in(disk, std::ios::binary);
@@ -120,7 +121,7 @@ Located locate(Store& store, const std::string& arg) {
     return l;
   }
   if (!r.found) {
-    l.error = "ERROR: no such file: " + arg;
+    l.error = "ERROR: no such file: " + kx::lang::printable(arg);
     return l;
   }
   l.path = r.path;
@@ -141,7 +142,8 @@ std::string fs_cat(CommandContext& ctx, std::string_view args) {
   if (!l.error.empty()) return l.error;
   if (l.directory) return "ERROR: not a file";
   if (l.file->tombstoned)
-    return "ERROR: file tombstoned: " + l.path + " (fs:restore to bring it back)";
+    return "ERROR: file tombstoned: " + kx::lang::printable(l.path) +
+           " (fs:restore to bring it back)";
   return l.file->text();
 }
 
@@ -155,7 +157,8 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
   if (!l.error.empty()) return l.error;
   if (l.directory) return "ERROR: not a file";
   if (l.file->tombstoned)
-    return "ERROR: file tombstoned: " + l.path + " (fs:restore to bring it back)";
+    return "ERROR: file tombstoned: " + kx::lang::printable(l.path) +
+           " (fs:restore to bring it back)";
   const Store::ProcessLock across_processes(*store);
   if (auto refusal = refuse_write(*store, l.path, ctx, "tombstone")) return *refusal;
   std::error_code ec;
@@ -163,7 +166,8 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
     fs::remove(store->disk_path(l.path), ec);
     if (ec) return "ERROR: remove failed: " + ec.message();
     store->detach_file(l.path);
-    return "OK: removed " + l.path + " (cache write-through store, no history kept)";
+    return "OK: removed " + kx::lang::printable(l.path) +
+           " (cache write-through store, no history kept)";
   }
   File& file = *l.file;
   fs::path mirror = store->mirror_path(l.path);
@@ -171,11 +175,11 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
   fs::remove(store->disk_path(l.path), ec);
   if (ec) {
     if (!mirror.empty()) fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
-    return "ERROR: could not remove " + l.path + " from the working tree";
+    return "ERROR: could not remove " + kx::lang::printable(l.path) + " from the working tree";
   }
   file.tombstoned = true;
   record_edit(*store, l.path, "tombstone", ctx.seat, file.current, file.current, ctx.warn);
-  return "OK: tombstoned " + l.path + " (append-only; fs:restore to undo)";
+  return "OK: tombstoned " + kx::lang::printable(l.path) + " (append-only; fs:restore to undo)";
 }
 
 std::string fs_restore(CommandContext& ctx, std::string_view args) {
@@ -188,12 +192,12 @@ std::string fs_restore(CommandContext& ctx, std::string_view args) {
   if (!l.error.empty()) return l.error;
   if (l.directory) return "ERROR: not a file";
   File& file = *l.file;
-  if (!file.tombstoned) return "ERROR: " + l.path + " is not tombstoned";
+  if (!file.tombstoned) return "ERROR: " + kx::lang::printable(l.path) + " is not tombstoned";
   if (file.versions.empty()) return "ERROR: no content version to restore";
   const Store::ProcessLock across_processes(*store);
   if (auto refusal = refuse_write(*store, l.path, ctx, "restore")) return *refusal;
   if (!write_replacing(store->disk_path(l.path), file.text()))
-    return "ERROR: could not write " + l.path;
+    return "ERROR: could not write " + kx::lang::printable(l.path);
   fs::path mirror = store->mirror_path(l.path);
   std::error_code ec;
   if (!mirror.empty()) {
@@ -202,7 +206,7 @@ std::string fs_restore(CommandContext& ctx, std::string_view args) {
   }
   file.tombstoned = false;
   record_edit(*store, l.path, "restore", ctx.seat, file.current, file.current, ctx.warn);
-  return "OK: restored " + l.path;
+  return "OK: restored " + kx::lang::printable(l.path);
 }
 
 std::string fs_move(CommandContext& ctx, std::string_view args) {
@@ -215,7 +219,8 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
   const Store::ProcessLock across_processes(*store);
   Located l = locate(*store, p->first);
   if (!l.error.empty()) {
-    if (l.error.starts_with("ERROR: no such file: ")) return "ERROR: no such file: " + p->first;
+    if (l.error.starts_with("ERROR: no such file: "))
+      return "ERROR: no such file: " + kx::lang::printable(p->first);
     return l.error;
   }
   if (l.directory) return "ERROR: not a file";
@@ -225,11 +230,12 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
   if (*dest == l.path) return "ERROR: source and destination are the same";
   std::error_code ec;
   if (store->find_node(*dest) != nullptr || fs::exists(store->disk_path(*dest), ec))
-    return "ERROR: destination '" + p->second +
+    return "ERROR: destination '" + kx::lang::printable(p->second) +
            "' already exists — fs:rm it first, or fs:copy to keep its history";
   if (auto refusal = refuse_path(*store, *dest)) return "ERROR: " + *refusal;
   if (l.file->tombstoned)
-    return "ERROR: file tombstoned: " + l.path + " (fs:restore to bring it back)";
+    return "ERROR: file tombstoned: " + kx::lang::printable(l.path) +
+           " (fs:restore to bring it back)";
   if (auto refusal = refuse_write(*store, l.path, ctx, "move")) return *refusal;
 
   fs::path from = store->disk_path(l.path), to = store->disk_path(*dest);
@@ -266,7 +272,8 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
   if (store->hooks.after_move) store->hooks.after_move(*store, l.path, *dest);
   record_edit(*store, l.path, "move-away", ctx.seat, 0, version, ctx.warn);
   record_edit(*store, *dest, "move", ctx.seat, version, version, ctx.warn);
-  return "OK: moved " + l.path + " -> " + *dest + " (history followed)";
+  return "OK: moved " + kx::lang::printable(l.path) + " -> " + kx::lang::printable(*dest) +
+         " (history followed)";
 }
 
 std::string fs_copy(CommandContext& ctx, std::string_view args) {
@@ -277,19 +284,20 @@ std::string fs_copy(CommandContext& ctx, std::string_view args) {
   std::lock_guard guard(store->mutex());
   Located l = locate(*store, p->first);
   if (!l.error.empty()) {
-    if (l.error.starts_with("ERROR: no such file: ")) return "ERROR: no such file: " + p->first;
+    if (l.error.starts_with("ERROR: no such file: "))
+      return "ERROR: no such file: " + kx::lang::printable(p->first);
     return l.error;
   }
   if (l.directory) return "ERROR: not a file";
   if (l.file->tombstoned)
-    return "ERROR: source is tombstoned: " + l.path + " (fs:restore it first)";
+    return "ERROR: source is tombstoned: " + kx::lang::printable(l.path) + " (fs:restore it first)";
   std::string error;
   auto dest = store_path_of(*store, p->second, error);
   if (!dest) return "ERROR: " + error;
   std::error_code ec;
   if (dest->empty() || store->is_directory_path(*dest) ||
       fs::is_directory(store->disk_path(*dest), ec))
-    return "ERROR: destination is a directory: " + p->second;
+    return "ERROR: destination is a directory: " + kx::lang::printable(p->second);
   if (*dest == l.path) return "ERROR: source and destination are the same";
   bool existed = store->find_file(*dest) != nullptr;
   SaveRequest request;
@@ -297,7 +305,8 @@ std::string fs_copy(CommandContext& ctx, std::string_view args) {
   request.op = "copy";
   SaveResult saved = save_file(*store, *dest, l.file->text(), request, ctx.warn);
   if (!saved.ok) return "ERROR: " + saved.message;
-  std::string text = "OK: copied " + l.path + " -> " + *dest;
+  std::string text =
+      "OK: copied " + kx::lang::printable(l.path) + " -> " + kx::lang::printable(*dest);
   text += existed ? " (v" + std::to_string(saved.version) +
                         "; incoming copy replaced the working bytes)"
                   : " (v1, new versioned file)";

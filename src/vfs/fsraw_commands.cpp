@@ -7,6 +7,7 @@
 #include <optional>
 #include <system_error>
 
+#include "lang/text.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/args.hpp"
 #include "vfs/commands.hpp"
@@ -44,7 +45,7 @@ RawTarget raw_target(CommandContext& ctx, Store* store, const std::string& arg) 
     std::size_t end = path->find('/', start);
     if (end == std::string::npos) end = path->size();
     if (is_machinery_name(std::string_view(*path).substr(start, end - start))) {
-      t.error = "reserved name: '" + path->substr(start, end - start) +
+      t.error = "reserved name: '" + kx::lang::printable(path->substr(start, end - start)) +
                 "' uses a machinery suffix (.tombstone / .tmp$ / .oldversions)";
       return t;
     }
@@ -108,12 +109,20 @@ std::string fsraw_copy(CommandContext& ctx, std::string_view args) {
   std::optional<Store::ProcessLock> across_processes;
   if (store != nullptr) across_processes.emplace(*store);
   if (auto refusal = refuse_raw(ctx, store, {&to})) return *refusal;
+  if (store != nullptr)
+    if (auto link = link_out_of_store(*store, from.disk))
+      return "ERROR: raw copy refused: '" +
+             kx::lang::printable(link->lexically_relative(store->disk_root()).generic_string()) +
+             "' is a link to outside the store; copy what it points to by its own path";
   std::error_code ec;
-  fs::copy(from.disk, to.disk, fs::copy_options::recursive | fs::copy_options::overwrite_existing,
+  // Links are copied as links: the check above keeps them pointing inside the store.
+  fs::copy(from.disk, to.disk,
+           fs::copy_options::recursive | fs::copy_options::overwrite_existing |
+               fs::copy_options::copy_symlinks,
            ec);
   if (ec) return "ERROR: raw copy failed";
   forget(store, to.store_path);
-  return "OK: raw copy " + a[0] + " -> " + a[1];
+  return "OK: raw copy " + kx::lang::printable(a[0]) + " -> " + kx::lang::printable(a[1]);
 }
 
 std::string fsraw_move(CommandContext& ctx, std::string_view args) {
@@ -134,7 +143,7 @@ std::string fsraw_move(CommandContext& ctx, std::string_view args) {
   if (ec) return "ERROR: raw move failed";
   forget(store, from.store_path);
   forget(store, to.store_path);
-  return "OK: raw move " + a[0] + " -> " + a[1];
+  return "OK: raw move " + kx::lang::printable(a[0]) + " -> " + kx::lang::printable(a[1]);
 }
 
 std::string fsraw_remove(CommandContext& ctx, std::string_view args) {
@@ -154,7 +163,7 @@ std::string fsraw_remove(CommandContext& ctx, std::string_view args) {
   fs::remove_all(target.disk, ec);
   if (ec) return "ERROR: raw remove failed";
   forget(store, target.store_path);
-  return "OK: raw remove " + a[0];
+  return "OK: raw remove " + kx::lang::printable(a[0]);
 }
 
 }  // namespace kst

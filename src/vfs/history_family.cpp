@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "lang/session.hpp"
+#include "lang/text.hpp"
 #include "platform/process_info.hpp"
 #include "vfs/args.hpp"
 #include "vfs/commands.hpp"
@@ -53,7 +54,7 @@ kst::File* file_target(HistoryState& state, const kst::Args& args, Target& t, st
     return nullptr;
   }
   kst::File* file = t.store->find_file(t.path);
-  if (file == nullptr) out = "ERROR: not a file: " + t.path;
+  if (file == nullptr) out = "ERROR: not a file: " + kx::lang::printable(t.path);
   return file;
 }
 
@@ -83,7 +84,7 @@ std::string checkin(HistoryState& state, lang::Session& session, const kst::Args
     if (!created) return "ERROR: " + error;
     path = *created;
   } else if (!t.is_file) {
-    return "ERROR: not a file: " + path;
+    return "ERROR: not a file: " + kx::lang::printable(path);
   }
   const std::string& seat = session.bot_id;
   const auto content = args.element("content");
@@ -98,7 +99,8 @@ std::string checkin(HistoryState& state, lang::Session& session, const kst::Args
       return "ERROR: nothing to check in — give <content><![CDATA[..]]></content>, or "
              "fsvctl:checkout " +
              path + " first";
-    return "OK: checked in " + path + state.locks.release_after_checkin(store, path, seat);
+    return "OK: checked in " + kx::lang::printable(path) +
+           state.locks.release_after_checkin(store, path, seat);
   }
 
   const bool dirty = args.element("dirty") == "true";
@@ -116,10 +118,10 @@ std::string checkin(HistoryState& state, lang::Session& session, const kst::Args
       kst::save_file(store, path, *content, request, state.stores->report());
   if (!saved.ok) return "ERROR: " + saved.message;
   if (!store.versioned()) {
-    return "OK: wrote through " + path + " — " + kCacheMode + ", no version recorded" +
-           state.locks.release_after_checkin(store, path, seat);
+    return "OK: wrote through " + kx::lang::printable(path) + " — " + kCacheMode +
+           ", no version recorded" + state.locks.release_after_checkin(store, path, seat);
   }
-  std::string out = "OK: checked in " + path;
+  std::string out = "OK: checked in " + kx::lang::printable(path);
   if (request.dirty) out += " — " + check.message;
   if (check.outcome == Outcome::proceed_merge) out += " — merge recorded, dirty flag cleared";
   out += state.locks.release_after_checkin(store, path, seat);
@@ -134,7 +136,8 @@ std::string revert(HistoryState& state, lang::Session& session, const kst::Args&
   if (file == nullptr) return out;
   kst::Store& store = *t.store;
   if (!store.versioned())
-    return "ERROR: " + t.path + " is in a " + kCacheMode + " — no version history to revert to";
+    return "ERROR: " + kx::lang::printable(t.path) + " is in a " + kCacheMode +
+           " — no version history to revert to";
   const auto version = parse_number(args.get("version", 1));
   if (!version) return "ERROR: usage  " + std::string(usage);
   std::lock_guard guard(store.mutex());
@@ -146,8 +149,8 @@ std::string revert(HistoryState& state, lang::Session& session, const kst::Args&
   const kst::SaveResult saved =
       kst::save_file(store, t.path, *text, request, state.stores->report());
   if (!saved.ok) return "ERROR: " + saved.message;
-  return with_notice("OK: reverted " + t.path + " to v" + std::to_string(*version) + " (now v" +
-                         std::to_string(saved.version) + ")",
+  return with_notice("OK: reverted " + kx::lang::printable(t.path) + " to v" +
+                         std::to_string(*version) + " (now v" + std::to_string(saved.version) + ")",
                      t.path, saved);
 }
 
@@ -167,10 +170,12 @@ std::string diff(HistoryState& state, lang::Session&, const kst::Args& args) {
   std::lock_guard guard(t.store->mutex());
   const auto text_a = kst::read_version(*file, *a);
   if (!text_a)
-    return "ERROR: no v" + std::to_string(*a) + " of " + t.path + " (fsvctl:log shows the chain)";
+    return "ERROR: no v" + std::to_string(*a) + " of " + kx::lang::printable(t.path) +
+           " (fsvctl:log shows the chain)";
   const auto text_b = kst::read_version(*file, *b);
   if (!text_b)
-    return "ERROR: no v" + std::to_string(*b) + " of " + t.path + " (fsvctl:log shows the chain)";
+    return "ERROR: no v" + std::to_string(*b) + " of " + kx::lang::printable(t.path) +
+           " (fsvctl:log shows the chain)";
   kst::DiffLimits limits;
   // Leave the machine half of what is free; a diff is never worth swapping for.
   if (auto free = platform::free_physical_memory())
@@ -184,12 +189,12 @@ std::string log(HistoryState& state, lang::Session&, const kst::Args& args) {
   kst::File* file = file_target(state, args, t, out, "fsvctl:log <path>");
   if (file == nullptr) return out;
   if (!t.store->versioned())
-    return "LOG " + t.path + "  — " + kCacheMode + ": no version chain kept";
+    return "LOG " + kx::lang::printable(t.path) + "  — " + kCacheMode + ": no version chain kept";
   std::lock_guard guard(t.store->mutex());
   const std::vector<std::uint32_t> numbers = kst::version_numbers(*file);
   const std::vector<kst::EditRecord> edits = kst::read_edits(t.store->edit_log_file());
   const auto records = kst::records_by_version(edits, t.path, numbers.empty() ? 0 : numbers.back());
-  out = "LOG " + t.path + "  (" + std::to_string(numbers.size()) + " versions)\n";
+  out = "LOG " + lang::printable(t.path) + "  (" + std::to_string(numbers.size()) + " versions)\n";
   out.reserve(out.size() + numbers.size() * 48);
   for (std::uint32_t n : numbers) {
     out += "  v" + std::to_string(n) + "  ";
@@ -341,9 +346,16 @@ std::string emitcommit(HistoryState& state, lang::Session& session, const kst::A
   return out;
 }
 
+// A version's text and a diff of texts are shown byte for byte; every other result
+// is made safe to print, since names on disk may hold terminal controls.
+bool shows_content(std::string_view verb) {
+  return verb == "open" || verb == "diff";
+}
+
 lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
                 std::vector<std::string> aliases, std::string summary, std::string usage,
                 std::string example, Handler handler) {
+  const bool content = shows_content(name);
   lang::Verb v;
   v.name = std::move(name);
   v.aliases = std::move(aliases);
@@ -351,7 +363,7 @@ lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
   v.usage = std::move(usage);
   v.example = std::move(example);
   v.section = "Version control";
-  v.run = [state, handler](lang::Session& session, std::string_view text) -> std::string {
+  v.run = [state, handler, content](lang::Session& session, std::string_view text) -> std::string {
     try {
       std::string error;
       auto args = kst::parse_args(text, error);
@@ -361,7 +373,8 @@ lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
       // Resolving a path reads the store's index, which the watcher may be changing.
       std::unique_lock<std::recursive_mutex> guard;
       if (kst::Store* active = state->stores->active()) guard = std::unique_lock(active->mutex());
-      return handler(*state, session, *args);
+      std::string result = handler(*state, session, *args);
+      return content ? result : lang::printable_lines(result);
     } catch (const std::exception& e) {
       return std::string("ERROR: ") + e.what();
     }
@@ -377,7 +390,7 @@ lang::Family make_history_family(std::shared_ptr<HistoryState> state) {
   f.separator = ':';
   f.title = "Version control";
   f.unknown_verb = [](std::string_view v) {
-    return "ERROR: unknown fsvctl function '" + std::string(v) +
+    return "ERROR: unknown fsvctl function '" + lang::printable(v) +
            "' (checkout|checkin|revert|diff|log|open|timeline|emit)";
   };
   f.verbs = {

@@ -2,6 +2,7 @@
 #include <exception>
 
 #include "lang/session.hpp"
+#include "lang/text.hpp"
 #include "vfs/args.hpp"
 #include "vfs/history_state.hpp"
 
@@ -59,8 +60,8 @@ lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
       std::unique_lock<std::recursive_mutex> guard;
       if (kst::Store* active = state->stores->active()) guard = std::unique_lock(active->mutex());
       LockRequest r = lock_request(*state, text, usage);
-      if (!r.answer.empty()) return r.answer;
-      return action(*state, session, r);
+      if (!r.answer.empty()) return lang::printable_lines(r.answer);
+      return lang::printable_lines(action(*state, session, r));
     } catch (const std::exception& e) {
       return std::string("ERROR: ") + e.what();
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <system_error>
 
+#include "lang/text.hpp"
 #include "vfs/text_diff.hpp"
 
 namespace kst {
@@ -40,7 +41,8 @@ bool File::remove_on_disk(const fs::path& path, std::string& reason) const {
 }
 
 std::string File::render(const std::string& path) const {
-  return std::string(tombstoned ? "  t  v" : "  f  v") + std::to_string(current) + "\t" + path;
+  return std::string(tombstoned ? "  t  v" : "  f  v") + std::to_string(current) + "\t" +
+         kx::lang::printable(path);
 }
 
 const std::string& File::text() const {
@@ -97,7 +99,7 @@ bool Directory::remove_on_disk(const fs::path& path, std::string& reason) const 
 }
 
 std::string Directory::render(const std::string& path) const {
-  return "  d  v" + std::to_string(version()) + "\t" + path + "/";
+  return "  d  v" + std::to_string(version()) + "\t" + kx::lang::printable(path) + "/";
 }
 
 iFileSystemObj* Directory::child(std::string_view child_name) const {

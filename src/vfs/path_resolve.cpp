@@ -4,6 +4,8 @@
 #include <system_error>
 #include <vector>
 
+#include "lang/text.hpp"
+
 namespace kst {
 
 namespace fs = std::filesystem;
@@ -41,7 +43,8 @@ std::optional<std::string> store_path_of(const Store& store, std::string_view ar
   if (auto c = bad_byte(arg)) {
     char hex[8];
     std::snprintf(hex, sizeof hex, "0x%02x", *c);
-    error = "invalid path '" + std::string(arg) + "': byte " + hex + " is not allowed in a name";
+    error = "invalid path '" + kx::lang::printable(arg) + "': byte " + hex +
+            " is not allowed in a name";
     return std::nullopt;
   }
   std::string text(arg);
@@ -72,6 +75,30 @@ std::optional<std::string> store_path_of(const Store& store, std::string_view ar
   return rel;
 }
 
+std::optional<fs::path> link_out_of_store(const Store& store, const fs::path& disk) {
+  std::error_code ec;
+  const fs::path real_root = fs::weakly_canonical(store.disk_root(), ec);
+  auto escapes = [&](const fs::path& link) {
+    std::error_code lec;
+    fs::path target = fs::read_symlink(link, lec);
+    if (lec) return true;
+    if (target.is_relative()) target = link.parent_path() / target;
+    fs::path real = fs::weakly_canonical(target, lec);
+    return lec || (real != real_root && !inside(real_root, real));
+  };
+  if (fs::is_symlink(fs::symlink_status(disk, ec))) {
+    if (escapes(disk)) return disk;
+    return std::nullopt;
+  }
+  if (!fs::is_directory(fs::symlink_status(disk, ec))) return std::nullopt;
+  fs::recursive_directory_iterator it(disk, fs::directory_options::skip_permission_denied, ec);
+  for (fs::recursive_directory_iterator end; !ec && it != end; it.increment(ec)) {
+    std::error_code sec;
+    if (it->is_symlink(sec) && escapes(it->path())) return it->path();
+  }
+  return std::nullopt;
+}
+
 Resolved resolve_node(const Store& store, std::string_view arg) {
   Resolved r;
   auto path = store_path_of(store, arg, r.error);
@@ -95,9 +122,9 @@ Resolved resolve_node(const Store& store, std::string_view arg) {
     r.path = matches.front();
     r.found = true;
   } else if (matches.size() > 1) {
-    r.error =
-        std::to_string(matches.size()) + " files match '" + std::string(arg) + "' — did you mean:";
-    for (const auto& m : matches) r.error += "\n  " + m;
+    r.error = std::to_string(matches.size()) + " files match '" + kx::lang::printable(arg) +
+              "' — did you mean:";
+    for (const auto& m : matches) r.error += "\n  " + kx::lang::printable(m);
     r.error += "\n(give a fuller or absolute path to pick one)";
   }
   return r;

@@ -15,6 +15,12 @@ namespace kst {
 std::optional<std::string> store_path_of(const Store& store, std::string_view arg,
                                          std::string& error);
 
+// The first symbolic link at or below `disk` (a file or a folder) whose target lies
+// outside the store's root, or nothing. Copies use it to refuse rather than carry
+// an outside file into the store.
+std::optional<std::filesystem::path> link_out_of_store(const Store& store,
+                                                       const std::filesystem::path& disk);
+
 struct Resolved {
   std::string path;  // store path of the node
   bool found = false;

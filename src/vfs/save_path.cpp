@@ -3,6 +3,7 @@
 #include <chrono>
 #include <system_error>
 
+#include "lang/text.hpp"
 #include "platform/durable_file.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/edit_log.hpp"
@@ -20,43 +21,58 @@ fs::path with_suffix(const fs::path& path, std::string_view suffix) {
   return out;
 }
 
-// Mirror and archive steps. Returns "" on success, else the step's message.
-std::string write_mirror(const fs::path& mirror, const File& file, const std::string& text,
-                         std::uint32_t new_version, std::vector<ArchivedVersion>& archived) {
+// The history half of a save: the new mirror copy staged, and the version it
+// replaces moved (or seeded) into the archive. Everything that needs disk space
+// happens here, before anything visible changes, so a full disk fails the save
+// instead of acknowledging a version the chain cannot hold.
+struct MirrorStep {
+  std::optional<kx::platform::StagedFile> staged;
+  std::filesystem::path archived_slot;  // where the replaced mirror copy went
+  bool moved_mirror = false;            // the slot holds the old mirror copy (undo = move back)
+  std::uint32_t archived_number = 0;
+};
+
+// Returns "" on success, else the step's message; on failure nothing is left behind.
+std::string prepare_mirror(const fs::path& mirror, const File& file, const std::string& text,
+                           std::uint32_t new_version, MirrorStep& step) {
   std::error_code ec;
   fs::create_directories(mirror.parent_path(), ec);
   if (ec) return "vc mkdirs failed: " + ec.message();
-  fs::path temp = with_suffix(mirror, kTempSuffix);
   std::string reason;
-  if (!kx::platform::write_file_durable(temp, text, reason)) return "vc temp write failed";
-
-  if (new_version >= 2) {
-    fs::path dir = archive_dir_of(mirror);
-    std::string name = mirror.filename().string();
-    std::uint32_t number = 0;
-    if (fs::exists(mirror, ec)) {
-      fs::create_directories(dir, ec);
-      if (ec) return "vc archive mkdir failed";
-      fs::path slot = first_free_archive_name(dir, name, number);
-      fs::rename(mirror, slot, ec);
-      if (ec) return "vc archive move failed";
-      archived.push_back({number, slot});
-    } else if (const std::string* previous = file.text_of(file.current)) {
-      // No mirror copy yet (the file predates enrollment): seed the archive from RAM so
-      // the replaced version is never lost.
-      fs::create_directories(dir, ec);
-      if (ec) return "vc seed-archive mkdir failed";
-      fs::path slot = first_free_archive_name(dir, name, number);
-      if (!kx::platform::write_file_durable(slot, *previous, reason)) {
-        fs::remove(slot, ec);
-        return "vc seed-archive write failed";
-      }
-      archived.push_back({number, slot});
+  step.staged = kx::platform::StagedFile::stage(mirror, text, reason);
+  if (!step.staged) return "vc temp write failed: " + reason;
+  if (new_version < 2) return "";
+  fs::path dir = archive_dir_of(mirror);
+  std::string name = mirror.filename().string();
+  if (fs::exists(mirror, ec)) {
+    fs::create_directories(dir, ec);
+    if (ec) return "vc archive mkdir failed: " + ec.message();
+    step.archived_slot = first_free_archive_name(dir, name, step.archived_number);
+    fs::rename(mirror, step.archived_slot, ec);
+    if (ec) return "vc archive move failed: " + ec.message();
+    step.moved_mirror = true;
+  } else if (const std::string* previous = file.text_of(file.current)) {
+    // No mirror copy yet (the file predates enrollment): seed the archive from RAM so
+    // the replaced version is never lost.
+    fs::create_directories(dir, ec);
+    if (ec) return "vc seed-archive mkdir failed: " + ec.message();
+    step.archived_slot = first_free_archive_name(dir, name, step.archived_number);
+    if (!kx::platform::write_new_file_durable(step.archived_slot, *previous, reason)) {
+      fs::remove(step.archived_slot, ec);
+      return "vc seed-archive write failed: " + reason;
     }
   }
-  fs::rename(temp, mirror, ec);
-  if (ec) return "vc promote failed";
   return "";
+}
+
+// Puts the history back as it was before prepare_mirror (the save did not happen).
+void undo_mirror(const fs::path& mirror, MirrorStep& step) {
+  std::error_code ec;
+  if (step.moved_mirror)
+    fs::rename(step.archived_slot, mirror, ec);
+  else if (!step.archived_slot.empty())
+    fs::remove(step.archived_slot, ec);
+  step.staged.reset();
 }
 
 // Another process may have saved this file since it was loaded here: the mirror and
@@ -82,12 +98,31 @@ std::optional<std::string> refuse_path(const Store& store, const std::string& pa
     if (end == std::string::npos) end = path.size();
     std::string_view part = std::string_view(path).substr(start, end - start);
     if (is_machinery_name(part))
-      return "reserved name: '" + std::string(part) +
+      return "reserved name: '" + kx::lang::printable(part) +
              "' uses a machinery suffix (.tombstone / .tmp$ / .oldversions)";
     start = end + 1;
   }
+  const std::string name = fs::path(path).filename().string();
+  const bool keeps_history = store.versioned() && !is_unmirrored_name(name);
+  const std::size_t limit = keeps_history ? kMaxVersionedNameBytes : kMaxNameBytes;
+  if (name.size() > limit)
+    return "name too long: '" + kx::lang::printable(name.substr(0, 40)) + "...' is " +
+           std::to_string(name.size()) + " bytes; a " +
+           (keeps_history ? "versioned file's name holds at most " : "name holds at most ") +
+           std::to_string(limit) + " bytes" +
+           (keeps_history ? " (its history needs room for the '.oldversions' suffix)" : "");
+  // The deepest path a save writes: the archive entry of the file's highest possible
+  // version, beside its mirror copy.
+  if (keeps_history) {
+    const std::size_t deepest = store.mirror_path(path).parent_path().string().size() + 2 +
+                                name.size() + 13 + name.size() + 3 + 10;
+    if (deepest > kx::platform::max_path_bytes())
+      return "path too long: '" + kx::lang::printable(path) + "' needs history paths of " +
+             std::to_string(deepest) + " bytes; this system holds at most " +
+             std::to_string(kx::platform::max_path_bytes());
+  }
   std::string rule;
-  if (store.versioned() && !ext_admits(store.policy(), fs::path(path).filename().string(), rule))
+  if (store.versioned() && !ext_admits(store.policy(), name, rule))
     return "excluded by version-control policy [" + rule + "] — fsraw: writes it unversioned";
   return std::nullopt;
 }
@@ -147,21 +182,18 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
   // An outside edit not yet versioned becomes its own version before this one replaces it.
   if (!request.outside && store.versioned()) (void)absorb_outside(store, path, warn);
 
+  // An outside edit is already in the working file: only its history is written.
+  std::string reason;
+  std::optional<kx::platform::StagedFile> staged;
   if (!request.outside) {
     fs::create_directories(target.parent_path(), ec);
     if (ec) {
       result.message = "mkdirs failed: " + ec.message();
       return result;
     }
-    fs::path temp = with_suffix(target, kTempSuffix);
-    std::string reason;
-    if (!kx::platform::write_file_durable(temp, text, reason)) {
+    staged = kx::platform::StagedFile::stage(target, text, reason);
+    if (!staged) {
       result.message = "temp write failed";
-      return result;
-    }
-    fs::rename(temp, target, ec);
-    if (ec) {
-      result.message = "promote failed";
       return result;
     }
   }
@@ -169,20 +201,40 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
   File* existing = store.find_file(path);
   File& file = existing != nullptr ? *existing : store.make_file(path);
   if (store.versioned()) catch_up_with_disk(store, path, file);
-  result.previous = file.current;
-  result.version = file.current + 1;
+  const std::uint32_t version = file.current + 1;
 
-  if (store.versioned()) {
-    fs::path mirror = store.mirror_path(path);
-    if (!mirror.empty()) {
-      std::string failure = write_mirror(mirror, file, text, result.version, file.archived);
+  // History first: a version is only acknowledged once the chain can hold it.
+  fs::path mirror = store.versioned() ? store.mirror_path(path) : fs::path();
+  MirrorStep step;
+  if (!mirror.empty()) {
+    std::string failure = prepare_mirror(mirror, file, text, version, step);
+    if (!failure.empty()) {
+      undo_mirror(mirror, step);
+      if (existing == nullptr && file.versions.empty()) store.detach_file(path);
+      result.message = "version history not written (" + failure + ") — nothing was saved";
+      return result;
+    }
+  }
+  if (staged && !staged->commit(reason)) {
+    if (!mirror.empty()) undo_mirror(mirror, step);
+    if (existing == nullptr && file.versions.empty()) store.detach_file(path);
+    result.message = "promote failed";
+    return result;
+  }
+  if (step.moved_mirror || !step.archived_slot.empty())
+    file.archived.push_back({step.archived_number, step.archived_slot});
+  result.previous = file.current;
+  result.version = version;
+  if (!mirror.empty()) {
+    // Only a rename is left, which needs no space; should it fail all the same, the
+    // live file holds the new bytes and the next save or load picks them up.
+    if (!step.staged->commit(reason)) {
+      warn << "warning: mirror write failed for '" << kx::lang::printable(path)
+           << "': vc promote failed: " << reason << " — version chain not archived\n";
+      result.mirror_failed = true;
+    } else {
       // A save revives a tombstoned file; a marker left by a crashed fs:rm goes too.
-      if (failure.empty()) fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
-      if (!failure.empty()) {
-        warn << "warning: mirror write failed for '" << path << "': " << failure
-             << " — version chain not archived\n";
-        result.mirror_failed = true;
-      }
+      fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
     }
   }
   file.tombstoned = false;
@@ -198,9 +250,10 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
 }
 
 std::string save_notice(const std::string& path, std::uint32_t version) {
-  return "\n  [version control: automatic] " + path + " saved as v" + std::to_string(version) +
-         " — history: 'Kestrune history " + path + "'; roll back: 'Kestrune revert " + path +
-         " to " + std::to_string(version > 0 ? version - 1 : 0) + "'";
+  return "\n  [version control: automatic] " + kx::lang::printable(path) + " saved as v" +
+         std::to_string(version) + " — history: 'Kestrune history " + kx::lang::printable(path) +
+         "'; roll back: 'Kestrune revert " + kx::lang::printable(path) + " to " +
+         std::to_string(version > 0 ? version - 1 : 0) + "'";
 }
 
 }  // namespace kst

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/durable_file.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/edit_log.hpp"
 #include "vfs/test_home.hpp"
@@ -47,8 +48,9 @@ TEST_F(SavePath, FirstSaveOfAnEnrolledFileSeedsTheArchiveWithItsOriginalText) {
 
   ASSERT_TRUE(save("src/a.txt", "third").ok);
   EXPECT_EQ(read_file(mirror("src/.a.txt.oldversions/a.txt.xx2")), "second");
-  EXPECT_FALSE(fs::exists(project / "src/a.txt.tmp$"));
-  EXPECT_FALSE(fs::exists(mirror("src/a.txt.tmp$")));
+  for (const fs::path& dir : {project / "src", mirror("src")})
+    for (const auto& entry : fs::directory_iterator(dir))
+      EXPECT_FALSE(entry.path().filename().string().ends_with(".tmp$")) << entry.path();
 }
 
 TEST_F(SavePath, ReloadContinuesTheChainWhereItStopped) {
@@ -124,18 +126,75 @@ TEST_F(SavePath, ADirectoryIsNotAFile) {
   EXPECT_EQ(save("sub", "x").message, "not a file");
 }
 
-TEST_F(SavePath, MirrorFailureWarnsAndTagsButTheSaveStands) {
+TEST_F(SavePath, AHistoryThatCannotBeWrittenFailsTheSaveAndChangesNothing) {
   open();
-  // A plain file where the mirror directory should be makes every mirror step fail.
+  ASSERT_TRUE(save("blocked/a.txt", "one").ok);
+  // A plain file where the archive directory must go makes the archive step fail.
+  write_file(mirror("blocked/.a.txt.oldversions"), "in the way");
+  auto r = save("blocked/a.txt", "two");
+  EXPECT_FALSE(r.ok);
+  EXPECT_TRUE(r.message.starts_with("version history not written (vc archive mkdir failed: "))
+      << r.message;
+  EXPECT_TRUE(r.message.ends_with(") — nothing was saved")) << r.message;
+  EXPECT_EQ(read_file(project / "blocked/a.txt"), "one");
+  EXPECT_EQ(read_file(mirror("blocked/a.txt")), "one");
+  EXPECT_EQ(store->find_file("blocked/a.txt")->current, 1u);
+  // Nothing staged is left behind in either tree.
+  for (const fs::path& dir : {project / "blocked", mirror("blocked")})
+    for (const auto& entry : fs::directory_iterator(dir))
+      EXPECT_FALSE(entry.path().filename().string().ends_with(".tmp$")) << entry.path();
+
+  fs::remove(mirror("blocked/.a.txt.oldversions"));
+  r = save("blocked/a.txt", "two");
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.version, 2u);
+  EXPECT_EQ(read_file(mirror("blocked/.a.txt.oldversions/a.txt.xx1")), "one");
+}
+
+TEST_F(SavePath, AFirstSaveThatCannotMirrorLeavesNoFileBehind) {
+  open();
   write_file(store->mirror_root() / "blocked", "in the way");
-  auto r = save("blocked/a.txt", "text");
-  ASSERT_TRUE(r.ok);
-  EXPECT_TRUE(r.mirror_failed);
-  EXPECT_EQ(read_file(project / "blocked/a.txt"), "text");
-  EXPECT_NE(warnings.str().find("warning: mirror write failed for 'blocked/a.txt': vc mkdirs "
-                                "failed: "),
-            std::string::npos);
-  EXPECT_NE(warnings.str().find(" — version chain not archived\n"), std::string::npos);
+  auto r = save("blocked/new.txt", "text");
+  EXPECT_FALSE(r.ok);
+  EXPECT_TRUE(r.message.starts_with("version history not written (vc mkdirs failed: "));
+  EXPECT_FALSE(fs::exists(project / "blocked/new.txt"));
+  EXPECT_EQ(store->find_file("blocked/new.txt"), nullptr);
+}
+
+TEST_F(SavePath, NamesAreCappedWhereTheirHistoryStillFits) {
+  open();
+  const std::string longest(kMaxVersionedNameBytes, 'n');
+  if (kx::platform::max_path_bytes() <
+      2 * kMaxVersionedNameBytes + store->mirror_root().string().size() + 40) {
+    // Where whole paths are short (Windows without long paths) the path limit speaks.
+    auto r = save(longest, "v1");
+    EXPECT_FALSE(r.ok);
+    EXPECT_TRUE(r.message.starts_with("path too long: ")) << r.message;
+    return;
+  }
+  for (int i = 1; i <= 3; ++i) ASSERT_TRUE(save(longest, "v" + std::to_string(i)).ok);
+  EXPECT_EQ(store->find_file(longest)->archived.size(), 2u);
+  auto r = save(longest + "x", "v1");
+  EXPECT_FALSE(r.ok);
+  EXPECT_NE(r.message.find("is 243 bytes; a versioned file's name holds at most 242 bytes"),
+            std::string::npos)
+      << r.message;
+  // Without history the whole 255 bytes are usable.
+  EXPECT_TRUE(save("turnlog-" + std::string(kMaxNameBytes - 8, 't'), "x").ok);
+}
+
+TEST_F(SavePath, APlantedLinkAtATemporaryNameIsNeverWrittenThrough) {
+  const fs::path outside = home / "outside.txt";
+  write_file(outside, "victim");
+  open();
+  ASSERT_TRUE(save("c.txt", "one").ok);
+  std::error_code ec;
+  fs::create_symlink(outside, project / "c.txt.tmp$", ec);
+  if (ec) GTEST_SKIP() << "no symbolic links here: " << ec.message();
+  ASSERT_TRUE(save("c.txt", "two").ok);
+  EXPECT_EQ(read_file(outside), "victim");
+  EXPECT_FALSE(fs::is_symlink(project / "c.txt"));
+  EXPECT_EQ(read_file(project / "c.txt"), "two");
 }
 
 TEST_F(SavePath, LockHookRefusesBeforeAnythingIsWritten) {

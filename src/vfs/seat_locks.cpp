@@ -4,6 +4,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "lang/text.hpp"
 #include "platform/durable_file.hpp"
 #include "vfs/edit_log.hpp"
 #include "vfs/save_path.hpp"
@@ -189,7 +190,8 @@ void SeatLocks::journal_store(const Store& store) {
 std::string SeatLocks::status(Store& store, const std::string& path) {
   std::lock_guard guard(store.mutex());
   const LockStatus s = table(store).status(path);
-  std::string out = "OK: " + path + (s.holder ? "  LOCKED by " + *s.holder : "  unlocked");
+  std::string out =
+      "OK: " + kx::lang::printable(path) + (s.holder ? "  LOCKED by " + *s.holder : "  unlocked");
   if (s.queued > 0) out += "  (queued: " + std::to_string(s.queued) + ")";
   if (s.dirty) out += "  [merge required]";
   return out;
@@ -203,11 +205,11 @@ std::string SeatLocks::toggle(Store& store, const std::string& path, const std::
   if (!t.message.empty()) return "ERROR: " + t.message;
   if (t.locked) {
     journal_taken(store, path, seat);
-    return "OK: locked " + path;
+    return "OK: locked " + kx::lang::printable(path);
   }
   if (t.passed_to) held(store).since[path] = now_seconds();
   journal_store(store);
-  std::string out = "OK: unlocked " + path;
+  std::string out = "OK: unlocked " + kx::lang::printable(path);
   if (t.passed_to) out += "\n  lock passed to " + *t.passed_to + " (next in queue)";
   return out;
 }
@@ -220,7 +222,7 @@ std::string SeatLocks::transfer(Store& store, const std::string& path, const std
   if (auto error = table(store).transfer(path, seat, to)) return "ERROR: " + *error;
   held(store).since[path] = now_seconds();
   journal_store(store);
-  return "OK: transferred lock on " + path + " to " + to;
+  return "OK: transferred lock on " + kx::lang::printable(path) + " to " + to;
 }
 
 std::string SeatLocks::checkout(Store& store, const std::string& path, const std::string& seat) {
@@ -231,7 +233,7 @@ std::string SeatLocks::checkout(Store& store, const std::string& path, const std
   const bool already = t.status(path).holder == seat;
   if (auto error = t.acquire(path, seat)) return "ERROR: " + *error;
   if (!already) journal_taken(store, path, seat);
-  return "OK: checked out " + path;
+  return "OK: checked out " + kx::lang::printable(path);
 }
 
 std::string SeatLocks::release_after_checkin(Store& store, const std::string& path,

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <system_error>
 
+#include "lang/text.hpp"
 #include "platform/durable_file.hpp"
 #include "vfs/archive.hpp"
 
@@ -19,12 +20,8 @@ fs::path tombstone_marker(const fs::path& mirror) {
 bool write_replacing(const fs::path& path, const std::string& text) {
   std::error_code ec;
   fs::create_directories(path.parent_path(), ec);
-  fs::path temp = path;
-  temp += std::string(kTempSuffix);
   std::string reason;
-  if (!kx::platform::write_file_durable(temp, text, reason)) return false;
-  fs::rename(temp, path, ec);
-  return !ec;
+  return kx::platform::replace_file_durable(path, text, reason);
 }
 
 std::optional<std::string> write_tombstone(Store& store, const std::string& path, const File& file,
@@ -33,14 +30,14 @@ std::optional<std::string> write_tombstone(Store& store, const std::string& path
   if (mirror.empty()) return std::nullopt;
   std::error_code ec;
   if (!fs::exists(mirror, ec) && !write_replacing(mirror, file.text()))
-    return "could not keep the last version before tombstoning " + path;
+    return "could not keep the last version before tombstoning " + kx::lang::printable(path);
   auto now = std::chrono::duration_cast<std::chrono::seconds>(
                  std::chrono::system_clock::now().time_since_epoch())
                  .count();
   std::string marker = "tombstoned v" + std::to_string(file.current) + " by " + seat + " at " +
                        std::to_string(now) + "\n";
   if (!write_replacing(tombstone_marker(mirror), marker))
-    return "could not write the tombstone of " + path;
+    return "could not write the tombstone of " + kx::lang::printable(path);
   return std::nullopt;
 }
 

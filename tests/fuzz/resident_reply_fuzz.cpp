@@ -1,5 +1,5 @@
 // The command-line client's reading of a resident's reply: any bytes must give
-// an output or nothing, never a crash, and decoding never grows the text.
+// an outcome, never a crash, and decoding never grows the text.
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -8,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view bytes(reinterpret_cast<const char*>(data), size);
-  kx::launcher::reply_output(bytes);
-  if (kx::launcher::decode_lossy(bytes).size() > bytes.size()) __builtin_trap();
+  kx::launcher::parse_reply(bytes);
+  if (kx::launcher::decode_json_string(bytes).size() > bytes.size()) __builtin_trap();
   return 0;
 }

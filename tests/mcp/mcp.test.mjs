@@ -44,8 +44,10 @@ before(async () => {
   throw new Error('the resident did not come up');
 });
 
-after(() => {
+after(async () => {
   for (const pid of started) { try { process.kill(pid, 'SIGTERM'); } catch { /* gone */ } }
+  // A resident still writing its home as it stops would race the removal.
+  for (let i = 0; i < 100 && started.some(alive); i++) await sleep(50);
   fs.rmSync(work, { recursive: true, force: true });
 });
 

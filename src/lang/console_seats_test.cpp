@@ -1,0 +1,53 @@
+#include "lang/console_seats.hpp"
+
+#include <gtest/gtest.h>
+
+#include "lang/registry.hpp"
+#include "lang/test_families.hpp"
+
+namespace kx::lang {
+namespace {
+
+// Each console keeps its own directory, guided mode and variables between units,
+// as a process of its own would; a caller without a console keeps nothing.
+TEST(ConsoleSeats, EachConsoleKeepsItsOwnStateBetweenUnits) {
+  Registry registry;
+  std::vector<testing::Call> calls;
+  testing::add_recording_family(registry, "fs", ':', {"cat"}, calls);
+  Session session(registry);
+  session.cwd = "/resident";
+  ConsoleSeats seats;
+
+  EXPECT_EQ(seats.run(session, "a", "/a", "x = 1\n", UnitForm::kLines).status, 0);
+  seats.run(session, "a", "/ignored", "Kestrune guided on\n", UnitForm::kLines);
+  UnitResult a = seats.run(session, "a", "/ignored", "if (x > 0) fs:cat f$x\n", UnitForm::kLines);
+  EXPECT_EQ(a.out, "OK: cat\n");
+  EXPECT_EQ(calls.back().args, "f1");
+  std::size_t before = calls.size();
+  seats.run(session, "b", "/b", "if (x > 0) fs:cat f$x\n", UnitForm::kLines);
+  EXPECT_EQ(calls.size(), before);  // b never set x
+  EXPECT_EQ(seats.run(session, "b", "", "pwd", UnitForm::kArguments).out.find("/b"), 4u);
+  EXPECT_EQ(seats.run(session, "a", "", "pwd", UnitForm::kArguments).out.find("/a"), 4u);
+
+  // The resident's own state is untouched by its consoles.
+  EXPECT_EQ(session.cwd, "/resident");
+  EXPECT_FALSE(session.guided);
+  EXPECT_NE(seats.run(session, "", "/t", "pwd", UnitForm::kArguments).out.find("/t"),
+            std::string::npos);
+  UnitResult bad = seats.run(session, "", "", "frobnicate", UnitForm::kArguments);
+  EXPECT_EQ(bad.status, kSyntaxError);
+  EXPECT_NE(bad.err.find("fs parse error"), std::string::npos);
+  EXPECT_EQ(seats.size(), 2u);
+}
+
+TEST(ConsoleSeats, OldestConsolesAreForgottenBeyondTheLimit) {
+  Registry registry;
+  Session session(registry);
+  ConsoleSeats seats;
+  for (std::size_t i = 0; i < ConsoleSeats::kMaxSeats + 5; ++i)
+    seats.run(session, "s" + std::to_string(i), "/", "\n", UnitForm::kLines);
+  EXPECT_EQ(seats.size(), ConsoleSeats::kMaxSeats);
+}
+
+}  // namespace
+}  // namespace kx::lang
