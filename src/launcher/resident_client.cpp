@@ -53,8 +53,9 @@ void append_utf8(std::string& out, unsigned long cp) {
   }
 }
 
-// The end of a JSON string starting at `from`: the first quote not escaped.
-std::size_t string_end(std::string_view text, std::size_t from) {
+}  // namespace
+
+std::size_t json_string_end(std::string_view text, std::size_t from) {
   std::size_t i = from;
   while (i < text.size()) {
     if (text[i] == '\\') {
@@ -67,6 +68,8 @@ std::size_t string_end(std::string_view text, std::size_t from) {
   return text.size();
 }
 
+namespace {
+
 // The raw inside of the string field `key` found at or after `from`; `from` moves
 // past it, so fields are read in the order the resident writes them.
 std::optional<std::string_view> string_field(std::string_view body, std::string_view key,
@@ -75,7 +78,7 @@ std::optional<std::string_view> string_field(std::string_view body, std::string_
   std::size_t at = body.find(pattern, from);
   if (at == std::string_view::npos) return std::nullopt;
   std::size_t start = at + pattern.size();
-  std::size_t end = string_end(body, start);
+  std::size_t end = json_string_end(body, start);
   from = end;
   return body.substr(start, end - start);
 }

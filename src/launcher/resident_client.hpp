@@ -40,6 +40,10 @@ std::string build_exec_request(std::string_view unit, lang::UnitForm form,
 // answer.
 PostOutcome parse_reply(std::string_view reply);
 
+// The end of a JSON string whose inside starts at `from`: the first quote not
+// escaped (the text's size when there is none).
+std::size_t json_string_end(std::string_view text, std::size_t from);
+
 // Decodes a JSON string's inside to UTF-8: every escape, \uXXXX (surrogate pairs
 // joined) included; bytes that are not escapes pass through as they are.
 std::string decode_json_string(std::string_view escaped);

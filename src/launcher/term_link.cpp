@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <random>
 
+#include "launcher/resident_client.hpp"
 #include "launcher/resident_lifecycle.hpp"
 #include "server/sha1.hpp"
 
@@ -11,19 +12,6 @@ namespace {
 
 constexpr int kConnectMillis = 3000;
 constexpr int kAnswerMillis = 15000;
-
-void append_utf8(std::string& out, std::uint32_t code) {
-  if (code < 0x80) {
-    out += static_cast<char>(code);
-  } else if (code < 0x800) {
-    out += static_cast<char>(0xc0 | (code >> 6));
-    out += static_cast<char>(0x80 | (code & 0x3f));
-  } else {
-    out += static_cast<char>(0xe0 | (code >> 12));
-    out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
-    out += static_cast<char>(0x80 | (code & 0x3f));
-  }
-}
 
 std::optional<std::size_t> value_start(std::string_view json, std::string_view key) {
   std::string quoted = "\"" + std::string(key) + "\":";
@@ -95,43 +83,9 @@ std::optional<platform::Socket> TermLink::open_socket(const std::string& target,
 std::optional<std::string> json_string_field(std::string_view json, std::string_view key) {
   auto start = value_start(json, key);
   if (!start || *start >= json.size() || json[*start] != '"') return std::nullopt;
-  std::string out;
-  for (std::size_t i = *start + 1; i < json.size(); ++i) {
-    char c = json[i];
-    if (c == '"') return out;
-    if (c != '\\' || i + 1 >= json.size()) {
-      out += c;
-      continue;
-    }
-    char escaped = json[++i];
-    switch (escaped) {
-      case 'n':
-        out += '\n';
-        break;
-      case 'r':
-        out += '\r';
-        break;
-      case 't':
-        out += '\t';
-        break;
-      case 'b':
-        out += '\b';
-        break;
-      case 'f':
-        out += '\f';
-        break;
-      case 'u':
-        if (i + 4 < json.size()) {
-          append_utf8(out, static_cast<std::uint32_t>(std::strtoul(
-                               std::string(json.substr(i + 1, 4)).c_str(), nullptr, 16)));
-          i += 4;
-        }
-        break;
-      default:
-        out += escaped;  // \" \\ \/
-    }
-  }
-  return std::nullopt;
+  const std::size_t end = json_string_end(json, *start + 1);
+  if (end >= json.size()) return std::nullopt;
+  return decode_json_string(json.substr(*start + 1, end - *start - 1));
 }
 
 std::optional<std::uint64_t> json_number_field(std::string_view json, std::string_view key) {
