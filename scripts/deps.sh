@@ -20,6 +20,6 @@ kx_require_packages() {
   apt-get update -qq >/dev/null && apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-KX_BUILD_PACKAGES=(g++ cmake ninja-build flex bison libpcre2-dev nlohmann-json3-dev)
-KX_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang curl tmux bsdutils node=nodejs npm=npm ss=iproute2)
+KX_BUILD_PACKAGES=(g++ cmake ninja-build flex bison libpcre2-dev nlohmann-json3-dev node=nodejs npm=npm)
+KX_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang curl tmux bsdutils ss=iproute2 chromium=chromium)
 KX_WINDOWS_PACKAGES=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine wine64 dpkg-dev)
