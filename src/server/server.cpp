@@ -91,11 +91,13 @@ int Server::serve() {
     state_->phase = state_->stopping ? Phase::kStopped : Phase::kFailed;
     return state_->stopping ? 0 : 1;
   }
-  state_->bound_port = platform::local_port(state_->listener);
-  state_->phase = Phase::kListening;
-  std::printf("orchestration server listening on http://127.0.0.1:%d/\n",
-              state_->bound_port.load());
+  // Announced before the port is published, so that whoever waits for it to listen
+  // never sees this line land in the middle of its own output.
+  const std::uint16_t port = platform::local_port(state_->listener);
+  std::printf("orchestration server listening on http://127.0.0.1:%d/\n", port);
   std::fflush(stdout);
+  state_->bound_port = port;
+  state_->phase = Phase::kListening;
   while (!state_->stopping.load()) {
     auto accepted = platform::accept_connection(state_->listener);
     if (!accepted) {
