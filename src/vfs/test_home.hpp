@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <system_error>
 
 #include "platform/home.hpp"
 
@@ -52,7 +53,12 @@ class TempHome : public ::testing::Test {
   void TearDown() override {
     kx::platform::set_home_override({});
     kx::platform::reset_home_for_testing();
-    std::filesystem::remove_all(base);
+  }
+  // Removed once the test's own members are gone: a store's watcher holds its lock file
+  // open until then, and Windows does not delete an open file.
+  ~TempHome() override {
+    std::error_code ec;
+    if (!base.empty()) std::filesystem::remove_all(base, ec);
   }
 
   std::filesystem::path base, home, project;
