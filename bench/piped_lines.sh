@@ -9,16 +9,7 @@ KX=$(realpath "${1:-build/release/src/launcher/kx}")
 LINES=${2:-10000}
 [ -x "$KX" ] || { echo "no kx at $KX" >&2; exit 1; }
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/kx-bench.XXXXXX")
-export HOME="$WORK/user" XDG_RUNTIME_DIR="$WORK/run"
-mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$WORK/home"
-PORT=$(node -e "const s=require('net').createServer().listen(0,'127.0.0.1',()=>{console.log(s.address().port);s.close()})")
-RESIDENT=
-cleanup() {
-  [ -n "$RESIDENT" ] && kill -TERM "$RESIDENT" 2>/dev/null && wait "$RESIDENT" 2>/dev/null
-  rm -rf "$WORK"
-}
-trap cleanup EXIT
+. bench/lib.sh
 
 for i in $(seq "$LINES"); do echo "fsstat:exists missing-$i.txt"; done >"$WORK/lines.txt"
 for i in $(seq "$LINES"); do echo "test -e missing-$i.txt"; done >"$WORK/sh-lines.txt"

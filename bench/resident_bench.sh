@@ -14,16 +14,7 @@ SECONDS_PER_RUN=${2:-10}
 [ -x "$KX" ] || { echo "no kx at $KX (build it: cmake --build build/release --target kx)" >&2; exit 1; }
 command -v wrk >/dev/null || { echo "wrk is needed (apt-get install wrk)" >&2; exit 1; }
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/kx-bench.XXXXXX")
-export HOME="$WORK/user" XDG_RUNTIME_DIR="$WORK/run"
-mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$WORK/home"
-PORT=$(node -e "const s=require('net').createServer().listen(0,'127.0.0.1',()=>{console.log(s.address().port);s.close()})")
-RESIDENT=
-cleanup() {
-  [ -n "$RESIDENT" ] && kill -TERM "$RESIDENT" 2>/dev/null && wait "$RESIDENT" 2>/dev/null
-  rm -rf "$WORK"
-}
-trap cleanup EXIT
+. bench/lib.sh
 
 start_resident() { # <home>
   "$KX" --port "$PORT" --conf "$1" boot >/dev/null 2>&1 &

@@ -432,25 +432,15 @@ FileEdit write_checked(const std::filesystem::path& path, const std::string& old
   if (existed) {
     std::filesystem::path backup = path;
     backup += ".kx-backup";
-    if (!platform::write_file_durable(backup, old_text, reason)) {
+    if (!platform::replace_file_durable(backup, old_text, reason)) {
       edit.detail = "could not keep a backup: " + reason;
       return edit;
     }
   }
-  std::filesystem::path temp = path;
-  temp += ".kx-tmp";
-  if (!platform::write_file_durable(temp, text, reason)) {
-    std::filesystem::remove(temp, ec);
+  if (!platform::replace_file_durable(path, text, reason)) {
     edit.detail = "could not write: " + reason;
     return edit;
   }
-  std::filesystem::rename(temp, path, ec);
-  if (ec) {
-    std::filesystem::remove(temp, ec);
-    edit.detail = "could not replace the file: " + ec.message();
-    return edit;
-  }
-  platform::sync_directory(path.parent_path());
   std::string back;
   if (!platform::read_whole_file(path, back, text.size()) || back != text) {
     edit.detail = "the file reads back differently";

@@ -8,18 +8,13 @@
 #include "vfs/archive.hpp"
 #include "vfs/edit_log.hpp"
 #include "vfs/outside_change.hpp"
+#include "vfs/tombstone.hpp"
 
 namespace kst {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-fs::path with_suffix(const fs::path& path, std::string_view suffix) {
-  fs::path out = path;
-  out += std::string(suffix);
-  return out;
-}
 
 // The history half of a save: the new mirror copy staged, and the version it
 // replaces moved (or seeded) into the archive. Everything that needs disk space
@@ -234,7 +229,7 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
       result.mirror_failed = true;
     } else {
       // A save revives a tombstoned file; a marker left by a crashed fs:rm goes too.
-      fs::remove(with_suffix(mirror, kTombstoneSuffix), ec);
+      fs::remove(tombstone_marker(mirror), ec);
     }
   }
   file.tombstoned = false;
