@@ -27,7 +27,9 @@ class FileFamilies : public kst::testing::TempHome {
     registry = std::make_unique<lang::Registry>();
     stores = register_file_families(*registry, false);
     stores->set_report(report);
+    watches = register_file_watches(*registry, stores, false);
     reenroll_from_config(*stores, report);
+    watches->resume(report);
     session = std::make_unique<lang::Session>(*registry);
     session->cwd = base;
   }
@@ -45,6 +47,7 @@ class FileFamilies : public kst::testing::TempHome {
 
   std::unique_ptr<lang::Registry> registry;
   std::shared_ptr<kst::StoreSet> stores;
+  std::shared_ptr<kst::FileWatches> watches;
   std::unique_ptr<lang::Session> session;
   std::ostringstream report;
 };
@@ -205,9 +208,15 @@ TEST_F(FileFamilies, UnquotedNamesWithBlanksAreUsageErrorsNotCutShort) {
             "ERROR: usage  fs:cat <path>\n  2 names given where 1 is taken — quote a name with "
             "blanks, or give it as an element:\n    fs:cat \"my notes.txt\"\n    fs:cat "
             "<path>my notes.txt</path>");
-  for (auto [family, verb] : {std::pair{"fs", "rm"}, {"fs", "copy"}, {"fs", "restore"},
-                              {"fsmk", "file"}, {"fsmk", "dir"}, {"fsraw", "remove"},
-                              {"fsraw", "move"}, {"fsstat", "exists"}, {"fsstat", "ls"}})
+  for (auto [family, verb] : {std::pair{"fs", "rm"},
+                              {"fs", "copy"},
+                              {"fs", "restore"},
+                              {"fsmk", "file"},
+                              {"fsmk", "dir"},
+                              {"fsraw", "remove"},
+                              {"fsraw", "move"},
+                              {"fsstat", "exists"},
+                              {"fsstat", "ls"}})
     EXPECT_NE(run(family, verb, "one two three").find(" names given where "), std::string::npos)
         << family << ":" << verb;
   // Nothing moved, and the quoted forms do what was meant.
@@ -321,7 +330,8 @@ TEST_F(FileFamilies, ConfigCommentsAndMissingDirectoriesAtStart) {
             std::string::npos);
   EXPECT_NE(r.find("[versioncontroldirs] " + project.string() + " -> enrolled (1 file(s))"),
             std::string::npos);
-  EXPECT_NE(r.find("[watchedfiles] " + (base / "w.txt").string() + " -> skipped (no such file)"),
+  EXPECT_NE(r.find("[watchedfiles] " + (base / "w.txt").string() +
+                   " -> watching (the file is gone for now)"),
             std::string::npos);
   EXPECT_NE(r.find("[vc] version control ready.\n"), std::string::npos);
   EXPECT_EQ(run("fs", "cat", "k.txt"), "k");
