@@ -79,6 +79,7 @@ std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, 
   // stores do.
   auto watchers = std::make_shared<kst::StoreWatchers>(stores->home(), live_watch, std::cerr);
   stores->on_add([watchers](kst::Store& store) { watchers->add(store); });
+  stores->on_remove([watchers](kst::Store& store) { watchers->remove(store); });
 
   auto fs_family = family("fs", "Versioned files",
                           "(cat|rm|move|copy|restore). Use fsmk: to create, fsvctl: for "
@@ -175,6 +176,22 @@ std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, 
     }
   };
   registry.add_plain_verb(std::move(policy_verb));
+
+  lang::PlainVerb unenroll_verb;
+  unenroll_verb.words = {"unenroll", "UnenrollVersionControl", "unenrollversioncontrol"};
+  unenroll_verb.summary =
+      "take a directory out of version control (its history stays on disk for a re-enroll)";
+  unenroll_verb.usage = "Kestrune unenroll <directory>";
+  unenroll_verb.example = "Kestrune unenroll ~/proj";
+  unenroll_verb.section = "Version control";
+  unenroll_verb.run = [stores](lang::Session& session, std::string_view args) -> std::string {
+    try {
+      return lang::printable_lines(kst::unenroll(*stores, args, session_cwd(session)));
+    } catch (const std::exception& e) {
+      return std::string("ERROR: ") + e.what();
+    }
+  };
+  registry.add_plain_verb(std::move(unenroll_verb));
   return stores;
 }
 

@@ -280,6 +280,52 @@ TEST_F(FileFamilies, ConfigCommentsAndMissingDirectoriesAtStart) {
                                project.string()));
 }
 
+TEST_F(FileFamilies, UnenrollKeepsHistoryForTheNextEnrollment) {
+  auto unenroll = [&](std::string_view args) {
+    return registry->find_plain_verb("unenroll")->run(*session, args);
+  };
+  fs::create_directories(base / "other");
+  ASSERT_TRUE(enroll("proj").starts_with("OK: enrolled"));
+  run("fsmk", "file", "a.txt <content>one</content>");
+  run("fsmk", "file", "a.txt <content>two</content>");
+  ASSERT_TRUE(enroll("other").starts_with("OK: enrolled"));
+  ASSERT_TRUE(enroll("proj").starts_with("OK: "));  // proj is active again
+  kst::Store* proj = stores->active();
+  fs::path history = proj->mirror_root();
+
+  EXPECT_EQ(unenroll("proj"),
+            "OK: unenrolled " + project.string() +
+                " — no longer versioned or watched\n  history kept at: " + history.string() +
+                "\n    (enroll the directory again to reach its versions)"
+                "\n  active directory: " +
+                (base / "other").string());
+  EXPECT_TRUE(proj->files().empty());  // the old address is still safe to use
+  EXPECT_EQ(read_file(home / "config/versioncontroldirs.cfg"),
+            "[versioncontroldirs]\n" + (base / "other").string() +
+                " :: scope=all ext=default watch=on mode=vc\n");
+  EXPECT_EQ(unenroll(project.string()), "ERROR: " + project.string() +
+                                            " is not enrolled (fsstat:stores lists the enrolled "
+                                            "directories)");
+  EXPECT_EQ(unenroll(""), "ERROR: usage  Kestrune unenroll <directory>");
+  EXPECT_EQ(unenroll("proj other"), "ERROR: usage  Kestrune unenroll <directory>");
+
+  // A mode change goes through unenrollment; the versioned history waits on disk.
+  EXPECT_TRUE(enroll("proj mode=cachewt").starts_with("OK: cache write-through"));
+  EXPECT_TRUE(unenroll("<path>proj</path>").starts_with("OK: unenrolled"));
+  ASSERT_TRUE(enroll("proj").starts_with("OK: enrolled"));
+  EXPECT_EQ(run("fs", "cat", "a.txt"), "two");
+  start();
+  EXPECT_EQ(run("fs", "cat", "a.txt"), "two");
+
+  // A listed directory that is gone from disk can still be taken off the list.
+  fs::remove_all(base / "other");
+  start();
+  EXPECT_EQ(unenroll((base / "other").string()),
+            "OK: unenrolled " + (base / "other").string() +
+                " — no longer versioned or watched\n  active directory: " + project.string());
+  EXPECT_EQ(read_file(home / "config/versioncontroldirs.cfg").find("other"), std::string::npos);
+}
+
 TEST_F(FileFamilies, ScopeEditedVersionsOnlyWhatIsEditedThroughTheProgram) {
   write_file(project / "old.txt", "untouched");
   ASSERT_TRUE(enroll("proj scope=edited")
