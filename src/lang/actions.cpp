@@ -1,6 +1,8 @@
 #include "lang/actions.hpp"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <optional>
@@ -152,10 +154,9 @@ std::string show_turns(Session& session) {
 
 std::string set_turn_depth(Session& session, std::string_view args) {
   std::string_view text = trim(args);
-  std::size_t depth = 0;
-  if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != text.npos)
-    return std::string(kDepthUsage);
-  for (char c : text) depth = depth * 10 + static_cast<std::size_t>(c - '0');
+  auto parsed = parse_unsigned(text);
+  if (!parsed) return std::string(kDepthUsage);
+  std::size_t depth = static_cast<std::size_t>(std::min<std::uint64_t>(*parsed, SIZE_MAX));
   if (depth == 0 || depth > TurnRing::kMaxDepth)
     return "ERROR: the turn ring holds 1 to " + std::to_string(TurnRing::kMaxDepth) +
            " turns (got " + std::string(text) + ")";
@@ -213,11 +214,9 @@ std::variant<std::vector<std::string>, std::string> rebound_values(const Session
     selector = std::string(rest.substr(3, rest.size() - 4));
   }
   bool back = which.starts_with("-");
-  std::string_view digits = back ? which.substr(1) : which;
-  if (digits.empty() || digits.size() > 18 || digits.find_first_not_of("0123456789") != digits.npos)
-    return std::string(kRebindUsage);
-  std::uint64_t n = 0;
-  for (char c : digits) n = n * 10 + static_cast<std::uint64_t>(c - '0');
+  auto number = parse_unsigned(back ? which.substr(1) : which);
+  if (!number) return std::string(kRebindUsage);
+  std::uint64_t n = *number;
   const Turn* turn =
       back ? session.turns.from_newest(static_cast<std::size_t>(n)) : session.turns.find(n);
   if (turn == nullptr)

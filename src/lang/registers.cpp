@@ -1,16 +1,16 @@
 #include "lang/registers.hpp"
 
-#include <charconv>
+#include <cstdint>
+
+#include "lang/text.hpp"
 
 namespace kx::lang {
 namespace {
 
 std::optional<std::size_t> parse_index(std::string_view text) {
-  if (text.empty()) return std::nullopt;
-  std::size_t value = 0;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
+  auto value = parse_unsigned(text);
+  if (!value || *value > SIZE_MAX) return std::nullopt;
+  return static_cast<std::size_t>(*value);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "lang/turn_ring.hpp"
 
 #include <algorithm>
-#include <charconv>
 
 #include "lang/text.hpp"
 
@@ -66,12 +65,7 @@ std::string render_turn(const Turn& turn) {
 namespace {
 
 std::optional<std::uint64_t> parse_seq(std::string_view text) {
-  text = trim(text);
-  if (text.empty()) return std::nullopt;
-  std::uint64_t value = 0;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
+  return parse_unsigned(trim(text));
 }
 
 }  // namespace
