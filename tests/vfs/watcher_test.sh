@@ -128,4 +128,31 @@ expect "a directory not enrolled" "ERROR: $WORK is not enrolled (fsstat:stores l
 same_both_ways unenroll "$WORK"
 same_both_ways unenroll
 
+# One file outside every store, watched on its own.
+LOOSE=$WORK/loose
+mkdir -p "$LOOSE"
+printf 'v1\n' >"$LOOSE/notes.txt"
+expect "watch answers" "OK: watching $LOOSE/notes.txt — live events on this ONE file; every change archives the prior bytes
+  mirror: $CONF/.versioncontrol/$(echo "$LOOSE" | sed 's/[^-._0-9A-Za-z]/_/g')/notes.txt
+  listed in: $CONF/config/watchedfiles.cfg" kx watch "$LOOSE/notes.txt"
+expect "a second watch" "OK: already watching $LOOSE/notes.txt" kx watch "$LOOSE/notes.txt"
+archived() { kx watches | grep -qF "  $1 $LOOSE/notes.txt  ($2 archived version(s))"; }
+printf 'v2\n' >>"$LOOSE/notes.txt"
+truth "an outside write archives the prior bytes within 1 s" wait_until 10 archived live 1
+for i in 1 2 3; do printf 'burst %s\n' "$i" >>"$LOOSE/notes.txt"; sleep 0.04; done
+sleep 1
+truth "three writes within 150 ms archive once" archived live 2
+expect "the mirror holds the newest bytes" "$(cat "$LOOSE/notes.txt")" cat "$CONF/.versioncontrol/$(echo "$LOOSE" | sed 's/[^-._0-9A-Za-z]/_/g')/notes.txt"
+same_both_ways watches
+rm "$LOOSE/notes.txt"
+truth "a deleted file is listed as gone" wait_until 20 archived gone 2
+expect "watch refuses a directory" "ERROR: $LOOSE is a directory — watch takes ONE file; EnrollVersionControl watches trees" \
+  kx watch "$LOOSE"
+expect "a file of a store is covered already" "OK: already covered — $TREE/a.txt lives in the enrolled store $TREE" \
+  kx watch "$TREE/a.txt"
+same_both_ways watch "$LOOSE/none.txt"
+expect "unwatch" "OK: unwatched $LOOSE/notes.txt (mirror history kept)" kx unwatch "$LOOSE/notes.txt"
+expect "unwatch again" "OK: was not watching $LOOSE/notes.txt" kx unwatch "$LOOSE/notes.txt"
+truth "the list no longer has it" bash -c "! grep -qF notes.txt '$CONF/config/watchedfiles.cfg'"
+
 checks_done watcher
