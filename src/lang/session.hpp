@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "lang/registers.hpp"
+#include "lang/turn_ring.hpp"
 
 namespace kx::lang {
 
@@ -31,9 +32,23 @@ struct Session {
   std::optional<std::filesystem::path> previous_dir;
   std::vector<std::filesystem::path> dir_stack;  // pushd / popd
 
+  // A person, not a script or an agent, gave the command under way: kx on a
+  // terminal, or the UI in the owner's browser. Only a person approves an emit.
+  bool person_present = false;
+
   bool guided = false;
   unsigned raw_depth = 0;  // raw pass-through depth, shown in the prompt
   int nesting_depth = 0;   // structured commands under way on this session
+
+  // Lines under way through run_line, and script runs and actions under way: a
+  // line is a turn only when it starts with all three at zero.
+  int line_depth = 0;
+  int script_depth = 0;
+  int action_depth = 0;
+  static constexpr int kMaxActionDepth = 8;
+
+  // The recent top-level command lines and their results.
+  TurnRing turns;
 
   // $[] registers: what the last publishing command (grep -p) left for later lines.
   RegisterSet registers;

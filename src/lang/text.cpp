@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 
 namespace kx::lang {
 namespace {
@@ -53,6 +54,13 @@ bool is_integer(std::string_view text) {
                                       [](unsigned char c) { return std::isdigit(c) != 0; });
 }
 
+std::optional<std::uint64_t> parse_unsigned(std::string_view text) {
+  std::uint64_t value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
 bool glob_match(std::string_view pattern, std::string_view text) {
   std::size_t p = 0, t = 0, star = std::string_view::npos, resume = 0;
   while (t < text.size()) {
@@ -71,6 +79,41 @@ bool glob_match(std::string_view pattern, std::string_view text) {
   }
   while (p < pattern.size() && pattern[p] == '*') ++p;
   return p == pattern.size();
+}
+
+Utf8Step utf8_step(std::string_view text, std::size_t pos) {
+  auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  unsigned char lead = byte(pos);
+  if (lead < 0x80) return {true, 1};
+  std::size_t length = lead >= 0xC2 && lead <= 0xDF   ? 2
+                       : lead >= 0xE0 && lead <= 0xEF ? 3
+                       : lead >= 0xF0 && lead <= 0xF4 ? 4
+                                                      : 0;
+  if (length == 0) return {false, 1};
+  // The second byte's range rules out overlong forms, UTF-16 halves and values
+  // past U+10FFFF; later bytes are plain continuation bytes.
+  unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+  unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+  for (std::size_t k = 1; k < length; ++k) {
+    if (pos + k >= text.size()) return {false, k};
+    unsigned char c = byte(pos + k);
+    if (k == 1 ? (c < low || c > high) : (c & 0xC0) != 0x80) return {false, k};
+  }
+  return {true, length};
+}
+
+std::string valid_utf8(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    Utf8Step step = utf8_step(text, i);
+    if (step.valid)
+      out.append(text.substr(i, step.length));
+    else
+      out += "\xEF\xBF\xBD";
+    i += step.length;
+  }
+  return out;
 }
 
 std::string json_quoted(std::string_view text) {

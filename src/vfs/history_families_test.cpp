@@ -282,6 +282,11 @@ TEST_F(HistoryFamiliesTest, EmitsWaitForAHumanAndWriteOut) {
       run("bot1", "fsvctl:emitlist").starts_with("PENDING-EMITS 1\n  #1  (store)  (latest)"));
   EXPECT_EQ(run("bot1", "fsvctl:emitcommit 1 <mode>A</mode>"),
             "ERROR: emit approval is human-only (via the panel) — a bot cannot self-approve");
+  // The human seat from a pipe (an agent running kx) is refused as well.
+  EXPECT_EQ(run("cli", "fsvctl:emitcommit 1 <mode>A</mode>"),
+            "ERROR: emit approval needs a person at the console or the UI — run this from kx on "
+            "a terminal, or approve it in the UI (kx gui)");
+  program_->session->person_present = true;
   EXPECT_EQ(run("cli", "fsvctl:emitcommit 1"),
             "ERROR: choose a target — <mode>A</mode> (over current files) or <mode>B</mode> (to a "
             "new path)");
@@ -312,6 +317,10 @@ TEST_F(HistoryFamiliesTest, EmitsWaitForAHumanAndWriteOut) {
   EXPECT_EQ(program_->version("a.txt"), 3u);  // restoring is a new version too
   EXPECT_TRUE(run("bot1", "fsvctl:emit latest").starts_with("PENDING #3 — "));
   EXPECT_NE(run("cli", "fsvctl:emitlist").find("\n  #3  (store)  (latest)  requested by bot1 at "),
+            std::string::npos);
+  // A time of day given as its own word is kept with its date.
+  EXPECT_TRUE(run("bot1", "fsvctl:emit src 2026-01-31 18:05:09").starts_with("PENDING #4"));
+  EXPECT_NE(run("cli", "fsvctl:emitlist").find("#4  src  as-of 2026-01-31 18:05:09"),
             std::string::npos);
   EXPECT_EQ(run("bot1", "fsvctl:emit src yesterday"),
             "ERROR: bad time 'yesterday' — give <asof>YYYY-MM-DD HH:MM:SS</asof>, a date, seconds "
@@ -353,6 +362,17 @@ TEST(CacheWriteThrough, HistoryVerbsSayThereIsNoChain) {
     EXPECT_EQ(p.run("cli", "fsvctl:revert <path>a.txt</path><version>1</version>"),
               "ERROR: a.txt is in a cache write-through store (mode=cachewt) — no version history "
               "to revert to");
+    // A file the cache has not met yet gets the same answers, not "no such file".
+    write_file(root / "work" / "later.txt", "l\n");
+    EXPECT_EQ(p.run("cli", "fsvctl:log later.txt"),
+              "LOG later.txt  — cache write-through store (mode=cachewt): no version chain kept");
+    EXPECT_EQ(p.run("cli", "fsvctl:revert <path>later.txt</path><version>1</version>"),
+              "ERROR: later.txt is in a cache write-through store (mode=cachewt) — no version "
+              "history to revert to");
+    EXPECT_EQ(p.run("cli", "fsvctl:open <path>later.txt</path><version>1</version>"),
+              "ERROR: later.txt is in a cache write-through store (mode=cachewt) — no versions "
+              "kept (fs:cat reads it)");
+    EXPECT_EQ(p.run("cli", "fsvctl:log gone.txt"), "ERROR: no such file: gone.txt");
     // Locks hold in a cache write-through store as well.
     p.run("alice", "fslock:toggle a.txt");
     EXPECT_EQ(p.run("bob", checkin("a.txt", "three\n")), "ERROR: file is locked (alice)");
