@@ -344,6 +344,10 @@ std::string emitcancel(HistoryState& state, lang::Session& session, const kst::A
 std::string emitcommit(HistoryState& state, lang::Session& session, const kst::Args& args) {
   if (!kst::is_human_seat(session.bot_id))
     return "ERROR: emit approval is human-only (via the panel) — a bot cannot self-approve";
+  // A human seat is not enough: agents run kx from a pipe under the same seat.
+  if (!session.person_present)
+    return "ERROR: emit approval needs a person at the console or the UI — run this from kx on "
+           "a terminal, or approve it in the UI (kx gui)";
   const auto number = emit_number(args);
   if (!number)
     return "ERROR: usage  fsvctl:emitcommit <number> <mode>A|B</mode> [<dest>path</dest>]";
