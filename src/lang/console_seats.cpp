@@ -19,6 +19,17 @@ ConsoleSeats::Seat& ConsoleSeats::seat_for(const std::string& key,
   return seats_.front();
 }
 
+// The seat's state stands in for the session's while one of its units runs.
+void ConsoleSeats::swap_state(Session& session, Seat& seat) {
+  std::swap(session.cwd, seat.cwd);
+  std::swap(session.previous_dir, seat.previous_dir);
+  std::swap(session.dir_stack, seat.dir_stack);
+  std::swap(session.guided, seat.guided);
+  std::swap(session.raw_depth, seat.raw_depth);
+  std::swap(session.registers, seat.registers);
+  std::swap(session.turns, seat.turns);
+}
+
 UnitResult ConsoleSeats::run(Session& session, const std::string& key,
                              const std::filesystem::path& cwd, std::string_view unit,
                              UnitForm form) {
@@ -30,12 +41,7 @@ UnitResult ConsoleSeats::run(Session& session, const std::string& key,
   transient.cwd = cwd.empty() ? session.cwd : cwd;
   Seat& seat = key.empty() ? transient : seat_for(key, transient.cwd);
 
-  // The seat's state stands in for the session's while its unit runs.
-  std::swap(session.cwd, seat.cwd);
-  std::swap(session.previous_dir, seat.previous_dir);
-  std::swap(session.dir_stack, seat.dir_stack);
-  std::swap(session.guided, seat.guided);
-  std::swap(session.raw_depth, seat.raw_depth);
+  swap_state(session, seat);
 
   std::ostringstream out, err;
   UnitResult result;
@@ -46,11 +52,7 @@ UnitResult ConsoleSeats::run(Session& session, const std::string& key,
     result.status = kSyntaxError;
   }
 
-  std::swap(session.cwd, seat.cwd);
-  std::swap(session.previous_dir, seat.previous_dir);
-  std::swap(session.dir_stack, seat.dir_stack);
-  std::swap(session.guided, seat.guided);
-  std::swap(session.raw_depth, seat.raw_depth);
+  swap_state(session, seat);
 
   result.out = std::move(out).str();
   result.err = std::move(err).str();

@@ -1,8 +1,8 @@
 #pragma once
 // The resident's consoles: each client session (one kx process, one bot) keeps
-// its own working directory, guided mode, raw depth and script variables, as the
-// same lines would keep them in a process of their own. The resident's one
-// Session serves them all, one unit at a time.
+// its own working directory, guided mode, raw depth, script variables, $[]
+// registers and turn ring, as the same lines would keep them in a process of
+// their own. The resident's one Session serves them all, one unit at a time.
 #include <cstddef>
 #include <filesystem>
 #include <list>
@@ -44,7 +44,10 @@ class ConsoleSeats {
     bool guided = false;
     unsigned raw_depth = 0;
     ScriptVariables variables;
+    RegisterSet registers;
+    TurnRing turns;
   };
+  static void swap_state(Session& session, Seat& seat);
   Seat& seat_for(const std::string& key, const std::filesystem::path& cwd);
 
   mutable std::mutex mutex_;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "lang/registry.hpp"
+#include "lang/system_family.hpp"
 #include "lang/test_families.hpp"
 
 namespace kx::lang {
@@ -38,6 +39,25 @@ TEST(ConsoleSeats, EachConsoleKeepsItsOwnStateBetweenUnits) {
   EXPECT_EQ(bad.status, kSyntaxError);
   EXPECT_NE(bad.err.find("fs parse error"), std::string::npos);
   EXPECT_EQ(seats.size(), 2u);
+}
+
+TEST(ConsoleSeats, TurnsAndRegistersBelongToTheirConsole) {
+  Registry registry;
+  std::vector<testing::Call> calls;
+  testing::add_recording_family(registry, "fs", ':', {"cat"}, calls);
+  register_system_family(registry);
+  Session session(registry);
+  session.registers.publish({"resident"});
+  ConsoleSeats seats;
+  for (int i = 0; i < 3; ++i) seats.run(session, "a", "/", "fs:cat t", UnitForm::kArguments);
+  seats.run(session, "b", "/", "fs:cat t $[0]", UnitForm::kArguments);
+  EXPECT_EQ(calls.back().args, "t $[0]");  // b has no registers of its own
+  EXPECT_TRUE(seats.run(session, "a", "", "fssys:turns", UnitForm::kArguments)
+                  .out.starts_with("OK: 3 turn(s) in the ring, seqs 1..3"));
+  EXPECT_TRUE(seats.run(session, "b", "", "fssys:turns", UnitForm::kArguments)
+                  .out.starts_with("OK: 1 turn(s) in the ring, seqs 1..1"));
+  EXPECT_TRUE(session.turns.turns().empty());
+  EXPECT_EQ(session.registers.values(), std::vector<std::string>{"resident"});
 }
 
 TEST(ConsoleSeats, OldestConsolesAreForgottenBeyondTheLimit) {

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "lang/actions.hpp"
 #include "lang/result.hpp"
 #include "lang/text.hpp"
 
@@ -56,12 +57,7 @@ void remember(Session& session, std::string_view line, const std::string& result
   if (session.history.size() > Session::kHistoryLimit) session.history.pop_front();
 }
 
-}  // namespace
-
-std::string run_line(Session& session, std::string_view bot_id, std::string_view line) {
-  std::lock_guard lock(session.lock);
-  session.bot_id = std::string(bot_id);
-  std::string_view trimmed = trim(line);
+std::string run_line_inner(Session& session, std::string_view trimmed) {
   std::string_view first = first_word(trimmed);
   if (first.find(':') == std::string_view::npos) return natural(session, trimmed);
 
@@ -76,6 +72,25 @@ std::string run_line(Session& session, std::string_view bot_id, std::string_view
   }
   remember(session, trimmed, result);
   --session.nesting_depth;
+  return result;
+}
+
+}  // namespace
+
+std::string run_line(Session& session, std::string_view bot_id, std::string_view line) {
+  std::lock_guard lock(session.lock);
+  session.bot_id = std::string(bot_id);
+  std::string_view trimmed = trim(line);
+  // Only a line a caller runs itself is a turn; the lines that actions, scripts
+  // and the turn log run are not.
+  bool is_turn = session.line_depth == 0 && session.script_depth == 0 && session.action_depth == 0;
+  std::uint64_t published_before = session.registers.generation();
+  std::string result;
+  {
+    DepthGuard depth(session.line_depth);
+    result = run_line_inner(session, trimmed);
+  }
+  if (is_turn) record_turn(session, trimmed, result, published_before);
   return result;
 }
 

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "lang/actions.hpp"
 #include "lang/interpreter.hpp"
 #include "lang/text.hpp"
 #include "parser.hpp"
@@ -78,6 +79,7 @@ void ParseContext::run_command(const std::string& line) {
 
 void ParseContext::run_statement(const Stmt& stmt) {
   std::lock_guard lock(session.lock);
+  DepthGuard script(session.script_depth);  // the statement's commands are not turns
   runner.run(stmt);
 }
 

@@ -1,16 +1,16 @@
 #include "lang/registers.hpp"
 
-#include <charconv>
+#include <cstdint>
+
+#include "lang/text.hpp"
 
 namespace kx::lang {
 namespace {
 
 std::optional<std::size_t> parse_index(std::string_view text) {
-  if (text.empty()) return std::nullopt;
-  std::size_t value = 0;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
+  auto value = parse_unsigned(text);
+  if (!value || *value > SIZE_MAX) return std::nullopt;
+  return static_cast<std::size_t>(*value);
 }
 
 }  // namespace
@@ -40,7 +40,11 @@ std::string RegisterSet::expand(std::string_view text) const {
     std::size_t close = open == std::string_view::npos ? open : text.find(']', open + 2);
     if (close == std::string_view::npos) break;
     out.append(text.substr(pos, open - pos));
-    if (auto chosen = select(text.substr(open + 2, close - open - 2))) {
+    // "turn(x).$[..]" names another turn's values: the action that takes it reads them.
+    bool names_a_turn = open >= 2 && text.substr(open - 2, 2) == ").";
+    std::optional<std::vector<std::string>> chosen;
+    if (!names_a_turn) chosen = select(text.substr(open + 2, close - open - 2));
+    if (chosen) {
       for (std::size_t i = 0; i < chosen->size(); ++i) {
         if (i > 0) out += ' ';
         out += (*chosen)[i];

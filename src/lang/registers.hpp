@@ -4,6 +4,7 @@
 // $[n] (one value, counted from 0), $[a..b] (a slice, both ends included) or $[..]
 // (all of them); a slice expands to its values separated by single spaces.
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,8 +15,16 @@ namespace kx::lang {
 class RegisterSet {
  public:
   // Replaces every register with `values`.
-  void publish(std::vector<std::string> values) { values_ = std::move(values); }
-  void clear() { values_.clear(); }
+  void publish(std::vector<std::string> values) {
+    values_ = std::move(values);
+    ++generation_;
+  }
+  void clear() {
+    values_.clear();
+    ++generation_;
+  }
+  // Grows with every publish or clear: tells whether a command published.
+  std::uint64_t generation() const { return generation_; }
 
   std::size_t size() const { return values_.size(); }
   const std::vector<std::string>& values() const { return values_; }
@@ -25,11 +34,13 @@ class RegisterSet {
   std::optional<std::vector<std::string>> select(std::string_view selector) const;
 
   // `text` with every well-formed, in-range $[...] replaced by its values; other
-  // text, including selectors that name nothing, stays as written.
+  // text, including selectors that name nothing and a turn's "turn(x).$[..]",
+  // stays as written.
   std::string expand(std::string_view text) const;
 
  private:
   std::vector<std::string> values_;
+  std::uint64_t generation_ = 0;
 };
 
 }  // namespace kx::lang

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "lang/registers.hpp"
+#include "lang/turn_ring.hpp"
 
 namespace kx::lang {
 
@@ -34,6 +35,16 @@ struct Session {
   bool guided = false;
   unsigned raw_depth = 0;  // raw pass-through depth, shown in the prompt
   int nesting_depth = 0;   // structured commands under way on this session
+
+  // Lines under way through run_line, and script runs and actions under way: a
+  // line is a turn only when it starts with all three at zero.
+  int line_depth = 0;
+  int script_depth = 0;
+  int action_depth = 0;
+  static constexpr int kMaxActionDepth = 8;
+
+  // The recent top-level command lines and their results.
+  TurnRing turns;
 
   // $[] registers: what the last publishing command (grep -p) left for later lines.
   RegisterSet registers;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 
 namespace kx::lang {
 namespace {
@@ -51,6 +52,13 @@ bool is_integer(std::string_view text) {
   if (text.starts_with('-')) text.remove_prefix(1);
   return !text.empty() && std::all_of(text.begin(), text.end(),
                                       [](unsigned char c) { return std::isdigit(c) != 0; });
+}
+
+std::optional<std::uint64_t> parse_unsigned(std::string_view text) {
+  std::uint64_t value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
 }
 
 bool glob_match(std::string_view pattern, std::string_view text) {

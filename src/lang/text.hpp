@@ -1,5 +1,7 @@
 #pragma once
 // Small text helpers shared by the interpreter's modules.
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -21,6 +23,9 @@ std::vector<std::string_view> split_words(std::string_view text);
 std::string to_lower(std::string_view text);
 
 bool is_integer(std::string_view text);
+
+// Decimal digits only, no sign or blanks, within range; nothing otherwise.
+std::optional<std::uint64_t> parse_unsigned(std::string_view text);
 
 // Whole-text match with '*' (any run) and '?' (one byte); linear time, one
 // backtrack point.

@@ -21,7 +21,9 @@ std::unique_ptr<Workspace> make_workspace(bool live_watch) {
   // Re-enrollment reports go to standard error: standard output carries results only.
   auto stores = vfs::register_file_families(registry, live_watch);
   vfs::register_lock_and_history_families(registry, stores);
+  auto file_watches = vfs::register_file_watches(registry, stores, live_watch);
   vfs::reenroll_from_config(*stores, std::cerr);
+  file_watches->resume(std::cerr);
   workspace->stores = stores;
   memory::register_memory_family(registry, platform::contexts_dir());
   search::register_grep(registry, stores);

@@ -97,4 +97,25 @@ std::optional<Args> parse_args(std::string_view text, std::string& error) {
   return args;
 }
 
+std::string too_many_names(std::string_view usage, std::string_view verb,
+                           const std::vector<std::string>& given,
+                           const std::vector<std::string_view>& tags) {
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < given.size(); ++i) {
+    if (i < tags.size())
+      names.push_back(given[i]);
+    else
+      names.back() += " " + given[i];
+  }
+  std::string quoted = std::string(verb), elements = std::string(verb) + " ";
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    quoted += " \"" + names[i] + "\"";
+    elements += "<" + std::string(tags[i]) + ">" + names[i] + "</" + std::string(tags[i]) + ">";
+  }
+  return std::string(usage) + "\n  " + std::to_string(given.size()) + " names given where " +
+         std::to_string(tags.size()) + (tags.size() == 1 ? " is" : " are") +
+         " taken — quote a name with blanks, or give it as an element:\n    " + quoted + "\n    " +
+         elements;
+}
+
 }  // namespace kst

@@ -26,4 +26,12 @@ struct Args {
 // Parses `text`. On error returns nothing and sets `error`.
 std::optional<Args> parse_args(std::string_view text, std::string& error);
 
+// The usage error of a verb given more names than it takes: a name with blanks left
+// unquoted would otherwise be cut short or lose words. It is `usage`, then the two
+// forms that keep a name whole, filled in with the words given (the last name takes
+// the words left over), one element per tag of `tags` ("path", "dest").
+std::string too_many_names(std::string_view usage, std::string_view verb,
+                           const std::vector<std::string>& given,
+                           const std::vector<std::string_view>& tags);
+
 }  // namespace kst

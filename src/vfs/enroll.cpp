@@ -102,8 +102,9 @@ bool same_or_inside(const fs::path& dir, const fs::path& base) {
   return !rel.empty() && *rel.begin() != "..";
 }
 
-// Rewrites versioncontroldirs.cfg with `dir` as its last entry; other lines stay.
-bool record_in_config(const fs::path& file, const fs::path& dir, const Policy& policy) {
+// Rewrites versioncontroldirs.cfg without `dir`, then (with a policy) with `dir` as its
+// last entry; other lines stay.
+bool rewrite_config(const fs::path& file, const fs::path& dir, const Policy* policy) {
   std::vector<std::string> lines;
   {
     std::ifstream in(file);
@@ -119,11 +120,15 @@ bool record_in_config(const fs::path& file, const fs::path& dir, const Policy& p
     if (l.starts_with("[versioncontroldirs]")) has_header = true;
   std::string text = has_header ? "" : "[versioncontroldirs]\n";
   for (const auto& l : lines) text += l + "\n";
-  text += dir.string() + " :: " + policy_text(policy) + "\n";
+  if (policy != nullptr) text += dir.string() + " :: " + policy_text(*policy) + "\n";
   std::error_code ec;
   fs::create_directories(file.parent_path(), ec);
   std::string reason;
   return kx::platform::replace_file_durable(file, text, reason);
+}
+
+bool record_in_config(const fs::path& file, const fs::path& dir, const Policy& policy) {
+  return rewrite_config(file, dir, &policy);
 }
 
 std::size_t store_index(const StoreSet& stores, const Store* store) {
@@ -395,6 +400,59 @@ std::string enroll(StoreSet& stores, std::string_view args, const fs::path& cwd,
           "fs:read / fs:write auto-version,\n    fsvctl:log/diff/revert/open reach the history, "
           "fsstat:paths lists the store";
   return text + note;
+}
+
+std::string unenroll(StoreSet& stores, std::string_view args, const fs::path& cwd) {
+  const char* usage = "ERROR: usage  Kestrune unenroll <directory>";
+  std::string parse_error;
+  auto parsed = parse_args(args, parse_error);
+  if (!parsed) return usage;
+  std::string dir_arg = parsed->element("path").value_or(parsed->element("dir").value_or(""));
+  if (dir_arg.empty()) {
+    if (parsed->words.size() != 1) return usage;
+    dir_arg = parsed->words.front();
+  } else if (!parsed->words.empty()) {
+    return usage;
+  }
+  // The directory itself may be gone from disk: it is still unenrolled by its name.
+  const fs::path dir = absolute_dir(dir_arg, cwd);
+  const fs::path config = stores.config_file();
+  Store* store = stores.find(dir);
+  bool listed = false;
+  for (const auto& entry : read_config_entries(config)) {
+    std::error_code ec;
+    fs::path real = fs::canonical(entry.path, ec);
+    if (entry.path == dir.string() || (!ec && real == dir)) listed = true;
+  }
+  if (store == nullptr && !listed)
+    return "ERROR: " + dir.string() +
+           " is not enrolled (fsstat:stores lists the enrolled directories)";
+
+  const bool recorded = !listed || rewrite_config(config, dir, nullptr);
+  std::string text = "OK: unenrolled " + dir.string() + " — no longer versioned or watched";
+  if (store != nullptr) {
+    // The next active store is the most recently enrolled one left, as after a restart.
+    Store* next = nullptr;
+    for (const auto& entry : read_config_entries(config)) {
+      std::error_code ec;
+      fs::path real = fs::canonical(entry.path, ec);
+      if (Store* s = stores.find(ec ? fs::path(entry.path) : real); s != nullptr && s != store)
+        next = s;
+    }
+    if (next == nullptr)
+      for (Store* s : stores.all())
+        if (s != store) next = s;
+    const fs::path mirror = store->mirror_root();
+    stores.retire(*store, next);
+    text += "\n  history kept at: " + mirror.string() +
+            "\n    (enroll the directory again to reach its versions)";
+  }
+  if (Store* active = stores.active())
+    text += "\n  active directory: " + active->disk_root().string();
+  else
+    text += "\n  no directory is enrolled now";
+  if (!recorded) text += "\n  WARNING: could not update " + config.string();
+  return text;
 }
 
 std::string change_policy(StoreSet& stores, std::string_view args, const fs::path& cwd,

@@ -30,6 +30,11 @@ std::string enroll(StoreSet& stores, std::string_view args, const std::filesyste
 std::string change_policy(StoreSet& stores, std::string_view args, const std::filesystem::path& cwd,
                           std::ostream& progress);
 
+// The unenroll verb: "<directory>". The directory leaves the set, its watch and
+// versioncontroldirs.cfg; its mirror, archives and edit log stay where they are, so
+// enrolling it again brings its whole history back.
+std::string unenroll(StoreSet& stores, std::string_view args, const std::filesystem::path& cwd);
+
 struct ConfigEntry {
   std::string path;
   std::string flags;  // may be empty

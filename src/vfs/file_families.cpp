@@ -79,6 +79,7 @@ std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, 
   // stores do.
   auto watchers = std::make_shared<kst::StoreWatchers>(stores->home(), live_watch, std::cerr);
   stores->on_add([watchers](kst::Store& store) { watchers->add(store); });
+  stores->on_remove([watchers](kst::Store& store) { watchers->remove(store); });
 
   auto fs_family = family("fs", "Versioned files",
                           "(cat|rm|move|copy|restore). Use fsmk: to create, fsvctl: for "
@@ -175,6 +176,22 @@ std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, 
     }
   };
   registry.add_plain_verb(std::move(policy_verb));
+
+  lang::PlainVerb unenroll_verb;
+  unenroll_verb.words = {"unenroll", "UnenrollVersionControl", "unenrollversioncontrol"};
+  unenroll_verb.summary =
+      "take a directory out of version control (its history stays on disk for a re-enroll)";
+  unenroll_verb.usage = "Kestrune unenroll <directory>";
+  unenroll_verb.example = "Kestrune unenroll ~/proj";
+  unenroll_verb.section = "Version control";
+  unenroll_verb.run = [stores](lang::Session& session, std::string_view args) -> std::string {
+    try {
+      return lang::printable_lines(kst::unenroll(*stores, args, session_cwd(session)));
+    } catch (const std::exception& e) {
+      return std::string("ERROR: ") + e.what();
+    }
+  };
+  registry.add_plain_verb(std::move(unenroll_verb));
   return stores;
 }
 
@@ -213,14 +230,42 @@ void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
            << (policy->watch ? "watching for changes" : "watch=off") << "\n";
   }
   if (!entries.empty()) report << "[vc] version control ready.\n";
-  for (const auto& entry : kst::read_config_entries(stores.watched_files_file())) {
-    std::error_code ec;
-    report << "[watchedfiles] " << entry.path << " -> "
-           << (fs::is_regular_file(entry.path, ec)
-                   ? "not watched (the change watcher is not running yet)"
-                   : "skipped (no such file)")
-           << "\n";
-  }
+}
+
+std::shared_ptr<kst::FileWatches> register_file_watches(lang::Registry& registry,
+                                                        std::shared_ptr<kst::StoreSet> stores,
+                                                        bool live_watch) {
+  auto watches = std::make_shared<kst::FileWatches>(stores, live_watch, std::cerr);
+  using Run = std::string (*)(kst::FileWatches&, std::string_view, const fs::path&);
+  auto add = [&](std::string word, std::string summary, std::string usage, std::string example,
+                 Run run) {
+    lang::PlainVerb v;
+    v.words = {std::move(word)};
+    v.summary = std::move(summary);
+    v.usage = std::move(usage);
+    v.example = std::move(example);
+    v.section = "Version control";
+    v.run = [watches, run](lang::Session& session, std::string_view args) -> std::string {
+      try {
+        return lang::printable_lines(run(*watches, args, session_cwd(session)));
+      } catch (const std::exception& e) {
+        return std::string("ERROR: ") + e.what();
+      }
+    };
+    registry.add_plain_verb(std::move(v));
+  };
+  add("watch", "version one file outside every store as other programs change it",
+      "Kestrune watch <file>", "Kestrune watch ~/.bashrc",
+      [](kst::FileWatches& w, std::string_view a, const fs::path& cwd) { return w.watch(a, cwd); });
+  add("unwatch", "stop watching one file (its history stays)", "Kestrune unwatch <file>",
+      "Kestrune unwatch ~/.bashrc",
+      [](kst::FileWatches& w, std::string_view a, const fs::path& cwd) {
+        return w.unwatch(a, cwd);
+      });
+  add("watches", "the files watched one by one, live or gone, with their archived versions",
+      "Kestrune watches", "Kestrune watches",
+      [](kst::FileWatches& w, std::string_view, const fs::path&) { return w.list(); });
+  return watches;
 }
 
 }  // namespace kx::vfs

@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "lang/registry.hpp"
+#include "vfs/file_watches.hpp"
 #include "vfs/store_set.hpp"
 
 namespace kx::vfs {
@@ -15,8 +16,14 @@ namespace kx::vfs {
 // otherwise outside changes are caught up once as each store is loaded.
 std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, bool live_watch);
 
-// Enrolls again every directory listed in versioncontroldirs.cfg, and reads
-// watchedfiles.cfg. Report lines ("[versioncontroldirs] <dir> -> <outcome>", the
+// The single-file watch verbs (watch, unwatch, watches) over the same stores; the
+// returned list follows its files on threads with `live_watch`.
+std::shared_ptr<kst::FileWatches> register_file_watches(lang::Registry& registry,
+                                                        std::shared_ptr<kst::StoreSet> stores,
+                                                        bool live_watch);
+
+// Enrolls again every directory listed in versioncontroldirs.cfg. Report lines
+// ("[versioncontroldirs] <dir> -> <outcome>", the
 // "[vc] ..." progress lines) go to `report`; the program passes standard error so
 // that standard output carries only command results.
 void reenroll_from_config(kst::StoreSet& stores, std::ostream& report);

@@ -27,7 +27,9 @@ class FileFamilies : public kst::testing::TempHome {
     registry = std::make_unique<lang::Registry>();
     stores = register_file_families(*registry, false);
     stores->set_report(report);
+    watches = register_file_watches(*registry, stores, false);
     reenroll_from_config(*stores, report);
+    watches->resume(report);
     session = std::make_unique<lang::Session>(*registry);
     session->cwd = base;
   }
@@ -45,6 +47,7 @@ class FileFamilies : public kst::testing::TempHome {
 
   std::unique_ptr<lang::Registry> registry;
   std::shared_ptr<kst::StoreSet> stores;
+  std::shared_ptr<kst::FileWatches> watches;
   std::unique_ptr<lang::Session> session;
   std::ostringstream report;
 };
@@ -192,6 +195,36 @@ TEST_F(FileFamilies, UsageAndUnknownVerbTexts) {
   EXPECT_EQ(run("fsraw", "chmod"), "ERROR: unknown fsraw op 'chmod' (copy|move|remove)");
 }
 
+TEST_F(FileFamilies, UnquotedNamesWithBlanksAreUsageErrorsNotCutShort) {
+  enroll("proj");
+  run("fsmk", "file", "src/a.txt <content>a</content>");
+  EXPECT_EQ(run("fs", "move", "src/a.txt lib/moved a.txt"),
+            "ERROR: usage  fs:move <src> <dst>\n  3 names given where 2 are taken — quote a name "
+            "with blanks, or give it as an element:\n    fs:move \"src/a.txt\" \"lib/moved "
+            "a.txt\"\n    fs:move <path>src/a.txt</path><dest>lib/moved a.txt</dest>");
+  EXPECT_EQ(run("fs", "move", "<path>src/a.txt</path> lib/moved a.txt").substr(0, 80),
+            run("fs", "move", "src/a.txt lib/moved a.txt").substr(0, 80));
+  EXPECT_EQ(run("fs", "cat", "my notes.txt"),
+            "ERROR: usage  fs:cat <path>\n  2 names given where 1 is taken — quote a name with "
+            "blanks, or give it as an element:\n    fs:cat \"my notes.txt\"\n    fs:cat "
+            "<path>my notes.txt</path>");
+  for (auto [family, verb] : {std::pair{"fs", "rm"},
+                              {"fs", "copy"},
+                              {"fs", "restore"},
+                              {"fsmk", "file"},
+                              {"fsmk", "dir"},
+                              {"fsraw", "remove"},
+                              {"fsraw", "move"},
+                              {"fsstat", "exists"},
+                              {"fsstat", "ls"}})
+    EXPECT_NE(run(family, verb, "one two three").find(" names given where "), std::string::npos)
+        << family << ":" << verb;
+  // Nothing moved, and the quoted forms do what was meant.
+  EXPECT_EQ(run("fs", "move", "src/a.txt \"lib/moved a.txt\""),
+            "OK: moved src/a.txt -> lib/moved a.txt (history followed)");
+  EXPECT_EQ(run("fs", "cat", "<path>lib/moved a.txt</path>"), "a");
+}
+
 TEST_F(FileFamilies, RawOperationsBypassVersioning) {
   enroll("proj ext=allbut:.bin");
   EXPECT_EQ(run("fsmk", "file", "app.bin"),
@@ -204,6 +237,33 @@ TEST_F(FileFamilies, RawOperationsBypassVersioning) {
   EXPECT_EQ(run("fsraw", "rm", "moved.bin"), "OK: raw remove moved.bin");
   EXPECT_EQ(run("fsraw", "rm", "moved.bin"), "ERROR: raw remove failed");
   EXPECT_FALSE(fs::exists(mirror_root() / "moved.bin"));
+
+  // Versioned files are the fs: verbs' business: raw operations on them are refused.
+  run("fsmk", "file", "src/deep/a.txt <content>a</content>");
+  run("fsmk", "file", "src/deep/b.txt <content>b</content>");
+  const std::string tail =
+      " — use fs:rm (tombstone, history kept; fs:restore undoes), fs:move or fs:copy; fsraw: "
+      "is for files the version-control policy excludes";
+  EXPECT_EQ(
+      run("fsraw", "remove", "src"),
+      "ERROR: fsraw:remove refused: src holds 2 versioned file(s) (src/deep/a.txt, ...)" + tail);
+  EXPECT_EQ(run("fsraw", "rm", "src/deep/b.txt"),
+            "ERROR: fsraw:remove refused: src/deep/b.txt is versioned" + tail);
+  EXPECT_EQ(run("fsraw", "move", "src/deep/a.txt x.bin"),
+            "ERROR: fsraw:move refused: src/deep/a.txt is versioned" + tail);
+  EXPECT_EQ(run("fsraw", "copy", "build/app.bin src/deep/a.txt"),
+            "ERROR: fsraw:copy refused: src/deep/a.txt is versioned" + tail);
+  write_file(project / "build/readme.txt", "r");
+  EXPECT_EQ(
+      run("fsraw", "copy", "build notes"),
+      "ERROR: fsraw:copy refused: notes/readme.txt would be versioned (the policy admits it)" +
+          tail);
+  EXPECT_EQ(run("fs", "cat", "src/deep/a.txt"), "a");
+  EXPECT_EQ(run("fsraw", "copy", "src/deep/a.txt build/a.bin"),
+            "OK: raw copy src/deep/a.txt -> build/a.bin");
+  EXPECT_EQ(run("fs", "rm", "src/deep/b.txt").substr(0, 14), "OK: tombstoned");
+  EXPECT_EQ(run("fsraw", "remove", "src"),
+            "ERROR: fsraw:remove refused: src holds 1 versioned file(s) (src/deep/a.txt)" + tail);
 }
 
 TEST_F(FileFamilies, EnrollmentTextsAndRefusals) {
@@ -270,7 +330,8 @@ TEST_F(FileFamilies, ConfigCommentsAndMissingDirectoriesAtStart) {
             std::string::npos);
   EXPECT_NE(r.find("[versioncontroldirs] " + project.string() + " -> enrolled (1 file(s))"),
             std::string::npos);
-  EXPECT_NE(r.find("[watchedfiles] " + (base / "w.txt").string() + " -> skipped (no such file)"),
+  EXPECT_NE(r.find("[watchedfiles] " + (base / "w.txt").string() +
+                   " -> watching (the file is gone for now)"),
             std::string::npos);
   EXPECT_NE(r.find("[vc] version control ready.\n"), std::string::npos);
   EXPECT_EQ(run("fs", "cat", "k.txt"), "k");
@@ -278,6 +339,52 @@ TEST_F(FileFamilies, ConfigCommentsAndMissingDirectoriesAtStart) {
                   .starts_with("1 store(s) under version control  (* = active; retarget with "
                                "Kestrune EnrollVersionControl <root>)\n* " +
                                project.string()));
+}
+
+TEST_F(FileFamilies, UnenrollKeepsHistoryForTheNextEnrollment) {
+  auto unenroll = [&](std::string_view args) {
+    return registry->find_plain_verb("unenroll")->run(*session, args);
+  };
+  fs::create_directories(base / "other");
+  ASSERT_TRUE(enroll("proj").starts_with("OK: enrolled"));
+  run("fsmk", "file", "a.txt <content>one</content>");
+  run("fsmk", "file", "a.txt <content>two</content>");
+  ASSERT_TRUE(enroll("other").starts_with("OK: enrolled"));
+  ASSERT_TRUE(enroll("proj").starts_with("OK: "));  // proj is active again
+  kst::Store* proj = stores->active();
+  fs::path history = proj->mirror_root();
+
+  EXPECT_EQ(unenroll("proj"),
+            "OK: unenrolled " + project.string() +
+                " — no longer versioned or watched\n  history kept at: " + history.string() +
+                "\n    (enroll the directory again to reach its versions)"
+                "\n  active directory: " +
+                (base / "other").string());
+  EXPECT_TRUE(proj->files().empty());  // the old address is still safe to use
+  EXPECT_EQ(read_file(home / "config/versioncontroldirs.cfg"),
+            "[versioncontroldirs]\n" + (base / "other").string() +
+                " :: scope=all ext=default watch=on mode=vc\n");
+  EXPECT_EQ(unenroll(project.string()), "ERROR: " + project.string() +
+                                            " is not enrolled (fsstat:stores lists the enrolled "
+                                            "directories)");
+  EXPECT_EQ(unenroll(""), "ERROR: usage  Kestrune unenroll <directory>");
+  EXPECT_EQ(unenroll("proj other"), "ERROR: usage  Kestrune unenroll <directory>");
+
+  // A mode change goes through unenrollment; the versioned history waits on disk.
+  EXPECT_TRUE(enroll("proj mode=cachewt").starts_with("OK: cache write-through"));
+  EXPECT_TRUE(unenroll("<path>proj</path>").starts_with("OK: unenrolled"));
+  ASSERT_TRUE(enroll("proj").starts_with("OK: enrolled"));
+  EXPECT_EQ(run("fs", "cat", "a.txt"), "two");
+  start();
+  EXPECT_EQ(run("fs", "cat", "a.txt"), "two");
+
+  // A listed directory that is gone from disk can still be taken off the list.
+  fs::remove_all(base / "other");
+  start();
+  EXPECT_EQ(unenroll((base / "other").string()),
+            "OK: unenrolled " + (base / "other").string() +
+                " — no longer versioned or watched\n  active directory: " + project.string());
+  EXPECT_EQ(read_file(home / "config/versioncontroldirs.cfg").find("other"), std::string::npos);
 }
 
 TEST_F(FileFamilies, ScopeEditedVersionsOnlyWhatIsEditedThroughTheProgram) {

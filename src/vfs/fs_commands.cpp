@@ -44,6 +44,7 @@ fs::path with_suffix(const fs::path& path, std::string_view suffix) {
 // Up to two path arguments: elements <path>/<src> and <dest>/<dst> or plain words.
 struct PathArgs {
   std::string first, second;
+  std::vector<std::string> names;  // every name given, in order, the destination last
   Args all;
 };
 
@@ -68,6 +69,8 @@ std::optional<PathArgs> path_args(std::string_view text) {
     p.second = *dest;
   else if (positional.size() > 1)
     p.second = positional[1];
+  p.names = positional;
+  if (dest) p.names.push_back(*dest);
   return p;
 }
 
@@ -135,6 +138,8 @@ Located locate(Store& store, const std::string& arg) {
 std::string fs_cat(CommandContext& ctx, std::string_view args) {
   auto p = path_args(args);
   if (!p || p->first.empty()) return "ERROR: usage  fs:cat <path>";
+  if (p->names.size() > 1)
+    return too_many_names("ERROR: usage  fs:cat <path>", "fs:cat", p->names, {"path"});
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());
@@ -150,6 +155,8 @@ std::string fs_cat(CommandContext& ctx, std::string_view args) {
 std::string fs_rm(CommandContext& ctx, std::string_view args) {
   auto p = path_args(args);
   if (!p || p->first.empty()) return "ERROR: usage  fs:rm <path>";
+  if (p->names.size() > 1)
+    return too_many_names("ERROR: usage  fs:rm <path>", "fs:rm", p->names, {"path"});
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());
@@ -185,6 +192,8 @@ std::string fs_rm(CommandContext& ctx, std::string_view args) {
 std::string fs_restore(CommandContext& ctx, std::string_view args) {
   auto p = path_args(args);
   if (!p || p->first.empty()) return "ERROR: usage  fs:restore <path>";
+  if (p->names.size() > 1)
+    return too_many_names("ERROR: usage  fs:restore <path>", "fs:restore", p->names, {"path"});
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());
@@ -212,6 +221,9 @@ std::string fs_restore(CommandContext& ctx, std::string_view args) {
 std::string fs_move(CommandContext& ctx, std::string_view args) {
   auto p = path_args(args);
   if (!p || p->first.empty() || p->second.empty()) return "ERROR: usage  fs:move <src> <dst>";
+  if (p->names.size() > 2)
+    return too_many_names("ERROR: usage  fs:move <src> <dst>", "fs:move", p->names,
+                          {"path", "dest"});
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());
@@ -279,6 +291,9 @@ std::string fs_move(CommandContext& ctx, std::string_view args) {
 std::string fs_copy(CommandContext& ctx, std::string_view args) {
   auto p = path_args(args);
   if (!p || p->first.empty() || p->second.empty()) return "ERROR: usage  fs:copy <src> <dst>";
+  if (p->names.size() > 2)
+    return too_many_names("ERROR: usage  fs:copy <src> <dst>", "fs:copy", p->names,
+                          {"path", "dest"});
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());
@@ -316,9 +331,8 @@ std::string fs_copy(CommandContext& ctx, std::string_view args) {
 std::string fsmk_file(CommandContext& ctx, std::string_view args) {
   const char* usage = "ERROR: usage  fsmk:file <path> [<content><![CDATA[..]]></content>]";
   auto p = path_args(args);
-  if (!p || p->first.empty() || !p->second.empty() ||
-      p->all.words.size() > (p->all.element("path") ? 0u : 1u))
-    return usage;
+  if (!p || p->first.empty()) return usage;
+  if (p->names.size() > 1) return too_many_names(usage, "fsmk:file", p->names, {"path"});
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::string error;
@@ -335,7 +349,9 @@ std::string fsmk_file(CommandContext& ctx, std::string_view args) {
 
 std::string fsmk_dir(CommandContext& ctx, std::string_view args) {
   auto p = path_args(args);
-  if (!p || p->first.empty() || !p->second.empty()) return "ERROR: usage  fsmk:dir <path>";
+  if (!p || p->first.empty()) return "ERROR: usage  fsmk:dir <path>";
+  if (p->names.size() > 1)
+    return too_many_names("ERROR: usage  fsmk:dir <path>", "fsmk:dir", p->names, {"path"});
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());

@@ -1,11 +1,13 @@
 // fsraw: — plain disk operations for files the policy keeps out of version control.
 // No version, no mirror, no archive. Paths are taken relative to the active store's
 // root and may not leave it; without a store they are relative to the working
-// directory. A versioned file touched this way is dropped from RAM (its history stays
-// on disk and is found again at the next load).
+// directory. In a versioned store a raw operation that would remove, move or overwrite
+// a versioned file (or write one the policy admits) is refused: the fs: verbs do the
+// same with the history kept.
 #include <initializer_list>
 #include <optional>
 #include <system_error>
+#include <vector>
 
 #include "lang/text.hpp"
 #include "vfs/archive.hpp"
@@ -89,6 +91,78 @@ std::optional<std::string> refuse_raw(const CommandContext& ctx, const Store* st
   return std::nullopt;
 }
 
+// The live versioned files at `path` or below it, in path order. REQUIRES: the
+// store's mutex.
+std::vector<std::string> versioned_at(const Store& store, const std::string& path) {
+  std::vector<std::string> out;
+  const std::string below = path + "/";
+  for (auto it = store.files().lower_bound(path); it != store.files().end(); ++it) {
+    if (it->first != path && !it->first.starts_with(below)) break;
+    if (!it->second->tombstoned) out.push_back(it->first);
+  }
+  return out;
+}
+
+// Why a raw operation must not take `source` away (remove, or the source of a move);
+// nothing when it may. REQUIRES: the store's mutex.
+std::optional<std::string> source_reason(const Store& store, const RawTarget& source) {
+  if (!store.versioned() || source.store_path.empty()) return std::nullopt;
+  auto versioned = versioned_at(store, source.store_path);
+  const std::string shown = kx::lang::printable(source.store_path);
+  if (versioned.empty()) return std::nullopt;
+  if (versioned.size() == 1 && versioned[0] == source.store_path) return shown + " is versioned";
+  return shown + " holds " + std::to_string(versioned.size()) + " versioned file(s) (" +
+         kx::lang::printable(versioned[0]) + (versioned.size() > 1 ? ", ..." : "") + ")";
+}
+
+// Why a raw operation must not write the store paths `written`: one is a versioned
+// file, or (every file being versioned in this store) the policy admits one.
+// REQUIRES: the store's mutex.
+std::optional<std::string> destination_reason(const Store& store,
+                                              const std::vector<std::string>& written) {
+  if (!store.versioned()) return std::nullopt;
+  for (const std::string& path : written)
+    if (const File* file = store.find_file(path); file != nullptr && !file->tombstoned)
+      return kx::lang::printable(path) + " is versioned";
+  if (store.policy().scope != Scope::kAll) return std::nullopt;
+  for (const std::string& path : written) {
+    std::string rule;
+    if (ext_admits(store.policy(), fs::path(path).filename().string(), rule))
+      return kx::lang::printable(path) + " would be versioned (the policy admits it)";
+  }
+  return std::nullopt;
+}
+
+std::string refused(std::string_view verb, const std::string& reason) {
+  return "ERROR: fsraw:" + std::string(verb) + " refused: " + reason +
+         " — use fs:rm (tombstone, history kept; fs:restore undoes), fs:move or fs:copy; "
+         "fsraw: is for files the version-control policy excludes";
+}
+
+// The store paths a copy or move of `from` to `to` writes: the destination itself for a
+// file, each file below it for a directory.
+std::vector<std::string> written_paths(const RawTarget& from, const RawTarget& to) {
+  if (to.store_path.empty()) return {};
+  std::error_code ec;
+  const auto kind = fs::symlink_status(from.disk, ec);
+  // Links are copied as links, which the store does not version.
+  if (fs::is_symlink(kind)) return {};
+  if (!fs::is_directory(kind)) {
+    // A file copied into an existing directory keeps its name.
+    if (fs::is_directory(to.disk, ec)) return {to.store_path + "/" + from.disk.filename().string()};
+    return {to.store_path};
+  }
+  std::vector<std::string> out;
+  fs::recursive_directory_iterator it(from.disk, fs::directory_options::skip_permission_denied, ec);
+  for (fs::recursive_directory_iterator end; !ec && it != end; it.increment(ec)) {
+    std::error_code type;
+    if (!it->is_symlink(type) && it->is_regular_file(type))
+      out.push_back(to.store_path + "/" +
+                    it->path().lexically_relative(from.disk).generic_string());
+  }
+  return out;
+}
+
 void forget(Store* store, const std::string& path) {
   if (store != nullptr && !path.empty() && store->find_file(path) != nullptr)
     store->detach_file(path);
@@ -99,7 +173,10 @@ void forget(Store* store, const std::string& path) {
 std::string fsraw_copy(CommandContext& ctx, std::string_view args) {
   bool ok = false;
   auto a = two_args(args, ok);
-  if (!ok || a.size() != 2) return "ERROR: usage  fsraw:copy <src> <dst>";
+  if (!ok || a.size() < 2) return "ERROR: usage  fsraw:copy <src> <dst>";
+  if (a.size() > 2)
+    return too_many_names("ERROR: usage  fsraw:copy <src> <dst>", "fsraw:copy", a,
+                          {"path", "dest"});
   Store* store = ctx.stores.active();
   std::unique_lock<std::recursive_mutex> guard;
   if (store != nullptr) guard = std::unique_lock(store->mutex());
@@ -114,6 +191,9 @@ std::string fsraw_copy(CommandContext& ctx, std::string_view args) {
       return "ERROR: raw copy refused: '" +
              kx::lang::printable(link->lexically_relative(store->disk_root()).generic_string()) +
              "' is a link to outside the store; copy what it points to by its own path";
+  if (store != nullptr)
+    if (auto why = destination_reason(*store, written_paths(from, to)))
+      return refused("copy", *why);
   std::error_code ec;
   // Links are copied as links: the check above keeps them pointing inside the store.
   fs::copy(from.disk, to.disk,
@@ -128,7 +208,10 @@ std::string fsraw_copy(CommandContext& ctx, std::string_view args) {
 std::string fsraw_move(CommandContext& ctx, std::string_view args) {
   bool ok = false;
   auto a = two_args(args, ok);
-  if (!ok || a.size() != 2) return "ERROR: usage  fsraw:move <src> <dst>";
+  if (!ok || a.size() < 2) return "ERROR: usage  fsraw:move <src> <dst>";
+  if (a.size() > 2)
+    return too_many_names("ERROR: usage  fsraw:move <src> <dst>", "fsraw:move", a,
+                          {"path", "dest"});
   Store* store = ctx.stores.active();
   std::unique_lock<std::recursive_mutex> guard;
   if (store != nullptr) guard = std::unique_lock(store->mutex());
@@ -138,6 +221,11 @@ std::string fsraw_move(CommandContext& ctx, std::string_view args) {
   std::optional<Store::ProcessLock> across_processes;
   if (store != nullptr) across_processes.emplace(*store);
   if (auto refusal = refuse_raw(ctx, store, {&from, &to})) return *refusal;
+  if (store != nullptr) {
+    if (auto why = source_reason(*store, from)) return refused("move", *why);
+    if (auto why = destination_reason(*store, written_paths(from, to)))
+      return refused("move", *why);
+  }
   std::error_code ec;
   fs::rename(from.disk, to.disk, ec);
   if (ec) return "ERROR: raw move failed";
@@ -149,7 +237,9 @@ std::string fsraw_move(CommandContext& ctx, std::string_view args) {
 std::string fsraw_remove(CommandContext& ctx, std::string_view args) {
   bool ok = false;
   auto a = two_args(args, ok);
-  if (!ok || a.size() != 1) return "ERROR: usage  fsraw:remove <path>";
+  if (!ok || a.size() < 1) return "ERROR: usage  fsraw:remove <path>";
+  if (a.size() > 1)
+    return too_many_names("ERROR: usage  fsraw:remove <path>", "fsraw:remove", a, {"path"});
   Store* store = ctx.stores.active();
   std::unique_lock<std::recursive_mutex> guard;
   if (store != nullptr) guard = std::unique_lock(store->mutex());
@@ -158,6 +248,8 @@ std::string fsraw_remove(CommandContext& ctx, std::string_view args) {
   std::optional<Store::ProcessLock> across_processes;
   if (store != nullptr) across_processes.emplace(*store);
   if (auto refusal = refuse_raw(ctx, store, {&target})) return *refusal;
+  if (store != nullptr)
+    if (auto why = source_reason(*store, target)) return refused("remove", *why);
   std::error_code ec;
   if (!fs::exists(fs::symlink_status(target.disk, ec))) return "ERROR: raw remove failed";
   fs::remove_all(target.disk, ec);

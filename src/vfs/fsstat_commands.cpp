@@ -14,13 +14,28 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::optional<std::string> one_path(std::string_view text) {
+// The one path of a verb; the usage error (`usage`, for `verb`) when there is none or
+// more than one was given.
+struct OnePath {
+  std::optional<std::string> path;
+  std::string error;
+};
+
+OnePath one_path(std::string_view text, std::string_view verb, std::string_view usage) {
+  OnePath out;
+  out.error = std::string(usage);
   std::string error;
   auto parsed = parse_args(text, error);
-  if (!parsed) return std::nullopt;
-  if (auto e = parsed->element("path")) return e;
-  if (parsed->words.size() == 1) return parsed->words[0];
-  return std::nullopt;
+  if (!parsed) return out;
+  std::vector<std::string> names;
+  if (auto e = parsed->element("path")) names.push_back(*e);
+  names.insert(names.end(), parsed->words.begin(), parsed->words.end());
+  if (names.size() > 1) {
+    out.error = too_many_names(usage, verb, names, {"path"});
+    return out;
+  }
+  if (names.size() == 1) out.path = names[0];
+  return out;
 }
 
 bool path_matches(std::string_view pattern, std::string_view path) {
@@ -32,8 +47,9 @@ bool path_matches(std::string_view pattern, std::string_view path) {
 }  // namespace
 
 std::string fsstat_exists(CommandContext& ctx, std::string_view args) {
-  auto arg = one_path(args);
-  if (!arg) return "ERROR: usage  fsstat:exists <path>";
+  auto one = one_path(args, "fsstat:exists", "ERROR: usage  fsstat:exists <path>");
+  if (!one.path) return one.error;
+  const auto& arg = one.path;
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());
@@ -48,8 +64,9 @@ std::string fsstat_exists(CommandContext& ctx, std::string_view args) {
 }
 
 std::string fsstat_version(CommandContext& ctx, std::string_view args) {
-  auto arg = one_path(args);
-  if (!arg) return "ERROR: usage  fsstat:version <path>";
+  auto one = one_path(args, "fsstat:version", "ERROR: usage  fsstat:version <path>");
+  if (!one.path) return one.error;
+  const auto& arg = one.path;
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());
@@ -60,8 +77,9 @@ std::string fsstat_version(CommandContext& ctx, std::string_view args) {
 }
 
 std::string fsstat_ls(CommandContext& ctx, std::string_view args) {
-  auto arg = one_path(args);
-  if (!arg) return "ERROR: usage  fsstat:ls <dirpath>";
+  auto one = one_path(args, "fsstat:ls", "ERROR: usage  fsstat:ls <dirpath>");
+  if (!one.path) return one.error;
+  const auto& arg = one.path;
   Store* store = ctx.stores.active();
   if (store == nullptr) return kNoStore;
   std::lock_guard guard(store->mutex());

@@ -313,6 +313,10 @@ TEST_F(HistoryFamiliesTest, EmitsWaitForAHumanAndWriteOut) {
   EXPECT_TRUE(run("bot1", "fsvctl:emit latest").starts_with("PENDING #3 — "));
   EXPECT_NE(run("cli", "fsvctl:emitlist").find("\n  #3  (store)  (latest)  requested by bot1 at "),
             std::string::npos);
+  // A time of day given as its own word is kept with its date.
+  EXPECT_TRUE(run("bot1", "fsvctl:emit src 2026-01-31 18:05:09").starts_with("PENDING #4"));
+  EXPECT_NE(run("cli", "fsvctl:emitlist").find("#4  src  as-of 2026-01-31 18:05:09"),
+            std::string::npos);
   EXPECT_EQ(run("bot1", "fsvctl:emit src yesterday"),
             "ERROR: bad time 'yesterday' — give <asof>YYYY-MM-DD HH:MM:SS</asof>, a date, seconds "
             "since the epoch, or latest");
@@ -353,6 +357,17 @@ TEST(CacheWriteThrough, HistoryVerbsSayThereIsNoChain) {
     EXPECT_EQ(p.run("cli", "fsvctl:revert <path>a.txt</path><version>1</version>"),
               "ERROR: a.txt is in a cache write-through store (mode=cachewt) — no version history "
               "to revert to");
+    // A file the cache has not met yet gets the same answers, not "no such file".
+    write_file(root / "work" / "later.txt", "l\n");
+    EXPECT_EQ(p.run("cli", "fsvctl:log later.txt"),
+              "LOG later.txt  — cache write-through store (mode=cachewt): no version chain kept");
+    EXPECT_EQ(p.run("cli", "fsvctl:revert <path>later.txt</path><version>1</version>"),
+              "ERROR: later.txt is in a cache write-through store (mode=cachewt) — no version "
+              "history to revert to");
+    EXPECT_EQ(p.run("cli", "fsvctl:open <path>later.txt</path><version>1</version>"),
+              "ERROR: later.txt is in a cache write-through store (mode=cachewt) — no versions "
+              "kept (fs:cat reads it)");
+    EXPECT_EQ(p.run("cli", "fsvctl:log gone.txt"), "ERROR: no such file: gone.txt");
     // Locks hold in a cache write-through store as well.
     p.run("alice", "fslock:toggle a.txt");
     EXPECT_EQ(p.run("bob", checkin("a.txt", "three\n")), "ERROR: file is locked (alice)");

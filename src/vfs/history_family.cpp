@@ -58,6 +58,25 @@ kst::File* file_target(HistoryState& state, const kst::Args& args, Target& t, st
   return file;
 }
 
+// The store path of the file named by the arguments when it lies in a cache
+// write-through store, which keeps no chain; nothing otherwise. The file may not be in
+// the cache yet (it joins on first use), so the disk decides whether it exists.
+std::optional<std::string> cache_store_file(HistoryState& state, const kst::Args& args) {
+  auto arg = args.get("path", 0);
+  if (!arg || arg->empty()) return std::nullopt;
+  Target t = find_target(*state.stores, *arg);
+  if (t.store == nullptr || t.store->versioned()) return std::nullopt;
+  std::string error;
+  auto path = kst::store_path_of(*t.store, *arg, error);
+  std::error_code ec;
+  if (!path || !fs::is_regular_file(t.store->disk_path(*path), ec)) return std::nullopt;
+  return lang::printable(*path);
+}
+
+std::string no_versions_kept(const std::string& path) {
+  return "ERROR: " + path + " is in a " + kCacheMode + " — no versions kept (fs:cat reads it)";
+}
+
 std::string with_notice(std::string out, const std::string& path, const kst::SaveResult& saved) {
   if (saved.mirror_failed) out += "  [mirror-fail]";
   return out + kst::save_notice(path, saved.version);
@@ -130,6 +149,8 @@ std::string checkin(HistoryState& state, lang::Session& session, const kst::Args
 
 std::string revert(HistoryState& state, lang::Session& session, const kst::Args& args) {
   constexpr std::string_view usage = "fsvctl:revert <path>x</path><version>N</version>";
+  if (auto cached = cache_store_file(state, args))
+    return "ERROR: " + *cached + " is in a " + kCacheMode + " — no version history to revert to";
   Target t;
   std::string out;
   kst::File* file = file_target(state, args, t, out, usage);
@@ -160,6 +181,7 @@ std::string diff(HistoryState& state, lang::Session&, const kst::Args& args) {
       "fsvctl:log shows the chain)";
   const auto a = parse_number(args.get("a", 1));
   if (!args.get("path", 0) || !a) return usage;
+  if (auto cached = cache_store_file(state, args)) return no_versions_kept(*cached);
   Target t;
   std::string out;
   kst::File* file = file_target(state, args, t, out, "");
@@ -184,6 +206,8 @@ std::string diff(HistoryState& state, lang::Session&, const kst::Args& args) {
 }
 
 std::string log(HistoryState& state, lang::Session&, const kst::Args& args) {
+  if (auto cached = cache_store_file(state, args))
+    return "LOG " + *cached + "  — " + kCacheMode + ": no version chain kept";
   Target t;
   std::string out;
   kst::File* file = file_target(state, args, t, out, "fsvctl:log <path>");
@@ -210,6 +234,7 @@ std::string log(HistoryState& state, lang::Session&, const kst::Args& args) {
 }
 
 std::string open(HistoryState& state, lang::Session&, const kst::Args& args) {
+  if (auto cached = cache_store_file(state, args)) return no_versions_kept(*cached);
   Target t;
   std::string out;
   kst::File* file =
@@ -254,11 +279,14 @@ std::string emit(HistoryState& state, lang::Session& session, const kst::Args& a
   std::string scope = args.element("scope").value_or(args.get("path", 0).value_or(""));
   if (scope == "latest" && args.words.size() == 1) scope.clear();  // "fsvctl:emit latest"
   if (scope == "(store)" || scope == "." || scope == "/") scope.clear();
-  // The time is <asof>, else the word after the scope ("latest" when there is none).
+  // The time is <asof>, else the words after the scope ("latest" when there are none):
+  // a date and a time of day given as two words are one time.
   std::string when = args.element("asof").value_or("");
   if (when.empty()) {
     const std::size_t at = args.element("path") || args.element("scope") ? 0 : 1;
-    when = at < args.words.size() ? args.words[at] : "latest";
+    for (std::size_t i = at; i < args.words.size(); ++i)
+      when += (when.empty() ? "" : " ") + args.words[i];
+    if (when.empty()) when = "latest";
   }
   std::optional<std::int64_t> asof;
   if (when != "latest") {

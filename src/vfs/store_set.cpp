@@ -1,5 +1,6 @@
 #include "vfs/store_set.hpp"
 
+#include <algorithm>
 #include <iostream>
 
 #include "vfs/store_key.hpp"
@@ -79,9 +80,32 @@ Store& StoreSet::adopt(std::unique_ptr<Store> store) {
   return added;
 }
 
+bool StoreSet::retire(Store& store, Store* next_active) {
+  std::unique_lock guard(mutex_);
+  auto it = std::find_if(stores_.begin(), stores_.end(),
+                         [&](const std::unique_ptr<Store>& s) { return s.get() == &store; });
+  if (it == stores_.end()) return false;
+  retired_.push_back(std::move(*it));
+  stores_.erase(it);
+  if (active_ == &store) active_ = next_active;
+  std::vector<std::function<void(Store&)>> callbacks = on_remove_;
+  guard.unlock();
+  for (const auto& callback : callbacks) callback(store);
+  // An empty tree of the same root and policy: the RAM of the files is given back.
+  auto empty = make_store(store.disk_root(), store.policy());
+  std::lock_guard store_guard(store.mutex());
+  store.replace_with(std::move(*empty));
+  return true;
+}
+
 void StoreSet::on_add(std::function<void(Store&)> callback) {
   std::lock_guard guard(mutex_);
   on_add_.push_back(std::move(callback));
+}
+
+void StoreSet::on_remove(std::function<void(Store&)> callback) {
+  std::lock_guard guard(mutex_);
+  on_remove_.push_back(std::move(callback));
 }
 
 }  // namespace kst

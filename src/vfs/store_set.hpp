@@ -1,7 +1,7 @@
 #pragma once
 // Every store of the process and which one is active (the one most recently
 // enrolled or re-targeted). Stores are created by enrollment and live as long as
-// the process; their addresses are stable.
+// the process, unenrolled ones included: their addresses are stable.
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -38,9 +38,17 @@ class StoreSet {
   // Takes a loaded store into the set, replacing one with the same root; returns it.
   Store& adopt(std::unique_ptr<Store> store);
 
+  // Takes a store out of the set (unenrollment); false when it is not in it. The
+  // on_remove callbacks run first (its watch ends), then its tree is emptied: a handler
+  // still holding the address finds no files rather than freed memory. When it was
+  // active, `next_active` (which must be in the set, or null) becomes active.
+  bool retire(Store& store, Store* next_active);
+
   // Called with every store that joins the set from now on, outside the set's lock and
   // before the store serves a command (the lock layer installs its save hooks there).
   void on_add(std::function<void(Store&)> callback);
+  // Called with every store that leaves the set, outside the set's lock.
+  void on_remove(std::function<void(Store&)> callback);
 
   // Where warnings and progress lines go (standard error in the program).
   std::ostream& report() const { return *report_; }
@@ -50,8 +58,10 @@ class StoreSet {
   std::filesystem::path home_;
   mutable std::mutex mutex_;
   std::vector<std::unique_ptr<Store>> stores_;
+  std::vector<std::unique_ptr<Store>> retired_;
   Store* active_ = nullptr;
   std::vector<std::function<void(Store&)>> on_add_;
+  std::vector<std::function<void(Store&)>> on_remove_;
   std::ostream* report_;
 };
 

@@ -22,6 +22,22 @@ void StoreWatchers::add(Store& store) {
   stores_.push_back(&store);
 }
 
+void StoreWatchers::remove(const Store& store) {
+  std::unique_ptr<TreeWatcher> ending;
+  {
+    std::lock_guard guard(mutex_);
+    for (std::size_t i = 0; i < stores_.size(); ++i) {
+      if (stores_[i] != &store) continue;
+      ending = std::move(watchers_[i]);
+      watchers_.erase(watchers_.begin() + static_cast<std::ptrdiff_t>(i));
+      stores_.erase(stores_.begin() + static_cast<std::ptrdiff_t>(i));
+      break;
+    }
+  }
+  // Joined outside the lock: the thread may be reporting through follower() meanwhile.
+  if (ending) ending->stop();
+}
+
 bool StoreWatchers::follower(const Store& store) const {
   std::lock_guard guard(mutex_);
   for (std::size_t i = 0; i < stores_.size(); ++i)

@@ -20,6 +20,8 @@ class StoreWatchers {
 
   // Starts the watch of a store that joined the set; a failure is reported, not fatal.
   void add(Store& store);
+  // Ends the watch of a store that left the set and lets go of its watch lock.
+  void remove(const Store& store);
   // Whether this process is a read-only follower for `store`.
   bool follower(const Store& store) const;
 

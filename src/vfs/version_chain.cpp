@@ -89,8 +89,20 @@ std::optional<std::int64_t> parse_time(const std::string& text) {
   std::tm tm{};
   int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
   char tail = 0;
-  const int n =
-      std::sscanf(text.c_str(), "%d-%d-%d%*[ T]%d:%d:%d%c", &y, &mo, &d, &h, &mi, &s, &tail);
+  int n = std::sscanf(text.c_str(), "%d-%d-%d%*[ T]%d:%d:%d%c", &y, &mo, &d, &h, &mi, &s, &tail);
+  if (n == 1 && text.find('-') == std::string::npos) {
+    // A time of day alone ("18:00", "18:00:30") is today's.
+    n = std::sscanf(text.c_str(), "%d:%d:%d%c", &h, &mi, &s, &tail);
+    if (n != 2 && n != 3) return std::nullopt;
+    const std::time_t now = std::time(nullptr);
+    std::lock_guard guard(time_mutex);
+    const std::tm* local = std::localtime(&now);
+    if (local == nullptr) return std::nullopt;
+    y = local->tm_year + 1900;
+    mo = local->tm_mon + 1;
+    d = local->tm_mday;
+    n = 6;
+  }
   if (n != 3 && n != 5 && n != 6) return std::nullopt;
   if (mo < 1 || mo > 12 || d < 1 || d > 31 || h < 0 || h > 23 || mi < 0 || mi > 59 || s < 0 ||
       s > 60)

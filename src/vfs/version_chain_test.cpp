@@ -57,6 +57,11 @@ TEST(VersionChain, TimesPrintAndParseInTheSameForm) {
   EXPECT_EQ(format_time(*parse_time("2026-03-04")), "2026-03-04 00:00:00");
   EXPECT_EQ(parse_time("1700000000"), 1700000000);
   EXPECT_FALSE(parse_time("yesterday"));
+  const auto today = format_time(*parse_time("18:05"));
+  EXPECT_EQ(today.substr(0, 10), format_time(std::time(nullptr)).substr(0, 10));
+  EXPECT_EQ(today.substr(10), " 18:05:00");
+  EXPECT_FALSE(parse_time("18"));
+  EXPECT_FALSE(parse_time("25:00"));
   EXPECT_FALSE(parse_time("2026-13-01"));
 }
 

@@ -32,6 +32,9 @@ second]]></content>"
   "frobnicate the thing"
   "$DEEP"
   "fs:cat src/nothing-here.txt"
+  "fssys:turns"
+  "fssys:promote early 1"
+  "fssys:actionrun missing"
 )
 
 # Standard input of one kx call: units that span lines, state that carries from
@@ -44,6 +47,22 @@ piped_input() {
   printf 'fs:cat src/multi.txt\nnonsense words here\nfsstat:version src/big.txt\n'
   printf 'cd src\npwd\nfs:cat multi.txt\n'
 }
+
+# A second console: turns, promotion, actions (a failing line, rebound registers,
+# a "]]>" round trip, self-recursion) and a ring small enough to spill into the log.
+piped_turns() {
+  printf 'fsmk:file src/t.txt <content><![CDATA[a ]] > b\n | ; c]]></content>\n'
+  printf 'fs:cat src/t.txt\nfs:cat src/nothing-here.txt\ngrep -p line src\n'
+  printf 'Kestrune: echo "[$[0]]" | cat\nfssys:turns\n'
+  printf 'fssys:promote mk 1..2\nfssys:promote mk 1\nfssys:promote bad/name 1\n'
+  printf 'fssys:promote show 5\naction(mk)\naction(show, turn(4).$[1])\n'
+  printf 'fssys:promote broken 2..3\nfssys:actionrun broken\n'
+  printf 'fsmk:file action_self.md <content><![CDATA[---\nname: action_self\nmetadata:\n  type: action\n---\nfssys:actionrun self\n]]></content>\n'
+  printf 'fssys:actionrun self\nfssys:turndepth 2\nfs:cat src/t.txt\nfssys:turns\n'
+}
+
+# A session's turn log is named by its start time and a random tag.
+untagged() { sed -E 's/turnlog-cli-[0-9]{8}-[0-9]{6}-[0-9a-f]{4}/turnlog-cli-TAG/g'; }
 
 # Runs every call and the piped input against <home>, with kx's environment
 # <env...> (KESTRUNE_LOCAL=1 or nothing); prints a transcript.
@@ -69,20 +88,29 @@ run_side() { # <home> <env...>
   cat "$WORK/out"
   echo "-- stderr"
   grep -v '^\[\(vc\|versioncontroldirs\|watchedfiles\)\]' "$WORK/err"
+  (cd "$PROJ" && piped_turns | env "$@" "$KX" --port "$P" --conf "$home" \
+    >"$WORK/out" 2>"$WORK/err")
+  echo "== piped turns status $?"
+  cat "$WORK/out"
+  echo "-- stderr"
+  grep -v '^\[\(vc\|versioncontroldirs\|watchedfiles\)\]' "$WORK/err"
   echo "== files"
-  (cd "$PROJ" && find . -type f | sort | xargs sha256sum)
+  (cd "$PROJ" && find . -type f | sort | while read -r f; do
+    echo "$(untagged <"$f" | sha256sum | cut -c1-64)  $f"
+  done)
 }
+
 
 P=$(free_port)
 LOCAL_HOME=$WORK/home-local
 RESIDENT_HOME=$WORK/home-resident
 mkdir -p "$LOCAL_HOME" "$RESIDENT_HOME"
-run_side "$LOCAL_HOME" KESTRUNE_LOCAL=1 >"$WORK/local.txt"
+run_side "$LOCAL_HOME" KESTRUNE_LOCAL=1 | untagged >"$WORK/local.txt"
 "$KX" --port "$P" --conf "$RESIDENT_HOME" boot >/dev/null 2>&1 &
 wait_until 100 answering "$P"
 RESIDENT=$(track_port "$P")
 check "a resident serves the port" [ -n "$RESIDENT" ]
-run_side "$RESIDENT_HOME" >"$WORK/forwarded.txt"
+run_side "$RESIDENT_HOME" | untagged >"$WORK/forwarded.txt"
 same "the resident answered every call itself" "$RESIDENT" "$(pid_on_port "$P")"
 
 if diff -u "$WORK/local.txt" "$WORK/forwarded.txt" >"$WORK/diff.txt"; then
@@ -106,4 +134,15 @@ check "nesting past the limit is a parse error" \
   grep -q 'nesting deeper than 1000 levels' "$WORK/forwarded.txt"
 check "Kestrune: alone is the empty-query error" \
   grep -qx 'ERROR: empty query (try: Kestrune:help)' "$WORK/forwarded.txt"
+check "an action replays a CDATA body holding ]] > byte for byte" \
+  [ "$(printf 'a ]] > b\n | ; c')" == "$(cat "$PROJ/src/t.txt")" ]
+check "the action file keeps ]]> apart from the CDATA close" \
+  grep -qxF 'fsmk:file src/t.txt <content><![CDATA[a ]]  > b' "$PROJ/action_mk.md"
+check "rebound registers reached the action" grep -qxF "[src/multi.txt:3]" "$WORK/forwarded.txt"
+check "a failing line ends the action and is named" \
+  grep -qF "ERROR: action 'broken' stopped at line 2 of 2 (fs:cat src/nothing-here.txt)" "$WORK/forwarded.txt"
+check "a self-calling action stops at depth 8" \
+  grep -qF 'ERROR: action nesting too deep (8) — refusing' "$WORK/forwarded.txt"
+check "turns that left the ring are in the session's turn log" \
+  grep -qF '#4  grep -p line src' "$PROJ"/turnlog-cli-*-1.md
 finish

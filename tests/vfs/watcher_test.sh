@@ -99,4 +99,60 @@ counted() { [[ $(kx fsstat:paths 'many/*' | grep -c 'many/f') -eq 300 ]]; }
 truth "300 new files at once are all versioned" wait_until 600 counted
 expect "a file in the middle holds its bytes" "150" kx fs:cat many/f150.txt
 
+# Unenrolling: the same answer from the resident and from a local process, the watch
+# lock let go, and the history back on a re-enroll.
+OTHER=$WORK/other
+mkdir -p "$OTHER"
+printf 'first\n' >"$OTHER/o.txt"
+kx Kestrune EnrollVersionControl "$OTHER" >/dev/null
+from_resident=$(kx unenroll "$OTHER")
+expect "unenroll answers" "OK: unenrolled $OTHER — no longer versioned or watched" head -1 <<<"$from_resident"
+expect "naming where the history stays" "  history kept at: $CONF/.versioncontrol/$(ls "$CONF/.versioncontrol" | grep other)
+    (enroll the directory again to reach its versions)
+  active directory: $TREE" tail -3 <<<"$from_resident"
+truth "it leaves the configuration" bash -c "! grep -qF '$OTHER' '$CONF/config/versioncontroldirs.cfg'"
+expect "and the store set" "1 store(s) under version control  (* = active; retarget with Kestrune EnrollVersionControl <root>)
+* $TREE  302 file(s)  [scope=all ext=default watch=on mode=vc]" kx fsstat:stores
+printf 'edited while not enrolled\n' >"$OTHER/o.txt"
+sleep 0.5
+enrolled_err=$( (cd "$OTHER" && KESTRUNE_LOCAL=1 "$KX" --conf "$CONF" enroll "$OTHER") 2>&1 >/dev/null)
+truth "the resident let go of the watch lock" bash -c "! grep -qF '$OTHER: watcher owned by another' <<<'$enrolled_err'"
+kx Kestrune EnrollVersionControl "$OTHER" >/dev/null
+expect "the history is back, the edit made meanwhile is its newest version" \
+  "edited while not enrolled" kx fsvctl:open '<path>o.txt</path><version>2</version>'
+expect "v1 is still the first text" "first" kx fsvctl:open '<path>o.txt</path><version>1</version>'
+from_local=$(kx_local unenroll "$OTHER")
+expect "a local process answers as the resident did" "$from_resident" echo "$from_local"
+expect "a directory not enrolled" "ERROR: $WORK is not enrolled (fsstat:stores lists the enrolled directories)" \
+  kx unenroll "$WORK"
+same_both_ways unenroll "$WORK"
+same_both_ways unenroll
+
+# One file outside every store, watched on its own.
+LOOSE=$WORK/loose
+mkdir -p "$LOOSE"
+printf 'v1\n' >"$LOOSE/notes.txt"
+expect "watch answers" "OK: watching $LOOSE/notes.txt — live events on this ONE file; every change archives the prior bytes
+  mirror: $CONF/.versioncontrol/$(echo "$LOOSE" | sed 's/[^-._0-9A-Za-z]/_/g')/notes.txt
+  listed in: $CONF/config/watchedfiles.cfg" kx watch "$LOOSE/notes.txt"
+expect "a second watch" "OK: already watching $LOOSE/notes.txt" kx watch "$LOOSE/notes.txt"
+archived() { kx watches | grep -qF "  $1 $LOOSE/notes.txt  ($2 archived version(s))"; }
+printf 'v2\n' >>"$LOOSE/notes.txt"
+truth "an outside write archives the prior bytes within 1 s" wait_until 10 archived live 1
+for i in 1 2 3; do printf 'burst %s\n' "$i" >>"$LOOSE/notes.txt"; sleep 0.04; done
+sleep 1
+truth "three writes within 150 ms archive once" archived live 2
+expect "the mirror holds the newest bytes" "$(cat "$LOOSE/notes.txt")" cat "$CONF/.versioncontrol/$(echo "$LOOSE" | sed 's/[^-._0-9A-Za-z]/_/g')/notes.txt"
+same_both_ways watches
+rm "$LOOSE/notes.txt"
+truth "a deleted file is listed as gone" wait_until 20 archived gone 2
+expect "watch refuses a directory" "ERROR: $LOOSE is a directory — watch takes ONE file; EnrollVersionControl watches trees" \
+  kx watch "$LOOSE"
+expect "a file of a store is covered already" "OK: already covered — $TREE/a.txt lives in the enrolled store $TREE" \
+  kx watch "$TREE/a.txt"
+same_both_ways watch "$LOOSE/none.txt"
+expect "unwatch" "OK: unwatched $LOOSE/notes.txt (mirror history kept)" kx unwatch "$LOOSE/notes.txt"
+expect "unwatch again" "OK: was not watching $LOOSE/notes.txt" kx unwatch "$LOOSE/notes.txt"
+truth "the list no longer has it" bash -c "! grep -qF notes.txt '$CONF/config/watchedfiles.cfg'"
+
 checks_done watcher

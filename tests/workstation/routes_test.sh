@@ -76,6 +76,15 @@ same "nothing pending afterwards" "0" "$(get /vc/pending >/dev/null; field '.emi
 same "a second approval is refused" '409 {"ok":false,"error":"ERROR: no pending emit #1"}' \
   "$(post /vc/approve -d number=1)"
 same "/vc/unenroll without dir" '400 {"ok":false,"error":"dir required"}' "$(post /vc/unenroll)"
+check "/vc/unenroll takes the directory out" grep -qF "200 {\"ok\":true,\"out\":\"OK: unenrolled $PROJECT — no longer versioned or watched" \
+  <<<"$(post /vc/unenroll --data-urlencode "dir=$PROJECT")"
+same "/vc/list no longer names it" '200 {"ok":true,"dirs":[],"stores":[]}' "$(get /vc/list)"
+check "its history stays on disk" test -d "$CONF/.versioncontrol"
+same "a second /vc/unenroll is refused" \
+  "409 {\"ok\":false,\"error\":\"ERROR: $PROJECT is not enrolled (fsstat:stores lists the enrolled directories)\"}" \
+  "$(post /vc/unenroll --data-urlencode "dir=$PROJECT")"
+check "/vc/add brings the history back" grep -q '^200 {"ok":true,"out":"OK: enrolled ' <<<"$(post /vc/add --data-urlencode "dir=$PROJECT")"
+same "with the versions saved before" "2" "$(get "/store/log?path=src/a.txt" >/dev/null; field '.versions | length')"
 
 # --- a bot's memory -------------------------------------------------------------------
 check "/bots/memory POST adds a memo" grep -q '^200 {"ok":true,"bot":"cli","out":"OK' \
