@@ -39,6 +39,13 @@ std::string str(std::string_view s) {
 class DataFileTest : public ::testing::Test {
  protected:
   fs::path data() const { return dir_.path() / "data.mem"; }
+  std::vector<fs::path> damaged_copies() const {
+    std::vector<fs::path> copies;
+    for (const auto& entry : fs::directory_iterator(dir_.path()))
+      if (entry.path().filename().string().starts_with("data.mem.damaged-"))
+        copies.push_back(entry.path());
+    return copies;
+  }
   std::unique_ptr<ContextStore> open() {
     auto store = std::make_unique<ContextStore>("ctx");
     store->set_data_path(data());
@@ -104,10 +111,7 @@ TEST_F(DataFileTest, CutFileIsKeptAsideAndRewrittenToTheRecordsRead) {
   const auto warnings = store->take_warnings();
   ASSERT_EQ(warnings.size(), 1u);
   EXPECT_THAT(warnings[0], ::testing::HasSubstr("1 record(s) read"));
-  std::vector<fs::path> copies;
-  for (const auto& entry : fs::directory_iterator(dir_.path()))
-    if (entry.path().filename().string().starts_with("data.mem.damaged-"))
-      copies.push_back(entry.path());
+  const std::vector<fs::path> copies = damaged_copies();
   ASSERT_EQ(copies.size(), 1u);
   EXPECT_EQ(slurp(copies[0]), bytes);  // the damaged original, byte for byte
   EXPECT_THAT(warnings[0], ::testing::HasSubstr(copies[0].string()));
@@ -141,10 +145,7 @@ TEST_F(DataFileTest, DamageFoundWhileTheFileIsHeldOpenIsKeptAsideOnce) {
   ASSERT_EQ(store->append("later", {}, 0, "added after the damage"), "");
   const auto warnings = store->take_warnings();
   ASSERT_EQ(warnings.size(), 1u);
-  std::vector<fs::path> copies;
-  for (const auto& entry : fs::directory_iterator(dir_.path()))
-    if (entry.path().filename().string().starts_with("data.mem.damaged-"))
-      copies.push_back(entry.path());
+  const std::vector<fs::path> copies = damaged_copies();
   ASSERT_EQ(copies.size(), 1u);
   EXPECT_EQ(slurp(copies[0]), bytes);
   auto reopened = open();

@@ -74,9 +74,7 @@ LOCAL_HOME=$WORK/home-local
 RESIDENT_HOME=$WORK/home-resident
 mkdir -p "$LOCAL_HOME" "$RESIDENT_HOME"
 run_side "$LOCAL_HOME" KESTRUNE_LOCAL=1 >"$WORK/local.txt"
-"$KX" --port "$P" --conf "$RESIDENT_HOME" boot >/dev/null 2>&1 &
-wait_until 100 answering "$P"
-RESIDENT=$(track_port "$P")
+boot_resident "$P" "$RESIDENT_HOME"
 check "a resident serves the port" [ -n "$RESIDENT" ]
 run_side "$RESIDENT_HOME" >"$WORK/resident.txt"
 same "the resident answered every call itself" "$RESIDENT" "$(pid_on_port "$P")"
