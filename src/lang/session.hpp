@@ -32,6 +32,10 @@ struct Session {
   std::optional<std::filesystem::path> previous_dir;
   std::vector<std::filesystem::path> dir_stack;  // pushd / popd
 
+  // A person, not a script or an agent, gave the command under way: kx on a
+  // terminal, or the UI in the owner's browser. Only a person approves an emit.
+  bool person_present = false;
+
   bool guided = false;
   unsigned raw_depth = 0;  // raw pass-through depth, shown in the prompt
   int nesting_depth = 0;   // structured commands under way on this session

@@ -13,33 +13,6 @@ namespace {
 constexpr auto kShellTimeout = std::chrono::seconds(120);
 constexpr std::size_t kOutputCap = 8 << 20;
 
-// Keeps well-formed UTF-8 sequences and turns every other byte into '?', so the
-// result is always valid text for JSON and terminals.
-std::string sanitize_utf8(const std::string& in) {
-  std::string out;
-  out.reserve(in.size());
-  std::size_t i = 0;
-  while (i < in.size()) {
-    unsigned char lead = static_cast<unsigned char>(in[i]);
-    std::size_t len = lead < 0x80           ? 1
-                      : (lead >> 5) == 0x6  ? 2
-                      : (lead >> 4) == 0xE  ? 3
-                      : (lead >> 3) == 0x1E ? 4
-                                            : 0;
-    bool ok = len > 0 && i + len <= in.size();
-    for (std::size_t k = 1; ok && k < len; ++k)
-      ok = (static_cast<unsigned char>(in[i + k]) & 0xC0) == 0x80;
-    if (ok) {
-      out.append(in, i, len);
-      i += len;
-    } else {
-      out.push_back('?');
-      ++i;
-    }
-  }
-  return out;
-}
-
 std::string change_to(Session& session, const std::filesystem::path& target,
                       std::string_view shown) {
   std::error_code ec;
@@ -59,7 +32,7 @@ std::string run_shell_text(Session& session, std::string_view command) {
   if (command.empty()) return "(no command)";
   platform::ShellOutcome run = platform::run_shell(command, session.cwd, kShellTimeout, kOutputCap);
   if (!run.failure.empty()) return "ERROR: shell launch failed (err " + run.failure + ")";
-  std::string text = sanitize_utf8(run.output);
+  std::string text = valid_utf8(run.output);
   if (run.truncated) text += "\n[output cut at 8 MiB]";
   if (run.timed_out) {
     if (!text.empty() && text.back() != '\n') text += '\n';

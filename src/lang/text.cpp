@@ -81,6 +81,41 @@ bool glob_match(std::string_view pattern, std::string_view text) {
   return p == pattern.size();
 }
 
+Utf8Step utf8_step(std::string_view text, std::size_t pos) {
+  auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  unsigned char lead = byte(pos);
+  if (lead < 0x80) return {true, 1};
+  std::size_t length = lead >= 0xC2 && lead <= 0xDF   ? 2
+                       : lead >= 0xE0 && lead <= 0xEF ? 3
+                       : lead >= 0xF0 && lead <= 0xF4 ? 4
+                                                      : 0;
+  if (length == 0) return {false, 1};
+  // The second byte's range rules out overlong forms, UTF-16 halves and values
+  // past U+10FFFF; later bytes are plain continuation bytes.
+  unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+  unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+  for (std::size_t k = 1; k < length; ++k) {
+    if (pos + k >= text.size()) return {false, k};
+    unsigned char c = byte(pos + k);
+    if (k == 1 ? (c < low || c > high) : (c & 0xC0) != 0x80) return {false, k};
+  }
+  return {true, length};
+}
+
+std::string valid_utf8(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    Utf8Step step = utf8_step(text, i);
+    if (step.valid)
+      out.append(text.substr(i, step.length));
+    else
+      out += "\xEF\xBF\xBD";
+    i += step.length;
+  }
+  return out;
+}
+
 std::string json_quoted(std::string_view text) {
   std::string out = "\"";
   for (unsigned char c : text) {

@@ -41,6 +41,19 @@ std::string printable(std::string_view text);
 // first, so that a newline in a name cannot start a forged line.
 std::string printable_lines(std::string_view text);
 
+// How much of `text` from `pos` is one UTF-8 character: `valid` with its length, or
+// not valid with the length of the broken run (the longest prefix of a well-formed
+// sequence, at least one byte) that stands for one U+FFFD. Overlong forms, UTF-16
+// halves and code points past U+10FFFF are broken too.
+struct Utf8Step {
+  bool valid;
+  std::size_t length;
+};
+Utf8Step utf8_step(std::string_view text, std::size_t pos);
+
+// `text` with every broken run replaced by U+FFFD; valid text comes back unchanged.
+std::string valid_utf8(std::string_view text);
+
 // `text` as a JSON string literal, quotes included: '"' and '\\' escaped, control
 // bytes as \n, \r, \t or \u00XX. Nothing is dropped.
 std::string json_quoted(std::string_view text);

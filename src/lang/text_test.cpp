@@ -35,4 +35,22 @@ TEST(Printable, TerminalControlsBecomeEscapesAndTheRestStays) {
 }
 
 }  // namespace
+TEST(ValidUtf8, WellFormedTextIsKeptAndEachBrokenRunBecomesOneReplacement) {
+  const std::string ok = "a\xC3\xA9\xE2\x9C\x93\xF0\x9F\x98\x80z";  // a é ✓ 😀 z
+  EXPECT_EQ(valid_utf8(ok), ok);
+  const std::string r = "\xEF\xBF\xBD";
+  EXPECT_EQ(valid_utf8("a\xff\xfe b"), "a" + r + r + " b");
+  // A truncated sequence is one run; the byte that broke it starts afresh.
+  EXPECT_EQ(valid_utf8("\xE2\x9C"
+                       "A"),
+            r + "A");
+  EXPECT_EQ(valid_utf8("x\xF0\x9F\x98"), "x" + r);
+  // Overlong forms, UTF-16 halves and values past U+10FFFF are not characters.
+  EXPECT_EQ(valid_utf8("\xC0\xAF"), r + r);
+  EXPECT_EQ(valid_utf8("\xE0\x80\xAF"), r + r + r);
+  EXPECT_EQ(valid_utf8("\xED\xA0\x80"), r + r + r);
+  EXPECT_EQ(valid_utf8("\xF4\x90\x80\x80"), r + r + r + r);
+  EXPECT_EQ(valid_utf8("\xF4\x8F\xBF\xBF"), "\xF4\x8F\xBF\xBF");  // U+10FFFF itself
+}
+
 }  // namespace kx::lang

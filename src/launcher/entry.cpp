@@ -60,6 +60,9 @@ int run_locally(const EntryOptions& options, const std::string& line, UnitSource
   lang::Session& session = *workspace->session;
 
   if (is_server_verb(line)) return run_server_verb(*workspace, options.port, line);
+  // The same test the forwarder makes for X-Kst-Tty, so approval is given or refused
+  // alike whether the command runs here or in the resident.
+  session.person_present = platform::person_at_console();
 
   if (line == "repl") {
     // An interactive session: a prompt before each line, until end of input.

@@ -217,7 +217,7 @@ PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm 
   std::optional<std::string> cwd;
   if (auto dir = platform::current_directory()) cwd = dir->string();
   // Approval and colour both want a person at a terminal, on both ends of the pipe.
-  bool person = platform::stdin_is_terminal() && platform::stdout_is_terminal();
+  bool person = platform::person_at_console();
   // A request cut short is never run: the resident waits for its whole body.
   if (!platform::send_all(*socket, build_exec_request(unit, form, session, cwd, person, token)))
     return not_sent;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 #include <set>
+#include <utility>
 
 #include "lang/console_seats.hpp"
 #include "lang/interpreter.hpp"
@@ -70,6 +71,12 @@ server::ExecBridge make_exec_bridge(Workspace& workspace) {
     std::string key = request.session.empty() ? "" : request.bot + "\n" + request.session;
     lang::Session& session = *workspace.session;
     std::lock_guard guard(session.lock);
+    // The resident's one session takes on each caller's presence for its command only.
+    struct PresenceScope {
+      lang::Session& session;
+      bool saved;
+      ~PresenceScope() { session.person_present = saved; }
+    } presence{session, std::exchange(session.person_present, request.person)};
     if (request.structured_only) {
       std::filesystem::path saved_cwd = session.cwd;
       if (!request.cwd.empty()) session.cwd = request.cwd;

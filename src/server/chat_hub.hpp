@@ -41,7 +41,8 @@ class ChatHub {
 
   // A new WebSocket client; returns its id (1, 2, 3, ... for the process).
   int connect(ChatSend send);
-  // One whole text message from the client.
+  // One whole message from the client, text or binary; broken UTF-8 in it becomes
+  // U+FFFD.
   void handle(int client, const std::string& message);
   // The client's connection ended: it leaves its channel (announced).
   void disconnect(int client);

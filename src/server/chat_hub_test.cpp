@@ -5,6 +5,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <nlohmann/json.hpp>
 
 #include "server/chat_log.hpp"
 #include "server/test_client.hpp"
@@ -94,6 +95,24 @@ TEST_F(ChatHubTest, SequenceNumbersAndHistorySurviveARestart) {
   EXPECT_NE(seen.find("before restart"), std::string::npos);
   auto log = read_chat_tail(dir.path() / "chatlogs" / "team.log", 100);
   EXPECT_EQ(record_seq(log.back()), log.size());
+}
+
+TEST_F(ChatHubTest, BrokenUtf8IsRepairedInNewMessagesAndInOldLogRecords) {
+  std::filesystem::create_directories(dir.path() / "chatlogs");
+  // A record an older build stored with the raw bytes.
+  write(dir.path() / "chatlogs" / "team.log",
+        "{\"seq\":7,\"ts\":1,\"kind\":\"chat\",\"from\":\"old\",\"text\":\"was \xff\xfe\"}\n");
+  ChatHub hub(paths());
+  int a = hub.connect(inbox.sender(1));
+  hub.handle(a, "join\nteam\nann");
+  hub.handle(a, "msg\nnow \xff\xfe ok");
+  std::string seen = inbox.all(1);
+  EXPECT_EQ(seen.find('\xff'), std::string::npos);
+  EXPECT_NE(seen.find("\"text\":\"was \xEF\xBF\xBD\xEF\xBF\xBD\""), std::string::npos);
+  EXPECT_NE(seen.find("\"seq\":8"), std::string::npos);  // the repaired record still counts
+  EXPECT_NE(seen.find("now \xEF\xBF\xBD\xEF\xBF\xBD ok"), std::string::npos);
+  auto log = read_chat_tail(dir.path() / "chatlogs" / "team.log", 100);
+  for (const std::string& line : log) EXPECT_TRUE(nlohmann::json::accept(line)) << line;
 }
 
 TEST_F(ChatHubTest, DirectMessagesGoToTheAddresseeAndUnknownNamesGetANotice) {

@@ -5,6 +5,8 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "lang/text.hpp"
+
 namespace kx::server {
 namespace {
 
@@ -31,7 +33,9 @@ std::vector<std::string> read_chat_tail(const std::filesystem::path& file, std::
     if (in.eof()) break;  // no line feed yet: a write in progress or a torn end
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty() || line.front() != '{') continue;
-    lines.push_back(std::move(line));
+    // Logs written before chat text was repaired on the way in may hold broken
+    // UTF-8; a text frame carrying it would make every standard client hang up.
+    lines.push_back(lang::valid_utf8(line));
     if (lines.size() > count) lines.pop_front();
   }
   return {lines.begin(), lines.end()};

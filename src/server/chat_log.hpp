@@ -16,7 +16,8 @@ namespace kx::server {
 // Appends one record line (creating the directory and file when needed).
 bool append_chat_record(const std::filesystem::path& file, const std::string& record);
 
-// The last `count` complete lines of the file (oldest first); none when absent.
+// The last `count` complete lines of the file (oldest first), broken UTF-8 replaced
+// by U+FFFD; none when absent.
 std::vector<std::string> read_chat_tail(const std::filesystem::path& file, std::size_t count);
 
 // The "seq" of a record line, 0 when it has none.

@@ -1,14 +1,24 @@
 #include "server/json_escape.hpp"
 
+#include "lang/text.hpp"
+
 namespace kx::server {
 
 std::string json_escape(std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string out;
   out.reserve(text.size() + 8);
-  for (char c : text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
     auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
+    if (byte >= 0x80) {
+      lang::Utf8Step step = lang::utf8_step(text, i);
+      if (step.valid)
+        out.append(text.substr(i, step.length));
+      else
+        out += "\\ufffd";
+      i += step.length - 1;
+    } else if (c == '"' || c == '\\') {
       out += '\\';
       out += c;
     } else if (c == '\n') {

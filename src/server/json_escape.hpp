@@ -8,7 +8,9 @@ namespace kx::server {
 
 // Escapes `text` for use inside a JSON string: '"' and '\' get a backslash, LF
 // becomes \n, CR is dropped (so CR LF ends up as one \n), every other byte below
-// 0x20 becomes \u00xx in lower-case hex; all other bytes, UTF-8 included, pass.
+// 0x20 becomes \u00xx in lower-case hex; well-formed UTF-8 passes as it is. Bytes
+// that are not well-formed UTF-8 are written as \ufffd (one per broken run, as
+// lang::valid_utf8 cuts them), so every answer parses under a strict JSON reader.
 std::string json_escape(std::string_view text);
 
 // "\"" + json_escape(text) + "\"".

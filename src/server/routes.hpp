@@ -69,9 +69,11 @@ Response handle_dialog_bindings(ServerState&, const Request&, RouteEffects&);
 // Shared by the handlers above.
 // A parameter from the query, else from a form body.
 std::string param(const Request& request, std::string_view name);
-// Runs one command line for `bot`; nothing when no interpreter is wired.
+// Runs one command line for `bot`, `person` saying whether a person sent it;
+// nothing when no interpreter is wired.
 std::optional<std::string> run_command(ServerState& state, const std::string& bot,
-                                       const std::string& line, const char* route);
+                                       const std::string& line, const char* route,
+                                       bool person = false);
 // A command's result as JSON: 200 {"ok":true,"out":..} or, for an "ERROR: " result,
 // 409 {"ok":false,"error":..}; 503 {"ok":false,"error":"bridge"} without a result.
 Response command_answer(const std::optional<std::string>& out);

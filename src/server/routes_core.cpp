@@ -1,5 +1,6 @@
 #include <chrono>
 
+#include "server/access.hpp"
 #include "server/home_token.hpp"
 #include "server/json_escape.hpp"
 #include "server/routes.hpp"
@@ -40,10 +41,11 @@ std::string param(const Request& request, std::string_view name) {
 }
 
 std::optional<std::string> run_command(ServerState& state, const std::string& bot,
-                                       const std::string& line, const char* route) {
+                                       const std::string& line, const char* route, bool person) {
   if (!state.options.exec) return std::nullopt;
   ExecRequest request = line_request(bot, line);
   request.structured_only = true;
+  request.person = person;
   return run_logged(state, request, route).printed();
 }
 
@@ -93,6 +95,7 @@ Response handle_console_exec(ServerState& state, const Request& request, RouteEf
   exec.line = request.body;
   exec.cwd = request.header("x-kst-cwd");
   exec.tty = request.header("x-kst-tty") == "1";
+  exec.person = person_behind(request, state.options.token);
   exec.session = request.header("x-kst-session");
   // Input framed into units says so; anything else posts one command line.
   exec.arguments = request.header("x-kst-form") != "lines";
@@ -112,6 +115,7 @@ Response handle_interp(ServerState& state, const Request& request, RouteEffects&
   ExecRequest exec;
   exec.bot = bot.empty() ? "cli" : bot;
   exec.line = cmd;
+  exec.person = person_behind(request, state.options.token);
   ExecResult result = run_logged(state, exec, "/interp");
   return {"200 OK", kTextUtf8, result.printed()};
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "server/access.hpp"
 #include "server/json_escape.hpp"
 #include "server/routes.hpp"
 #include "server/server_state.hpp"
@@ -119,7 +120,8 @@ Response handle_vc_approve(ServerState& state, const Request& request, RouteEffe
       "fsvctl:emitcommit " + number + " <mode>" + (mode.empty() ? "A" : mode) + "</mode>";
   if (!dest.empty()) line += "<dest>" + dest + "</dest>";
   // Approval is the human act the emit waits for: always the panel's seat.
-  return command_answer(run_command(state, kPanel, line, "/vc/approve"));
+  return command_answer(
+      run_command(state, kPanel, line, "/vc/approve", person_behind(request, state.options.token)));
 }
 
 Response handle_view(ServerState& state, const Request& request, RouteEffects&) {

@@ -23,6 +23,7 @@ struct ExecRequest {
   std::string line;
   std::string cwd;        // the caller's working directory, "" when not sent
   bool tty = false;       // the caller's output is a terminal
+  bool person = false;    // a person sent it (see person_behind in access.hpp)
   std::string session;    // the caller's console ("" when it keeps none): its state carries over
   bool arguments = true;  // one command line (a newline in it is text), not framed input
   // A structured command from one of the resident's own pages, run as it is

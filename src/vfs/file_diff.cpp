@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "vfs/lcs_rows.hpp"
+#include "vfs/ond_diff.hpp"
 
 namespace kst {
 namespace {
@@ -97,7 +98,8 @@ std::vector<std::string_view> split_lines(std::string_view text) {
 }
 
 std::vector<ScriptLine> diff_lines(const std::vector<std::string_view>& first,
-                                   const std::vector<std::string_view>& second) {
+                                   const std::vector<std::string_view>& second,
+                                   DiffMethod* method) {
   std::vector<ScriptLine> script;
   script.reserve(first.size() + second.size());
 
@@ -124,8 +126,14 @@ std::vector<ScriptLine> diff_lines(const std::vector<std::string_view>& first,
   };
   const std::vector<std::uint32_t> a = intern(first);
   const std::vector<std::uint32_t> b = intern(second);
-  Aligner(script).align(a, static_cast<std::uint32_t>(prefix), b,
-                        static_cast<std::uint32_t>(prefix));
+  if (std::uint64_t{a.size()} * b.size() > kOndCells) {
+    const OndResult r = ond_diff(a, static_cast<std::uint32_t>(prefix), b,
+                                 static_cast<std::uint32_t>(prefix), script, kOndMaxDepth);
+    if (method != nullptr) *method = {true, r.approximated};
+  } else {
+    Aligner(script).align(a, static_cast<std::uint32_t>(prefix), b,
+                          static_cast<std::uint32_t>(prefix));
+  }
 
   for (std::size_t i = first.size() - suffix; i < first.size(); ++i)
     script.push_back({LineTag::same, static_cast<std::uint32_t>(i)});
@@ -151,7 +159,8 @@ std::string file_diff(const DiffSide& first, const DiffSide& second, DiffLimits 
     }
     const std::vector<std::string_view> a = split_lines(first.text);
     const std::vector<std::string_view> b = split_lines(second.text);
-    const std::vector<ScriptLine> script = diff_lines(a, b);
+    DiffMethod method;
+    const std::vector<ScriptLine> script = diff_lines(a, b, &method);
 
     std::string out;
     out.reserve(first.text.size() + second.text.size() + script.size() * 5 + 256);
@@ -159,6 +168,14 @@ std::string file_diff(const DiffSide& first, const DiffSide& second, DiffLimits 
     out += "FILE1: " + std::string(first.label) + "  (v" + std::to_string(first.version) + ")\n";
     out += "FILE2: " + std::string(second.label) + "  (v" + std::to_string(second.version) + ")\n";
     out += "legend: [ ] same   [-] only in FILE1   [+] only in FILE2\n";
+    if (method.approximated)
+      out +=
+          "note: large files — aligned by the O(ND) method; where the differences ran past "
+          "its search bound, lines are shown removed then added (not the shortest script)\n";
+    else if (method.ond)
+      out +=
+          "note: large files — aligned by the O(ND) method (a shortest script; equal runs may "
+          "pair differently)\n";
     out += "---\n";
     for (const ScriptLine& line : script) {
       switch (line.tag) {

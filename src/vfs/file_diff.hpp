@@ -11,7 +11,10 @@
 //
 // The script is a longest-common-subsequence alignment: the "[ ]" lines are an LCS
 // of the two line sequences, so dropping "[+]" lines gives the first text's lines
-// and dropping "[-]" lines gives the second's.
+// and dropping "[-]" lines gives the second's. Large inputs (past kOndCells line
+// pairs once the common ends are stripped) are aligned by the O(ND) method instead, and
+// a "note:" line before "---" says so; its search is bounded, and a part past the
+// bound is shown removed then added (still a correct script, not a shortest one).
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -40,8 +43,20 @@ struct ScriptLine {
   LineTag tag;
   std::uint32_t index;  // line index in the first text (same, removed) or second (added)
 };
+
+// Past this many line pairs the middle is aligned by the O(ND) method, and each of its
+// searches stops at kOndMaxDepth differences.
+inline constexpr std::uint64_t kOndCells = 400'000'000;
+inline constexpr std::size_t kOndMaxDepth = 6'000;
+
+struct DiffMethod {
+  bool ond = false;           // aligned by the O(ND) method
+  bool approximated = false;  // some part went past its search bound
+};
+
 std::vector<ScriptLine> diff_lines(const std::vector<std::string_view>& first,
-                                   const std::vector<std::string_view>& second);
+                                   const std::vector<std::string_view>& second,
+                                   DiffMethod* method = nullptr);
 
 // Lines of a text: split at "\n", a final "\n" does not open an empty last line.
 std::vector<std::string_view> split_lines(std::string_view text);

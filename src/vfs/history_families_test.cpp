@@ -282,6 +282,11 @@ TEST_F(HistoryFamiliesTest, EmitsWaitForAHumanAndWriteOut) {
       run("bot1", "fsvctl:emitlist").starts_with("PENDING-EMITS 1\n  #1  (store)  (latest)"));
   EXPECT_EQ(run("bot1", "fsvctl:emitcommit 1 <mode>A</mode>"),
             "ERROR: emit approval is human-only (via the panel) — a bot cannot self-approve");
+  // The human seat from a pipe (an agent running kx) is refused as well.
+  EXPECT_EQ(run("cli", "fsvctl:emitcommit 1 <mode>A</mode>"),
+            "ERROR: emit approval needs a person at the console or the UI — run this from kx on "
+            "a terminal, or approve it in the UI (kx gui)");
+  program_->session->person_present = true;
   EXPECT_EQ(run("cli", "fsvctl:emitcommit 1"),
             "ERROR: choose a target — <mode>A</mode> (over current files) or <mode>B</mode> (to a "
             "new path)");

@@ -189,14 +189,16 @@ std::string diff(HistoryState& state, lang::Session&, const kst::Args& args) {
   std::optional<std::uint32_t> b = file->current;
   if (args.get("b", 2)) b = parse_number(args.get("b", 2));
   if (!b) return usage;
-  std::lock_guard guard(t.store->mutex());
-  const auto text_a = kst::read_version(*file, *a);
-  if (!text_a)
-    return "ERROR: no v" + std::to_string(*a) + " of " + kx::lang::printable(t.path) +
-           " (fsvctl:log shows the chain)";
-  const auto text_b = kst::read_version(*file, *b);
-  if (!text_b)
-    return "ERROR: no v" + std::to_string(*b) + " of " + kx::lang::printable(t.path) +
+  // The two texts are copied under the store's lock; the diff itself runs without it,
+  // so saves and the watcher of this store do not wait for a long diff.
+  std::optional<std::string> text_a, text_b;
+  {
+    std::lock_guard guard(t.store->mutex());
+    text_a = kst::read_version(*file, *a);
+    if (text_a) text_b = kst::read_version(*file, *b);
+  }
+  if (!text_a || !text_b)
+    return "ERROR: no v" + std::to_string(text_a ? *b : *a) + " of " + kx::lang::printable(t.path) +
            " (fsvctl:log shows the chain)";
   kst::DiffLimits limits;
   // Leave the machine half of what is free; a diff is never worth swapping for.
@@ -342,6 +344,10 @@ std::string emitcancel(HistoryState& state, lang::Session& session, const kst::A
 std::string emitcommit(HistoryState& state, lang::Session& session, const kst::Args& args) {
   if (!kst::is_human_seat(session.bot_id))
     return "ERROR: emit approval is human-only (via the panel) — a bot cannot self-approve";
+  // A human seat is not enough: agents run kx from a pipe under the same seat.
+  if (!session.person_present)
+    return "ERROR: emit approval needs a person at the console or the UI — run this from kx on "
+           "a terminal, or approve it in the UI (kx gui)";
   const auto number = emit_number(args);
   if (!number)
     return "ERROR: usage  fsvctl:emitcommit <number> <mode>A|B</mode> [<dest>path</dest>]";

@@ -66,6 +66,9 @@ std::string TreeWatcher::start(bool live) {
   if (store_.disk_root().empty()) return "no disk root to watch";
   if (running_) return "";
   if (try_own()) {
+    // Files that appeared while nothing watched get their baseline now, so that the
+    // next change to them is a version of its own instead of replacing version 1.
+    (void)take_baselines(store_, report_);
     absorb_tree(store_, "", report_);
   } else {
     report_ << "[watch] " << store_.disk_root().string()
@@ -95,6 +98,7 @@ void TreeWatcher::run() {
       wait_steps(10);
       if (!running_ || !try_own()) continue;
       report_ << "[watch] " << store_.disk_root().string() << ": now the owner of the watch\n";
+      (void)take_baselines(store_, report_);
       absorb_tree(store_, "", report_);
     }
     if (!watch) {

@@ -50,10 +50,7 @@ class Client {
   }
 }
 
-before(async () => {
-  fs.mkdirSync(path.join(userHome, '.Kestrune', 'config'), { recursive: true });
-  fs.writeFileSync(path.join(userHome, '.Kestrune', 'config', 'bot.cfg'), '[callsigns]\nfalcon\n');
-  port = await freePort();
+const startResident = async () => {
   resident = spawn(kx, ['boot', '--port', String(port), '--conf', path.join(work, 'home')], {
     env: { ...process.env, HOME: userHome, XDG_RUNTIME_DIR: work }, stdio: 'ignore',
   });
@@ -67,11 +64,22 @@ before(async () => {
     await sleep(100);
   }
   throw new Error('resident did not come up');
+};
+
+const stopResident = async () => {
+  resident.kill('SIGTERM');
+  await new Promise((r) => resident.once('exit', r));
+};
+
+before(async () => {
+  fs.mkdirSync(path.join(userHome, '.Kestrune', 'config'), { recursive: true });
+  fs.writeFileSync(path.join(userHome, '.Kestrune', 'config', 'bot.cfg'), '[callsigns]\nfalcon\n');
+  port = await freePort();
+  await startResident();
 });
 
 after(async () => {
-  resident.kill('SIGTERM');
-  await new Promise((r) => resident.once('exit', r));
+  await stopResident();
   fs.rmSync(work, { recursive: true, force: true });
 });
 
@@ -142,4 +150,50 @@ test('a frame above 1 MiB ends the connection without a close frame', async () =
   assert.equal(await c.closed, 1006);
   const health = await (await fetch(url('/health'))).json();
   assert.equal(health.app, 'Kestrune');
+});
+
+test('broken UTF-8 reaches everyone as U+FFFD, in frames and in the history, across a restart', async () => {
+  const sender = new Client();
+  await sender.opened;
+  sender.send('join\nbytes\nsam');
+  await sender.waitFor((m) => m.type === 'joined');
+  // A text frame whose payload is not UTF-8 (ws sends the bytes as they are), then
+  // the same bytes as a binary frame.
+  sender.ws.send(Buffer.concat([Buffer.from('msg\nbad '), Buffer.from([0xff, 0xfe]), Buffer.from(' end')]), { binary: false });
+  const relayed = await sender.waitFor((m) => m.type === 'msg' && m.msg.from === 'sam' && m.msg.text.startsWith('bad'));
+  assert.equal(relayed.msg.text, 'bad \ufffd\ufffd end');
+  sender.ws.send(Buffer.concat([Buffer.from('msg\nbin '), Buffer.from([0xc0, 0xaf])]), { binary: true });
+  const binary = await sender.waitFor((m) => m.type === 'msg' && m.msg.text.startsWith('bin'));
+  assert.equal(binary.msg.text, 'bin \ufffd\ufffd');
+  sender.send('msg\nstill here');
+  await sender.waitFor((m) => m.type === 'msg' && m.msg.text === 'still here');
+  assert.equal(sender.ws.readyState, WebSocket.OPEN);
+
+  const later = new Client();
+  await later.opened;
+  later.send('join\nbytes\nlee');
+  const joined = await later.waitFor((m) => m.type === 'joined');
+  assert.ok(joined.history.some((r) => r.text === 'bad \ufffd\ufffd end'));
+  sender.ws.close();
+  later.ws.close();
+
+  // A record an older build logged with the raw bytes is repaired when replayed.
+  await stopResident();
+  const log = path.join(userHome, '.Kestrune', 'chatlogs', 'bytes.log');
+  fs.appendFileSync(log, Buffer.concat([
+    Buffer.from('{"seq":99,"ts":1,"kind":"chat","from":"old","text":"raw '), Buffer.from([0xff, 0xfe]), Buffer.from('"}\n')]));
+  await startResident();
+  const after = new Client();
+  await after.opened;
+  after.send('join\nbytes\nmay');
+  const rejoined = await after.waitFor((m) => m.type === 'joined');
+  assert.ok(rejoined.history.some((r) => r.text === 'bad \ufffd\ufffd end'));
+  assert.ok(rejoined.history.some((r) => r.from === 'old' && r.text === 'raw \ufffd\ufffd'));
+  after.send('msg\nafter restart');
+  const next = await after.waitFor((m) => m.type === 'msg' && m.msg.text === 'after restart');
+  assert.ok(next.msg.seq > 99);  // numbering goes on from the repaired record
+  assert.equal(after.ws.readyState, WebSocket.OPEN);
+  const records = await get('/chatlog?channel=bytes');
+  assert.ok(records.records.some((r) => r.text === 'raw \ufffd\ufffd'));
+  after.ws.close();
 });

@@ -37,6 +37,13 @@ same "a kx of another home is told so once" \
   "Kestrune: port $P serves another home — running this command locally" "$(cat "$WORK/err")"
 same "and runs every line locally" $'OK: /tmp\nOK: /tmp' "$out"
 check "without touching the resident's home token" test ! -e "$WORK/homeB/resident.token"
+home_a() { find "$CONF" "$HOME" -type f -printf '%p %s\n' | sort; }
+a_before=$(home_a)
+out=$(cd /tmp && "$KX" --port "$P" --conf "$WORK/homeB" memory.add cli, notes, build, , written by B 2>/dev/null)
+same "a write of another home is done" "OK: memory 'build' added to context(s): notes" "$out"
+check "in that home" grep -rqs "written by B" "$WORK/homeB"
+same "and the resident's home is untouched" "$a_before" "$(home_a)"
+check "not even by its memory" eval "! grep -rqs 'written by B' '$CONF' '$HOME'"
 
 timeout 20 "$KX" --port "$P" --conf "$CONF" boot
 same "a second boot on a served port exits 0 at once" 0 $?

@@ -70,11 +70,17 @@ check "/vc/emit queues a request" grep -q '^200 {"ok":true,"out":"PENDING #1' \
 get /vc/pending >/dev/null
 same "/vc/pending lists it by number" "1 agent7" "$(field '.emits[0] | "\(.number) \(.text | split(" ") | .[-4])"')"
 same "/vc/approve without number" '400 {"ok":false,"error":"number required"}' "$(post /vc/approve)"
-check "/vc/approve carries it out over the current files" grep -q '"out":"APPROVED: emit #1' \
-  <<<"$(post /vc/approve -d number=1 -d mode=A)"
+# Approval is a person's: the bearer token from a script is not enough; the UI's
+# cookie (the owner's browser) or a kx on a terminal is.
+same "/vc/approve from a script is refused" \
+  '409 {"ok":false,"error":"ERROR: emit approval needs a person at the console or the UI — run this from kx on a terminal, or approve it in the UI (kx gui)"}' \
+  "$(post /vc/approve -d number=1 -d mode=A)"
+ui_session=(-H "Cookie: kst_token=$(tr -d '[:space:]' <"$CONF/resident.token")")
+check "/vc/approve from the UI's session carries it out over the current files" \
+  grep -q '"out":"APPROVED: emit #1' <<<"$(post /vc/approve "${ui_session[@]}" -d number=1 -d mode=A)"
 same "nothing pending afterwards" "0" "$(get /vc/pending >/dev/null; field '.emits | length')"
 same "a second approval is refused" '409 {"ok":false,"error":"ERROR: no pending emit #1"}' \
-  "$(post /vc/approve -d number=1)"
+  "$(post /vc/approve "${ui_session[@]}" -d number=1)"
 same "/vc/unenroll without dir" '400 {"ok":false,"error":"dir required"}' "$(post /vc/unenroll)"
 check "/vc/unenroll takes the directory out" grep -qF "200 {\"ok\":true,\"out\":\"OK: unenrolled $PROJECT — no longer versioned or watched" \
   <<<"$(post /vc/unenroll --data-urlencode "dir=$PROJECT")"

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Approving an emit needs a person: kx from a pipe is refused, kx on a terminal
+# (under `script`) is accepted, the same whether the command runs in the resident
+# or locally (KESTRUNE_LOCAL=1).
+. "$(dirname "$0")/lib.sh"
+
+PROJECT="$WORK/project"
+mkdir -p "$PROJECT"
+echo one >"$PROJECT/a.txt"
+refusal="ERROR: emit approval needs a person at the console or the UI — run this from kx on a terminal, or approve it in the UI (kx gui)"
+# One kx line that requests an emit and approves it; pending emits live in the
+# process that serves them, so the local run must do both in one go.
+both='{ fsvctl:emit <path>/</path>; fsvctl:emitcommit 1 <mode>A</mode> }'
+approve='fsvctl:emitcommit 1 <mode>A</mode>'
+on_terminal() { script -qec "$1" /dev/null | tr -d '\r'; }
+printf -v kx_q '%q' "$KX"
+
+# --- in the resident ----------------------------------------------------------
+P=$(free_port)
+"$KX" --port "$P" --conf "$CONF" boot >/dev/null 2>&1 &
+STARTED_PIDS+=($!)
+wait_until 100 answering "$P" || { echo "resident did not come up"; exit 1; }
+kx() { "$KX" --port "$P" --conf "$CONF" "$@"; }
+kx enroll "$PROJECT" >/dev/null
+kx fsvctl:emit '<path>/</path>' >/dev/null
+same "a piped kx may not approve through the resident" "$refusal" "$(kx "$approve" </dev/null | cat)"
+same "nor with only its output on a terminal" "$refusal" \
+  "$(on_terminal "$kx_q --port $P --conf $CONF '$approve' </dev/null")"
+check "the emit still waits" grep -q '^PENDING-EMITS 1' <<<"$(kx fsvctl:emitlist)"
+check "kx on a terminal approves it through the resident" grep -q '^APPROVED: emit #1' \
+  <<<"$(on_terminal "$kx_q --port $P --conf $CONF '$approve'")"
+same "and it is gone" "PENDING-EMITS 0" "$(kx fsvctl:emitlist | head -n1)"
+
+# --- locally -------------------------------------------------------------------------
+export KESTRUNE_LOCAL=1
+local_out=$("$KX" --conf "$CONF" "$both" </dev/null | cat)
+check "a piped local kx may not approve" grep -qF "$refusal" <<<"$local_out"
+check "a local kx on a terminal may" grep -q '^APPROVED: emit #1' \
+  <<<"$(on_terminal "$kx_q --conf $CONF '$both'")"
+finish
