@@ -26,7 +26,7 @@ struct Session {
 
 namespace {
 
-constexpr std::size_t kReadChunk = 4096;
+constexpr std::size_t kReadChunk = 65536;
 
 std::vector<std::shared_ptr<Watcher>> watchers_of(const Session& session) {
   std::vector<std::shared_ptr<Watcher>> list;
@@ -38,11 +38,11 @@ std::vector<std::shared_ptr<Watcher>> watchers_of(const Session& session) {
 // Runs for the life of the session's output: appends each chunk, passes it to the
 // watchers and the shared bot, and writes the end line once the output ends.
 void pump_output(std::shared_ptr<Session> session) {
-  char chunk[kReadChunk];
+  std::vector<char> chunk(kReadChunk);
   for (;;) {
-    long n = session->terminal->read(chunk, sizeof chunk);
+    long n = session->terminal->read(chunk.data(), chunk.size());
     if (n <= 0) break;
-    std::string_view bytes(chunk, static_cast<std::size_t>(n));
+    std::string_view bytes(chunk.data(), static_cast<std::size_t>(n));
     std::vector<std::shared_ptr<Watcher>> watchers;
     BotDelivery delivery;
     {

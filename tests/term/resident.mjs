@@ -29,7 +29,7 @@ export async function startResident(kx) {
   const token = fs.readFileSync(path.join(home, 'resident.token'), 'utf8').trim();
   const headers = { Authorization: `Bearer ${token}` };
   return {
-    port, base, token, work,
+    port, base, token, work, pid: child.pid,
     async api(method, target) {
       const answer = await fetch(base + target, { method, headers });
       return answer.json();
