@@ -88,13 +88,6 @@ int run_locally(const EntryOptions& options, const std::string& line, UnitSource
 int run_entry(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
 
-  if (args.size() == 1) {
-    const std::string& only = args[0];
-    if (only == "env-check") return env_check();
-    if (only == "claude-setup") return claude_setup_verb();
-    if (only == "env-setup" || only == "skillify")
-      return not_in_this_build("'" + only + "' (agent configuration)");
-  }
   if (!args.empty() && (args[0] == "remotebot" || args[0] == "collab"))
     return not_in_this_build("the '" + args[0] + "' chat client");
 
@@ -105,6 +98,14 @@ int run_entry(int argc, char** argv) {
   static PaintingBuffer painter(std::cout.rdbuf());
   if (platform::stdout_wants_color()) std::cout.rdbuf(&painter);
   set_agent_port(options.port);
+  // The single-word set-up verbs come after the options, so `--conf` reaches them too.
+  if (options.words.size() == 1) {
+    const std::string& only = options.words[0];
+    if (only == "env-check") return env_check();
+    if (only == "claude-setup") return claude_setup_verb();
+    if (only == "env-setup" || only == "skillify")
+      return not_in_this_build("'" + only + "' (agent configuration)");
+  }
 
   if (!options.words.empty() && options.words[0] == "kxterm")
     return run_kxterm(options.port,

@@ -78,6 +78,19 @@ test('claude.show and claude.status answer through the interpreter', () => {
   fs.rmSync(work, { recursive: true, force: true });
 });
 
+test('set-up honours a home given with --conf', () => {
+  const other = fs.mkdtempSync(path.join(os.tmpdir(), 'kx-agent-setup-conf-'));
+  const otherUser = path.join(other, 'user');
+  fs.mkdirSync(otherUser);
+  const run = spawnSync(kx, ['--conf', path.join(other, 'home'), 'claude-setup'], {
+    cwd: other, env: { ...env, HOME: otherUser, XDG_CONFIG_HOME: path.join(otherUser, '.config') }, encoding: 'utf8',
+  });
+  assert.equal(run.status, 0, run.stdout + run.stderr);
+  assert.doesNotMatch(run.stdout + run.stderr, /parse error/);
+  assert.ok(fs.existsSync(path.join(otherUser, '.claude', 'CLAUDE.md')));
+  fs.rmSync(other, { recursive: true, force: true });
+});
+
 // The agents' own CLIs would confirm the registration from their side (`claude mcp
 // list` starts each stdio server). They are not installed by tests/setup_node.sh:
 // each is a large download whose offline behaviour here has not been established.
