@@ -11,6 +11,8 @@ case "${1:-}" in
   "") ;;
   *) echo "usage: bench/run-all.sh [--long]" >&2; exit 2 ;;
 esac
+. scripts/deps.sh
+kx_require_packages "${KX_TEST_PACKAGES[@]}" "${KX_BENCH_PACKAGES[@]}"
 build=build/bench
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKX_BENCH=ON -DKX_TESTS=OFF >/dev/null
 cmake --build "$build"
@@ -25,10 +27,12 @@ if ((long)); then
   bash bench/history_log.sh "$build" 10000
   bash bench/vfs_enroll_bench.sh "$kx"
   MEMOS=1000000 bash bench/memory_vs_sqlite.sh
+  MEMOS=1000000 bash bench/memory_durability.sh "$kx"
 else
   bash bench/history_log.sh "$build" 1000
   bash bench/vfs_enroll_bench.sh "$kx" 2000 20
   MEMOS=100000 bash bench/memory_vs_sqlite.sh
+  MEMOS=100000 bash bench/memory_durability.sh "$kx"
 fi
 bash bench/diff_vs_gnu.sh "$build"
 bash bench/cli_startup.sh "$kx"

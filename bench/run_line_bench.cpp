@@ -7,6 +7,7 @@
 #include "lang/interpreter.hpp"
 #include "lang/parse_driver.hpp"
 #include "lang/system_family.hpp"
+#include "lang/turn_ring.hpp"
 
 namespace {
 
@@ -31,6 +32,28 @@ void RunLineStructured(benchmark::State& state) {
     benchmark::DoNotOptimize(kx::lang::run_line(session, "cli", "fsstat:exists x"));
 }
 BENCHMARK(RunLineStructured);
+
+// The same line where it makes no turn (a script's line): the difference to
+// RunLineStructured is what recording a turn adds to every top-level line.
+void RunLineStructuredNoTurn(benchmark::State& state) {
+  kx::lang::Session session(registry());
+  session.script_depth = 1;
+  for (auto _ : state)
+    benchmark::DoNotOptimize(kx::lang::run_line(session, "cli", "fsstat:exists x"));
+}
+BENCHMARK(RunLineStructuredNoTurn);
+
+// One turn into a full ring (the oldest is dropped into the log queue and cleared).
+void TurnRecordIntoFullRing(benchmark::State& state) {
+  kx::lang::TurnRing ring;
+  for (std::size_t i = 0; i < kx::lang::TurnRing::kDefaultDepth; ++i)
+    ring.record("fsstat:exists x", "OK: no  (x not found)", std::nullopt);
+  for (auto _ : state) {
+    ring.record("fsstat:exists x", "OK: no  (x not found)", std::nullopt);
+    ring.unlogged().clear();
+  }
+}
+BENCHMARK(TurnRecordIntoFullRing);
 
 void RunLineNatural(benchmark::State& state) {
   kx::lang::Session session(registry());

@@ -109,7 +109,11 @@ void write_turn_log(Session& session) {
     std::string name = "turnlog-" + log.tag + "-" + std::to_string(first) + ".md";
     std::string saved = dispatch(
         session, save_command(name, front_matter(name, "turnlog") + escape_cdata_close(text)));
-    if (is_error(saved)) return;
+    if (is_error(saved)) {
+      log.retry_at = ring.unlogged().size() + TurnRing::kLogRetryEvery;
+      return;
+    }
+    log.retry_at = 0;
     log.file_first_seq = first;
     log.text = std::move(text);
     ring.unlogged().erase(ring.unlogged().begin(),
@@ -145,7 +149,10 @@ std::string show_turns(Session& session) {
   if (!mutable_ring.unlogged().empty())
     out += "\n  warning: " + std::to_string(mutable_ring.unlogged().size()) +
            " older turn(s) are not in a turn log yet (no store took the log; enroll a "
-           "directory and they follow with the next turn)";
+           "directory and they follow)";
+  if (mutable_ring.dropped() > 0)
+    out += "\n  warning: " + std::to_string(mutable_ring.dropped()) +
+           " older turn(s) were dropped: no store took the log in time";
   out += '\n';
   for (const Turn& turn : ring.turns()) out += render_turn(turn);
   while (out.back() == '\n') out.pop_back();
@@ -305,7 +312,9 @@ void record_turn(Session& session, std::string_view line, const std::string& res
   std::optional<std::vector<std::string>> published;
   if (session.registers.generation() != published_before) published = session.registers.values();
   session.turns.record(line, result, std::move(published));
-  if (!session.turns.unlogged().empty()) write_turn_log(session);
+  if (!session.turns.unlogged().empty() &&
+      session.turns.unlogged().size() >= session.turns.log().retry_at)
+    write_turn_log(session);
 }
 
 std::string escape_cdata_close(std::string_view text) {

@@ -107,6 +107,7 @@ TEST_F(ActionsTest, LongResultsAreCutAndTurnsLeavingTheRingGoToTheTurnLog) {
   run("fs:echo a ]]> b");
   EXPECT_NE(run("fssys:turns").find("warning: "), std::string::npos);
   store_enrolled = true;
+  session->turns.log().retry_at = 0;  // rather than 64 more turns
   run("fs:echo c");
   ASSERT_EQ(session->turns.turns().size(), 2u);
   EXPECT_TRUE(session->turns.unlogged().empty());
@@ -230,6 +231,15 @@ TEST_F(ActionsTest, RegistersAreReboundFromATurnForTheActionOnly) {
   EXPECT_EQ(run("fssys:actionrun show turn(1).$[7]"),
             "ERROR: turn(1).$[7] selects nothing — that turn has 3 value(s)");
   EXPECT_TRUE(run("fssys:actionrun show turn(x)").starts_with("ERROR: usage  fssys:actionrun"));
+}
+
+TEST(TurnRing, TurnsWaitingForALogAreCappedAndCounted) {
+  TurnRing ring;
+  ring.set_depth(1);
+  for (std::size_t i = 0; i < TurnRing::kMaxUnlogged + 10; ++i) ring.record("l", "r", std::nullopt);
+  EXPECT_EQ(ring.unlogged().size(), TurnRing::kMaxUnlogged);
+  EXPECT_EQ(ring.dropped(), 9u);
+  EXPECT_EQ(ring.unlogged().front().seq, 10u);
 }
 
 TEST(CdataEscape, RoundTripsEveryRunOfBracketsAndSpaces) {

@@ -177,8 +177,11 @@ const std::vector<Intent>& intents() {
        [](const Words& w, const Request&) {
          if (w.paths.empty()) return needs_path("lock", "lock src/x.cpp");
          bool query = has_any(w, {"locked", "holder", "status"});
-         return IntentMatch{
-             "lock", (query ? "fslock:status " : "fslock:toggle ") + path_tag(w.paths[0]), ""};
+         // "unlock" only ever releases: flipping would lock a file nobody held.
+         const char* verb = query                    ? "fslock:status "
+                            : has_any(w, {"unlock"}) ? "fslock:unlock "
+                                                     : "fslock:toggle ";
+         return IntentMatch{"lock", verb + path_tag(w.paths[0]), ""};
        }},
       {"exists",
        [](const Words& w) {

@@ -90,8 +90,23 @@ std::string run_line(Session& session, std::string_view bot_id, std::string_view
     DepthGuard depth(session.line_depth);
     result = run_line_inner(session, trimmed);
   }
-  if (is_turn) record_turn(session, trimmed, result, published_before);
+  if (is_turn) {
+    result = with_tip(session, trimmed, std::move(result));
+    record_turn(session, trimmed, result, published_before);
+  }
   return result;
+}
+
+std::string with_tip(const Session& session, std::string_view command, std::string result) {
+  if (!session.guided || is_error(result)) return result;
+  std::string_view head = first_word(command);
+  std::size_t cut = head.find(':');
+  if (cut == std::string_view::npos) cut = head.find('.');  // "memory.add", "fs.cat"
+  if (cut == std::string_view::npos) return result;
+  const Family* family = session.registry.find_family(head.substr(0, cut));
+  const Verb* verb = family ? find_verb(*family, head.substr(cut + 1)) : nullptr;
+  if (verb == nullptr || verb->next_tip.empty()) return result;
+  return result + "\n  next: " + verb->next_tip;
 }
 
 std::string dispatch(Session& session, std::string_view line) {

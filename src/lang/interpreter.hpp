@@ -22,6 +22,10 @@ std::string run_word_command(Session& session, std::string_view name, std::strin
 // The plain-language entry: "Kestrune: <what you want>".
 std::string natural(Session& session, std::string_view text);
 
+// With guided mode on, `result` followed by the next-step tip of the verb that
+// `command` ran, when the verb names one and the result is not an error.
+std::string with_tip(const Session& session, std::string_view command, std::string result);
+
 // The help system: "" for the overview, a section, a command, or "all".
 std::string help(const Registry& registry, std::string_view topic);
 

@@ -138,6 +138,16 @@ TEST_F(InterpreterTest, IntentsBuildTaggedCommands) {
   EXPECT_EQ(run("Kestrune create"), "ERROR: create — what path? e.g. 'create file src/x.cpp'");
 }
 
+TEST_F(InterpreterTest, UnlockOnlyEverReleases) {
+  testing::add_recording_family(registry, "fslock", ':', {"status", "toggle", "unlock"}, calls);
+  run("Kestrune unlock a.txt");
+  EXPECT_EQ(calls.back().family + ":" + calls.back().verb, "fslock:unlock");
+  run("Kestrune lock a.txt");
+  EXPECT_EQ(calls.back().verb, "toggle");
+  run("Kestrune is a.txt locked");
+  EXPECT_EQ(calls.back().verb, "status");
+}
+
 TEST_F(InterpreterTest, UnparsedRequestsGuessAFamilyWhenTheyCan) {
   std::string answer = run("Kestrune please remember that the build uses ninja");
   EXPECT_TRUE(
@@ -155,8 +165,14 @@ TEST_F(InterpreterTest, GuidedModeReportsAndSwitchesAndAddsTips) {
   EXPECT_EQ(run("Kestrune guided"),
             "OK: guided mode is ON — say 'Kestrune guided on' or 'Kestrune guided off'.");
   EXPECT_EQ(run("Kestrune read a.txt"), "OK: cat\n  next: next after cat");
+  // Typed commands get the same tips, in either spelling; their own lines do not.
+  EXPECT_EQ(run("fs:cat a.txt"), "OK: cat\n  next: next after cat");
+  EXPECT_EQ(run("fs:cat-alias a.txt"), "OK: cat\n  next: next after cat");
+  EXPECT_EQ(run("memory.add x"), "OK: add\n  next: next after add");
+  EXPECT_EQ(run("fs:nope a.txt"), "ERROR: unknown fs op 'nope'");
   EXPECT_EQ(run("Kestrune guided quiet"), "OK: guided mode OFF — no more next-step tips.");
   EXPECT_EQ(run("Kestrune read a.txt"), "OK: cat");
+  EXPECT_EQ(run("fs:cat a.txt"), "OK: cat");
 }
 
 TEST_F(InterpreterTest, DirectoryWordsMoveTheSessionDirectoryOnly) {

@@ -57,18 +57,6 @@ std::string guided_answer(Session& session, std::string_view rest) {
          " — say 'Kestrune guided on' or 'Kestrune guided off'.";
 }
 
-// Guided mode follows an action's result with what to do next.
-std::string with_tip(const Session& session, const std::string& command, std::string result) {
-  if (!session.guided || is_error(result)) return result;
-  auto [head, args] = split_first_word(command);
-  std::size_t colon = head.find(':');
-  if (colon == std::string_view::npos) return result;
-  const Family* family = session.registry.find_family(head.substr(0, colon));
-  const Verb* verb = family ? find_verb(*family, head.substr(colon + 1)) : nullptr;
-  if (verb == nullptr || verb->next_tip.empty()) return result;
-  return result + "\n  next: " + verb->next_tip;
-}
-
 }  // namespace
 
 std::string natural(Session& session, std::string_view text) {

@@ -37,6 +37,10 @@ void TurnRing::trim_to_depth() {
     unlogged_.push_back(std::move(ring_.front()));
     ring_.pop_front();
   }
+  while (unlogged_.size() > kMaxUnlogged) {
+    unlogged_.pop_front();
+    ++dropped_;
+  }
 }
 
 const Turn* TurnRing::find(std::uint64_t seq) const {

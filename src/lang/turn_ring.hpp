@@ -29,6 +29,11 @@ class TurnRing {
   static constexpr std::size_t kMaxResultLines = 256;
   // Turns per turn log file: a log is rewritten whole on every save, so it stays small.
   static constexpr std::uint64_t kTurnsPerLog = 256;
+  // Turns kept waiting for a log that cannot be written (no store); older ones are
+  // dropped and counted.
+  static constexpr std::size_t kMaxUnlogged = 4096;
+  // After a failed log write, the next try waits for this many more turns.
+  static constexpr std::size_t kLogRetryEvery = 64;
 
   void record(std::string_view line, std::string_view result,
               std::optional<std::vector<std::string>> published);
@@ -44,6 +49,8 @@ class TurnRing {
 
   // Turns that left the ring and are not in a turn log yet, oldest first.
   std::deque<Turn>& unlogged() { return unlogged_; }
+  // Turns dropped because no log took them in time.
+  std::uint64_t dropped() const { return dropped_; }
 
   // The log's state: which file it writes and the text it holds so far. The tag
   // names this session's logs; it is set when the first turn leaves the ring.
@@ -51,6 +58,7 @@ class TurnRing {
     std::string tag;
     std::uint64_t file_first_seq = 0;  // first seq of the file being written
     std::string text;                  // that file's turns, rendered
+    std::size_t retry_at = 0;          // try again once this many turns wait
   };
   Log& log() { return log_; }
 
@@ -61,6 +69,7 @@ class TurnRing {
   std::deque<Turn> unlogged_;
   std::size_t depth_ = kDefaultDepth;
   std::uint64_t next_seq_ = 1;
+  std::uint64_t dropped_ = 0;
   Log log_;
 };
 

@@ -13,6 +13,7 @@
 #include "launcher/options.hpp"
 #include "launcher/resident_lifecycle.hpp"
 #include "launcher/resident_link.hpp"
+#include "launcher/result_paint.hpp"
 #include "launcher/unit_source.hpp"
 #include "launcher/workspace.hpp"
 #include "platform/console.hpp"
@@ -99,6 +100,10 @@ int run_entry(int argc, char** argv) {
 
   EntryOptions options = parse_options(args);
   if (!options.home_override.empty()) platform::set_home_override(options.home_override);
+  if (options.no_color) platform::set_color_disabled(true);
+  // Results at a console are coloured; piped or redirected output stays plain.
+  static PaintingBuffer painter(std::cout.rdbuf());
+  if (platform::stdout_wants_color()) std::cout.rdbuf(&painter);
   set_agent_port(options.port);
 
   if (!options.words.empty() && options.words[0] == "kxterm")

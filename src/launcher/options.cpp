@@ -46,6 +46,8 @@ EntryOptions parse_options(const std::vector<std::string>& args) {
       options.port = parse_port(args[++i]);
     } else if (has_value && (arg == "--conf" || arg == "--home")) {
       options.home_override = args[++i];
+    } else if (arg == "--no-color" && !(grep_line && seen_word)) {
+      options.no_color = true;
     } else {
       if (!arg.empty() && arg[0] != '-') seen_word = true;
       options.words.push_back(arg);

@@ -11,10 +11,11 @@ inline constexpr std::uint16_t kDefaultPort = 9999;
 struct EntryOptions {
   std::uint16_t port = kDefaultPort;
   std::string home_override;       // --conf / --home
+  bool no_color = false;           // --no-color
   std::vector<std::string> words;  // what is left after the options
 };
 
-// Removes --port/-p, --conf/--home and their values. "-p" stays for grep once a
+// Removes --port/-p, --conf/--home and their values, and --no-color. "-p" stays for grep once a
 // non-option word has been seen, because grep has a -p of its own. An option that
 // is the last argument has no value and stays.
 EntryOptions parse_options(const std::vector<std::string>& args);

@@ -15,6 +15,15 @@ TEST(ParseOptions, PortAndHomeAreTakenAnywhere) {
   EXPECT_EQ(parse_options({"--home", "/x", "a"}).home_override, "/x");
 }
 
+TEST(ParseOptions, NoColorIsAnOptionExceptInsideAGrepLine) {
+  EntryOptions o = parse_options({"--no-color", "fs:cat", "a.txt"});
+  EXPECT_TRUE(o.no_color);
+  EXPECT_EQ(o.words, (Words{"fs:cat", "a.txt"}));
+  EntryOptions g = parse_options({"grep", "--no-color", "x"});
+  EXPECT_FALSE(g.no_color);
+  EXPECT_EQ(g.words, (Words{"grep", "--no-color", "x"}));
+}
+
 TEST(ParseOptions, DashPBelongsToGrepOnlyAfterItsFirstWord) {
   EntryOptions before = parse_options({"-p", "9000", "grep", "foo"});
   EXPECT_EQ(before.port, 9000);

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "lang/text.hpp"
+#include "launcher/result_paint.hpp"
 #include "launcher/unit_source.hpp"
 #include "platform/console.hpp"
 #include "platform/process_info.hpp"
@@ -107,7 +108,9 @@ void print_answer(const PostOutcome& answer) {
     std::fwrite(answer.err.data(), 1, answer.err.size(), stderr);
     std::fflush(stderr);
   }
-  std::fwrite(answer.out.data(), 1, answer.out.size(), stdout);
+  // Painted exactly as a local run paints its results.
+  const std::string out = platform::stdout_wants_color() ? paint_text(answer.out) : answer.out;
+  std::fwrite(out.data(), 1, out.size(), stdout);
   std::fflush(stdout);
 }
 
@@ -253,8 +256,9 @@ ForwardResult forward_units(std::uint16_t port, const std::string& line, UnitSou
     if (resident_lost) return false;
     if (auto refusal = lang::unit_refusal(unit)) {
       // Refused the same way the resident and a local run refuse it, without a trip.
-      std::fwrite(refusal->data(), 1, refusal->size(), stdout);
-      std::fputc('\n', stdout);
+      PostOutcome refused;
+      refused.out = *refusal + "\n";
+      print_answer(refused);
       result.status = std::max(result.status, static_cast<int>(lang::kSyntaxError));
       return true;
     }

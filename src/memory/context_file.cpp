@@ -130,9 +130,11 @@ std::string ContextStore::rewrite(FileLock& lock) {
   const std::uint64_t seq = lock.read_counter() + 1;
   if (error.empty() && !lock.write_counter(seq)) error = "could not update " + lock_path().string();
   if (!error.empty()) {
-    // Back to what the file holds: a failed write changes nothing.
+    // Back to what the file holds: a failed write changes nothing. Only read it here:
+    // mending from a failed rewrite would copy the damage aside again and again.
     file_known_ = false;
-    if (std::string reload = catch_up(lock); !reload.empty()) error += "; " + reload;
+    Look now = look(&lock);
+    if (std::string reload = take_in(now); !reload.empty()) error += "; " + reload;
     return error;
   }
   file_seq_ = seq;
@@ -145,7 +147,10 @@ std::string ContextStore::mend(FileLock& lock, Look& look) {
   if (damage_.empty() && !converting_) return {};
   look.file.close();  // Windows renames over a file only when nobody has it open
   std::string kept;
-  if (!damage_.empty()) {
+  const std::pair<std::uint64_t, std::uint64_t> damaged_file{file_seq_, file_size_};
+  if (!damage_.empty() && !kept_copy_.empty() && kept_copy_of_ == damaged_file) {
+    kept = kept_copy_;  // this very file was kept aside before; its rewrite failed
+  } else if (!damage_.empty()) {
     const fs::path copy = free_damaged_path(data_path_);
     if (std::string error = copy_durably(data_path_, copy); !error.empty()) {
       if (blocked_.empty())
@@ -156,6 +161,8 @@ std::string ContextStore::mend(FileLock& lock, Look& look) {
       return blocked_;
     }
     kept = copy.string();
+    kept_copy_ = kept;
+    kept_copy_of_ = damaged_file;
   }
   const std::size_t records = memo_count();
   const std::string why = damage_;
@@ -166,6 +173,7 @@ std::string ContextStore::mend(FileLock& lock, Look& look) {
     return error;
   }
   blocked_.clear();
+  kept_copy_.clear();
   if (!why.empty())
     warnings_.push_back("warning: data.mem of context '" + name_ + "' did not load whole (" + why +
                         "); the damaged file is kept as " + kept + "; " + std::to_string(records) +
@@ -202,6 +210,7 @@ std::string ContextStore::refresh() {
   }
   if (std::string error = take_in(now); !error.empty()) return error;
   if (damage_.empty() && !converting_) return {};
+  now.file.close();  // Windows renames over a file only when nobody has it open
   // Mend under the lock, from a fresh look, so no one's appends are cut off.
   FileLock lock(lock_path());
   file_known_ = false;

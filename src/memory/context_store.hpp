@@ -208,6 +208,10 @@ class ContextStore {
   std::string damage_;       // why the file on disk must be mended (empty: it need not)
   bool converting_ = false;  // the file is in the old format: rewrite, not damage
   std::string blocked_;      // damage that could not be kept aside: writes refused
+  // The copy made of a damaged file whose rewrite then failed, and which file (rewrite
+  // count, size) it is of: the next mend of that same file reuses it.
+  std::string kept_copy_;
+  std::pair<std::uint64_t, std::uint64_t> kept_copy_of_{};
   std::vector<std::string> warnings_;
   std::unique_ptr<platform::FileLock> batch_lock_;
   bool batch_dirty_ = false;

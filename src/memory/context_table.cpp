@@ -7,6 +7,7 @@
 
 #include "memory/context_dir.hpp"
 #include "memory/data_file.hpp"
+#include "platform/read_file.hpp"
 
 namespace kx::memory {
 namespace fs = std::filesystem;
@@ -67,7 +68,7 @@ std::vector<ContextListing> ContextTable::list(std::string_view bot) const {
     } else {
       // The name is in "context.id"; without it the directory name is decoded.
       std::string id;
-      if (read_whole_file(it->path() / "context.id", id) && !id.empty())
+      if (platform::read_whole_file(it->path() / "context.id", id, 0) && !id.empty())
         entry.name = id;
       else if (auto decoded = unescape_name_part(dir_name.substr(prefix.size())))
         entry.name = *decoded;

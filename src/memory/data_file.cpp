@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <system_error>
 
 #include "memory/context_store.hpp"
@@ -13,47 +12,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string write_failure(const fs::path& path) {
-  return "could not write " + path.string();
-}
-
 fs::path with_suffix(const fs::path& path, std::string_view suffix) {
   fs::path out = path;
   out += std::string(suffix);
   return out;
-}
-
-fs::path parent_or_here(const fs::path& path) {
-  return path.parent_path().empty() ? fs::path(".") : path.parent_path();
-}
-
-// Moves a synced temporary file over `target` and makes the rename durable.
-std::string promote(const fs::path& temp, const fs::path& target) {
-  if (!platform::sync_file(temp)) return write_failure(temp);
-  std::error_code ec;
-  fs::rename(temp, target, ec);
-  if (ec) return write_failure(target) + ": " + ec.message();
-  if (!platform::sync_directory(parent_or_here(target))) return write_failure(target);
-  return {};
-}
-
-// Writes `first` then `second` to `target` through "<target>.tmp": write, sync, rename.
-std::string write_durably(const fs::path& target, std::string_view first, std::string_view second) {
-  const fs::path temp = with_suffix(target, ".tmp");
-  {
-    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-    if (!out) return write_failure(temp);
-    out.write(first.data(), static_cast<std::streamsize>(first.size()));
-    out.write(second.data(), static_cast<std::streamsize>(second.size()));
-    out.flush();
-    if (!out) {
-      out.close();
-      std::error_code ec;
-      fs::remove(temp, ec);  // a full disk gets its space back
-      return write_failure(temp);
-    }
-  }
-  return promote(temp, target);
 }
 
 std::size_t count_current_records(std::string_view body, bool& whole) {
@@ -73,27 +35,12 @@ fs::path crash_net_path(const fs::path& data_path) {
   return with_suffix(data_path, ".last");
 }
 
-bool read_whole_file(const fs::path& path, std::string& out) {
-  std::ifstream in(path, std::ios::binary | std::ios::ate);
-  if (!in) return false;
-  const std::streamoff size = in.tellg();
-  if (size < 0) return false;
-  out.resize(static_cast<std::size_t>(size));
-  in.seekg(0);
-  in.read(out.data(), size);
-  return static_cast<bool>(in) || size == 0;
-}
-
 std::string copy_durably(const fs::path& from, const fs::path& to) {
-  const fs::path temp = with_suffix(to, ".tmp");
-  std::error_code ec;
-  fs::copy_file(from, temp, fs::copy_options::overwrite_existing, ec);
-  if (ec) {
-    std::error_code ignored;
-    fs::remove(temp, ignored);
-    return "could not copy " + from.string() + " to " + temp.string() + ": " + ec.message();
-  }
-  return promote(temp, to);
+  std::string reason;
+  auto staged = platform::StagedFile::stage_copy(to, from, reason);
+  if (!staged || !staged->commit(reason))
+    return "could not copy " + from.string() + " to " + to.string() + ": " + reason;
+  return {};
 }
 
 std::string rewrite_data_file(const fs::path& path, std::string_view heap) {
@@ -101,7 +48,12 @@ std::string rewrite_data_file(const fs::path& path, std::string_view heap) {
   if (fs::exists(path, ec)) {
     if (std::string error = copy_durably(path, crash_net_path(path)); !error.empty()) return error;
   }
-  return write_durably(path, kMagic, heap);
+  // The heap is written behind the magic as it stands: no joined copy of a large file.
+  const std::string_view parts[] = {kMagic, heap};
+  std::string reason;
+  auto staged = platform::StagedFile::stage(path, parts, reason);
+  if (!staged || !staged->commit(reason)) return "could not write " + path.string() + ": " + reason;
+  return {};
 }
 
 fs::path free_damaged_path(const fs::path& data_path) {
@@ -118,7 +70,7 @@ fs::path free_damaged_path(const fs::path& data_path) {
   const fs::path base = with_suffix(data_path, std::string(".damaged-") + stamp);
   fs::path candidate = base;
   std::error_code ec;
-  for (int n = 2; fs::exists(candidate, ec) || fs::exists(with_suffix(candidate, ".tmp"), ec); ++n)
+  for (int n = 2; fs::exists(candidate, ec); ++n)
     candidate = with_suffix(base, "-" + std::to_string(n));
   return candidate;
 }

@@ -16,8 +16,9 @@
 // File byte 4 + k is heap byte k, so a record's heap offset is its file offset - 4.
 // Adding a memo appends the record's bytes (the magic first when the file is empty
 // or missing). Deleting rewrites the file whole: the old file is first copied to
-// "data.mem.last", then the new bytes go to "data.mem.tmp", are synced and renamed
-// over "data.mem", so an interrupted rewrite loses at most the latest deletion.
+// "data.mem.last", then the new bytes are staged under a temporary name, synced and
+// renamed over "data.mem" (platform/durable_file.hpp), so an interrupted rewrite
+// loses at most the latest deletion.
 //
 // Damage is kept, reported and walled off. A file that does not load whole (another
 // magic that still holds current records, a cut or damaged record) is first copied
@@ -47,14 +48,11 @@ inline constexpr std::string_view kMagic = "KST2";
 // "<data>.last", the crash net beside the data file.
 std::filesystem::path crash_net_path(const std::filesystem::path& data_path);
 
-// Reads a whole file. False when it cannot be opened or read.
-bool read_whole_file(const std::filesystem::path& path, std::string& out);
-
 // Full rewrite with the crash net. Returns "" or an error sentence; on failure the
 // existing "data.mem" is left as it was.
 std::string rewrite_data_file(const std::filesystem::path& path, std::string_view heap);
 
-// Copies `from` to `to` durably (through "<to>.tmp", synced, renamed). "" or an error.
+// Copies `from` to `to` durably (a synced temporary copy renamed over `to`). "" or an error.
 std::string copy_durably(const std::filesystem::path& from, const std::filesystem::path& to);
 
 // "data.mem.damaged-<UTC time>" beside `data_path`, with "-<n>" added while taken.

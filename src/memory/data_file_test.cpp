@@ -7,6 +7,9 @@
 
 #include "memory/context_store.hpp"
 #include "memory/test_dir.hpp"
+#include "platform/durable_file.hpp"
+#include "platform/file_handle.hpp"
+#include "platform/read_file.hpp"
 
 namespace kx::memory {
 namespace {
@@ -16,7 +19,7 @@ using ::testing::ElementsAre;
 
 std::string slurp(const fs::path& path) {
   std::string out;
-  EXPECT_TRUE(read_whole_file(path, out)) << path;
+  EXPECT_TRUE(platform::read_whole_file(path, out, 0)) << path;
   return out;
 }
 
@@ -36,6 +39,13 @@ std::string str(std::string_view s) {
 class DataFileTest : public ::testing::Test {
  protected:
   fs::path data() const { return dir_.path() / "data.mem"; }
+  std::vector<fs::path> damaged_copies() const {
+    std::vector<fs::path> copies;
+    for (const auto& entry : fs::directory_iterator(dir_.path()))
+      if (entry.path().filename().string().starts_with("data.mem.damaged-"))
+        copies.push_back(entry.path());
+    return copies;
+  }
   std::unique_ptr<ContextStore> open() {
     auto store = std::make_unique<ContextStore>("ctx");
     store->set_data_path(data());
@@ -101,10 +111,7 @@ TEST_F(DataFileTest, CutFileIsKeptAsideAndRewrittenToTheRecordsRead) {
   const auto warnings = store->take_warnings();
   ASSERT_EQ(warnings.size(), 1u);
   EXPECT_THAT(warnings[0], ::testing::HasSubstr("1 record(s) read"));
-  std::vector<fs::path> copies;
-  for (const auto& entry : fs::directory_iterator(dir_.path()))
-    if (entry.path().filename().string().starts_with("data.mem.damaged-"))
-      copies.push_back(entry.path());
+  const std::vector<fs::path> copies = damaged_copies();
   ASSERT_EQ(copies.size(), 1u);
   EXPECT_EQ(slurp(copies[0]), bytes);  // the damaged original, byte for byte
   EXPECT_THAT(warnings[0], ::testing::HasSubstr(copies[0].string()));
@@ -115,6 +122,35 @@ TEST_F(DataFileTest, CutFileIsKeptAsideAndRewrittenToTheRecordsRead) {
   auto reopened = open();
   EXPECT_NE(reopened->find_topic("later"), nullptr);
   EXPECT_NE(reopened->find_topic("keep"), nullptr);
+  EXPECT_TRUE(reopened->take_warnings().empty());
+}
+
+// Windows will not rename over a file somebody holds open: the mend must then fail
+// once, keep one copy, and succeed later without copying the same damage again.
+TEST_F(DataFileTest, DamageFoundWhileTheFileIsHeldOpenIsKeptAsideOnce) {
+  {
+    auto store = open();
+    ASSERT_EQ(store->append("keep", {}, 0, "kept memo"), "");
+    ASSERT_EQ(store->append("cut", {}, 0, "this one is cut short"), "");
+  }
+  std::string bytes = slurp(data());
+  bytes.resize(bytes.size() - 3);
+  spit(data(), bytes);
+
+  auto reader = platform::FileHandle::open(data(), platform::FileHandle::Mode::read);
+  ASSERT_TRUE(reader.is_open());
+  auto store = open();
+  EXPECT_NE(store->find_topic("keep"), nullptr);
+  reader.close();
+  ASSERT_EQ(store->append("later", {}, 0, "added after the damage"), "");
+  const auto warnings = store->take_warnings();
+  ASSERT_EQ(warnings.size(), 1u);
+  const std::vector<fs::path> copies = damaged_copies();
+  ASSERT_EQ(copies.size(), 1u);
+  EXPECT_EQ(slurp(copies[0]), bytes);
+  auto reopened = open();
+  EXPECT_NE(reopened->find_topic("keep"), nullptr);
+  EXPECT_NE(reopened->find_topic("later"), nullptr);
   EXPECT_TRUE(reopened->take_warnings().empty());
 }
 
@@ -178,7 +214,8 @@ TEST_F(DataFileTest, CrashNetHoldsTheFileAsItStoodBeforeEachRewrite) {
   const std::string before_second = slurp(data());
   ASSERT_EQ(store->delete_topic("b"), "");
   EXPECT_EQ(slurp(crash_net_path(data())), before_second);
-  EXPECT_FALSE(fs::exists(data().string() + ".tmp"));
+  for (const auto& entry : fs::directory_iterator(dir_.path()))
+    EXPECT_FALSE(platform::is_write_temp_name(entry.path().filename().string())) << entry.path();
 }
 
 TEST_F(DataFileTest, InterruptedRewriteLeavesTheOldFileReadable) {
@@ -187,7 +224,7 @@ TEST_F(DataFileTest, InterruptedRewriteLeavesTheOldFileReadable) {
   EXPECT_EQ(store->append("b", {}, 0, "two"), "");
   const std::string before = slurp(data());
   // A rewrite that died before its rename leaves only a stray temp file behind.
-  spit(data().string() + ".tmp", "KST2\x01\x02");
+  spit(platform::fresh_temp_path(data()), "KST2\x01\x02");
   auto reopened = open();
   EXPECT_EQ(reopened->topic_count(), 2u);
   EXPECT_EQ(slurp(data()), before);
@@ -196,13 +233,13 @@ TEST_F(DataFileTest, InterruptedRewriteLeavesTheOldFileReadable) {
 TEST_F(DataFileTest, FailedWritesChangeNeitherTheFileNorTheStore) {
   auto store = open();
   ASSERT_EQ(store->append("a", {}, 0, "one"), "");
-  // The rewrite's temp file cannot be created where a directory stands.
-  fs::create_directory(data().string() + ".tmp");
+  // The crash net cannot be renamed over a directory that holds something.
+  fs::create_directories(crash_net_path(data()) / "taken");
   const std::string before = slurp(data());
   EXPECT_NE(store->delete_topic("a"), "");
   EXPECT_NE(store->find_topic("a"), nullptr);
   EXPECT_EQ(slurp(data()), before);
-  fs::remove(data().string() + ".tmp");
+  fs::remove_all(crash_net_path(data()));
 
   fs::rename(data(), dir_.path() / "aside");
   fs::create_directory(data());  // now the append cannot open its file

@@ -11,6 +11,7 @@
 #include "memory/context_dir.hpp"
 #include "memory/data_file.hpp"
 #include "memory/test_dir.hpp"
+#include "platform/read_file.hpp"
 
 namespace kx::memory {
 namespace {
@@ -84,7 +85,7 @@ TEST_F(MemoryVerbs, AddMemoAccumulatesTypedMemos) {
   EXPECT_EQ(kx_.run("memory.retrieve cli, notes, steps"), "run cmake\nthen ninja\nplain memo");
 
   std::string bytes;
-  ASSERT_TRUE(read_whole_file(data_of("cli", "notes"), bytes));
+  ASSERT_TRUE(platform::read_whole_file(data_of("cli", "notes"), bytes, 0));
   EXPECT_EQ(static_cast<unsigned char>(bytes[4]), 129);  // flags of the first record
 }
 
@@ -130,7 +131,7 @@ TEST_F(MemoryVerbs, DeletingTheOnlyMemoRemovesTheTopic) {
   kx_.run("memory.addmemo cli, notes, t, , note, only one");
   const std::string before = [&] {
     std::string b;
-    read_whole_file(data_of("cli", "notes"), b);
+    platform::read_whole_file(data_of("cli", "notes"), b, 0);
     return b;
   }();
   EXPECT_EQ(kx_.run("memory.deletememo cli, notes, t, 1"),
@@ -139,7 +140,7 @@ TEST_F(MemoryVerbs, DeletingTheOnlyMemoRemovesTheTopic) {
   EXPECT_EQ(kx_.run("memory.retrieve cli, notes, t"), "");
   EXPECT_EQ(kx_.run("memory.memos cli, notes, t"), "ERROR: no memory 't' in context 'notes'");
   std::string last;
-  ASSERT_TRUE(read_whole_file(crash_net_path(data_of("cli", "notes")), last));
+  ASSERT_TRUE(platform::read_whole_file(crash_net_path(data_of("cli", "notes")), last, 0));
   EXPECT_EQ(last, before);
 }
 
@@ -299,8 +300,8 @@ TEST_F(MemoryVerbs, CloneCopiesByteForByteIntoAFreshContext) {
   EXPECT_EQ(kx_.run("memory.clone cli, src, dst"),
             "OK: cloned 'src' into 'dst' (2 memo(s), 2 topic(s))");
   std::string a, b;
-  ASSERT_TRUE(read_whole_file(data_of("cli", "src"), a));
-  ASSERT_TRUE(read_whole_file(data_of("cli", "dst"), b));
+  ASSERT_TRUE(platform::read_whole_file(data_of("cli", "src"), a, 0));
+  ASSERT_TRUE(platform::read_whole_file(data_of("cli", "dst"), b, 0));
   EXPECT_EQ(a, b);
   EXPECT_EQ(
       kx_.run("memory.clone cli, src, dst"),
@@ -340,7 +341,8 @@ TEST_F(MemoryVerbs, SyncModeIsKeptInTheSettings) {
   EXPECT_THAT(kx_.run("memory.sync cli, notes"), HasSubstr("within a few ms"));
   EXPECT_THAT(kx_.run("memory.sync cli, notes, each"), HasSubstr("on the disk before it answers"));
   std::string cfg;
-  ASSERT_TRUE(read_whole_file(data_of("cli", "notes").parent_path() / "store.cfg", cfg));
+  ASSERT_TRUE(
+      platform::read_whole_file(data_of("cli", "notes").parent_path() / "store.cfg", cfg, 0));
   EXPECT_THAT(cfg, HasSubstr("sync=each"));
   EXPECT_THAT(kx_.run("memory.add cli, notes, t, , durable"), StartsWith("OK: "));
   EXPECT_EQ(kx_.run("memory.retrieve cli, notes, t"), "durable");

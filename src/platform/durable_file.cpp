@@ -3,6 +3,7 @@
 #include <system_error>
 
 #include "platform/durable_file.hpp"
+#include "platform/file_clone.hpp"
 
 namespace kx::platform {
 
@@ -64,19 +65,52 @@ void StagedFile::discard() {
 
 std::optional<StagedFile> StagedFile::stage(const fs::path& target, std::string_view data,
                                             std::string& reason) {
-  // A name taken by somebody else (vanishingly rare) is stepped over, never reused.
+  const std::string_view parts[] = {data};
+  return stage(target, parts, reason);
+}
+
+namespace {
+
+// Finds a fresh temporary name beside `target` and lets `fill` create it; on failure
+// the partial file is removed. A name taken by somebody else (vanishingly rare) is
+// stepped over, never reused.
+template <typename Fill>
+std::optional<fs::path> make_temp(const fs::path& target, std::string& reason, Fill fill) {
   for (int attempt = 0; attempt < 8; ++attempt) {
     fs::path temp = fresh_temp_path(target);
     std::error_code ec;
     if (fs::exists(fs::symlink_status(temp, ec))) continue;
-    if (!write_new_file_durable(temp, data, reason)) {
+    if (!fill(temp)) {
       fs::remove(temp, ec);
       return std::nullopt;
     }
-    return StagedFile(target, std::move(temp));
+    return temp;
   }
   reason = "no free temporary name";
   return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<StagedFile> StagedFile::stage(const fs::path& target,
+                                            std::span<const std::string_view> parts,
+                                            std::string& reason) {
+  auto temp = make_temp(
+      target, reason, [&](const fs::path& t) { return write_new_file_durable(t, parts, reason); });
+  if (!temp) return std::nullopt;
+  return StagedFile(target, std::move(*temp));
+}
+
+std::optional<StagedFile> StagedFile::stage_copy(const fs::path& target, const fs::path& source,
+                                                 std::string& reason) {
+  auto temp = make_temp(target, reason, [&](const fs::path& t) {
+    if (!clone_file(source, t, reason)) return false;
+    if (sync_file(t)) return true;
+    reason = "could not sync " + t.string();
+    return false;
+  });
+  if (!temp) return std::nullopt;
+  return StagedFile(target, std::move(*temp));
 }
 
 bool StagedFile::commit(std::string& reason) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -19,9 +20,16 @@ bool write_file_durable(const std::filesystem::path& path, std::string_view data
 // any other entry already at that name makes it fail: it never writes through one.
 [[nodiscard]] bool write_new_file_durable(const std::filesystem::path& path, std::string_view data,
                                           std::string& reason);
+// The same with the data given in parts, written one after the other: a large file
+// and its header need not be joined in memory first.
+[[nodiscard]] bool write_new_file_durable(const std::filesystem::path& path,
+                                          std::span<const std::string_view> parts,
+                                          std::string& reason);
 
 // Renames `from` over `to` (replacing a file there, or the link itself when `to` is a
-// link) and syncs `to`'s directory.
+// link) and syncs `to`'s directory. Where the system refuses to replace a file that
+// another handle holds open (Windows), it retries for up to a second: readers hold
+// files only for the length of one read.
 [[nodiscard]] bool replace_durable(const std::filesystem::path& from,
                                    const std::filesystem::path& to, std::string& reason);
 
@@ -48,6 +56,14 @@ class StagedFile {
  public:
   [[nodiscard]] static std::optional<StagedFile> stage(const std::filesystem::path& target,
                                                        std::string_view data, std::string& reason);
+  [[nodiscard]] static std::optional<StagedFile> stage(const std::filesystem::path& target,
+                                                       std::span<const std::string_view> parts,
+                                                       std::string& reason);
+  // A synced copy of the existing file `source` (a block-sharing clone where the file
+  // system has them), to be put in place at `target`.
+  [[nodiscard]] static std::optional<StagedFile> stage_copy(const std::filesystem::path& target,
+                                                            const std::filesystem::path& source,
+                                                            std::string& reason);
   StagedFile(StagedFile&& other) noexcept;
   StagedFile& operator=(StagedFile&& other) noexcept;
   StagedFile(const StagedFile&) = delete;

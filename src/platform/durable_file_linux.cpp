@@ -24,14 +24,15 @@ bool write_all(int fd, std::string_view data, std::string& reason) {
   return true;
 }
 
-bool write_with_flags(const std::filesystem::path& path, std::string_view data, int flags,
-                      std::string& reason) {
+bool write_with_flags(const std::filesystem::path& path, std::span<const std::string_view> parts,
+                      int flags, std::string& reason) {
   int fd = ::open(path.c_str(), flags | O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) {
     reason = std::strerror(errno);
     return false;
   }
-  bool ok = write_all(fd, data, reason);
+  bool ok = true;
+  for (std::size_t i = 0; ok && i < parts.size(); ++i) ok = write_all(fd, parts[i], reason);
   if (ok && ::fsync(fd) != 0) {
     reason = std::strerror(errno);
     ok = false;
@@ -41,6 +42,12 @@ bool write_with_flags(const std::filesystem::path& path, std::string_view data, 
     ok = false;
   }
   return ok;
+}
+
+bool write_with_flags(const std::filesystem::path& path, std::string_view data, int flags,
+                      std::string& reason) {
+  const std::string_view parts[] = {data};
+  return write_with_flags(path, parts, flags, reason);
 }
 
 }  // namespace
@@ -54,6 +61,12 @@ bool write_new_file_durable(const std::filesystem::path& path, std::string_view 
   return write_with_flags(path, data, O_EXCL | O_NOFOLLOW, reason);
 }
 
+bool write_new_file_durable(const std::filesystem::path& path,
+                            std::span<const std::string_view> parts, std::string& reason) {
+  return write_with_flags(path, parts, O_EXCL | O_NOFOLLOW, reason);
+}
+
+// POSIX renames over open files, so there is nothing to wait for.
 bool replace_durable(const std::filesystem::path& from, const std::filesystem::path& to,
                      std::string& reason) {
   if (::rename(from.c_str(), to.c_str()) != 0) {

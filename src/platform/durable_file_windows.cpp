@@ -11,8 +11,8 @@ std::string last_error_text() {
   return "system error " + std::to_string(::GetLastError());
 }
 
-bool write_with_access(const std::filesystem::path& path, std::string_view data, DWORD access,
-                       DWORD disposition, DWORD flags, std::string& reason) {
+bool write_with_access(const std::filesystem::path& path, std::span<const std::string_view> parts,
+                       DWORD access, DWORD disposition, DWORD flags, std::string& reason) {
   HANDLE file = ::CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
                               FILE_ATTRIBUTE_NORMAL | flags, nullptr);
   if (file == INVALID_HANDLE_VALUE) {
@@ -20,15 +20,16 @@ bool write_with_access(const std::filesystem::path& path, std::string_view data,
     return false;
   }
   bool ok = true;
-  while (ok && !data.empty()) {
-    DWORD chunk = data.size() > 1u << 30 ? 1u << 30 : static_cast<DWORD>(data.size());
-    DWORD written = 0;
-    if (!::WriteFile(file, data.data(), chunk, &written, nullptr)) {
-      reason = last_error_text();
-      ok = false;
-      break;
+  for (std::string_view data : parts) {
+    while (ok && !data.empty()) {
+      DWORD chunk = data.size() > 1u << 30 ? 1u << 30 : static_cast<DWORD>(data.size());
+      DWORD written = 0;
+      if (!::WriteFile(file, data.data(), chunk, &written, nullptr)) {
+        reason = last_error_text();
+        ok = false;
+      }
+      data.remove_prefix(written);
     }
-    data.remove_prefix(written);
   }
   if (ok && !::FlushFileBuffers(file)) {
     reason = last_error_text();
@@ -38,6 +39,12 @@ bool write_with_access(const std::filesystem::path& path, std::string_view data,
   return ok;
 }
 
+bool write_with_access(const std::filesystem::path& path, std::string_view data, DWORD access,
+                       DWORD disposition, DWORD flags, std::string& reason) {
+  const std::string_view parts[] = {data};
+  return write_with_access(path, parts, access, disposition, flags, reason);
+}
+
 }  // namespace
 
 // Paths are passed without the "\\?\" prefix, so the classic limit holds.
@@ -45,22 +52,34 @@ std::size_t max_path_bytes() {
   return MAX_PATH - 1;
 }
 
-bool write_new_file_durable(const std::filesystem::path& path, std::string_view data,
-                            std::string& reason) {
+bool write_new_file_durable(const std::filesystem::path& path,
+                            std::span<const std::string_view> parts, std::string& reason) {
   // CREATE_NEW fails on any existing entry, a reparse point (link) included, so a
   // planted link is never written through.
-  return write_with_access(path, data, GENERIC_WRITE, CREATE_NEW, FILE_FLAG_OPEN_REPARSE_POINT,
+  return write_with_access(path, parts, GENERIC_WRITE, CREATE_NEW, FILE_FLAG_OPEN_REPARSE_POINT,
                            reason);
+}
+
+bool write_new_file_durable(const std::filesystem::path& path, std::string_view data,
+                            std::string& reason) {
+  const std::string_view parts[] = {data};
+  return write_new_file_durable(path, parts, reason);
 }
 
 bool replace_durable(const std::filesystem::path& from, const std::filesystem::path& to,
                      std::string& reason) {
-  if (!::MoveFileExW(from.c_str(), to.c_str(),
-                     MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
-    reason = last_error_text();
-    return false;
+  // Windows refuses to replace a file that is open, even one opened with
+  // FILE_SHARE_DELETE; a reader elsewhere lets go within one read, so wait a little.
+  for (DWORD pause = 1;; pause *= 2) {
+    if (::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+      return true;
+    const DWORD error = ::GetLastError();
+    if ((error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) || pause > 512) {
+      reason = "system error " + std::to_string(error);
+      return false;
+    }
+    ::Sleep(pause);
   }
-  return true;
 }
 
 bool write_file_durable(const std::filesystem::path& path, std::string_view data,

@@ -6,7 +6,9 @@ namespace kx::protocols {
 namespace {
 
 constexpr const char* kNotWired = "ERROR: mcp: interpreter bridge not wired";
-constexpr const char* kNoChat = "ERROR: chat not wired";
+constexpr const char* kNoChat =
+    "ERROR: chat lives in the resident, and this MCP session runs without one (KESTRUNE_LOCAL "
+    "is set, or no resident could be started); start it with 'kx boot' and reconnect";
 
 std::string run(const ToolHost& host, const std::string& line) {
   return host.run ? host.run(line) : kNotWired;
@@ -424,14 +426,24 @@ std::vector<Tool> build_tools() {
         std::string channel = arg_text(a, "channel");
         return host.chat_say(channel.empty() ? "general" : channel, arg_text(a, "text"));
       }));
-  t.push_back(make("chat_read", "Read chat",
-                   "Wait (about 25 s) for the next messages of a chat channel.",
-                   schema({{"channel", "string", "channel, default general"}}, {}), E::kRead, false,
-                   [](const Json& a, const ToolHost& host) -> std::string {
-                     if (!host.chat_read) return kNoChat;
-                     std::string channel = arg_text(a, "channel");
-                     return host.chat_read(channel.empty() ? "general" : channel);
-                   }));
+  t.push_back(
+      make("chat_read", "Read chat",
+           "Messages of a chat channel after `since` (the value the previous read answered), "
+           "waiting about 25 s for the first; without `since`, the latest messages at once.",
+           schema({{"channel", "string", "channel, default general"},
+                   {"since", "integer", "sequence number of the last message already read"}},
+                  {}),
+           E::kRead, false, [](const Json& a, const ToolHost& host) -> std::string {
+             if (!host.chat_read) return kNoChat;
+             std::string channel = arg_text(a, "channel");
+             std::optional<std::uint64_t> since;
+             if (const std::string text = arg_text(a, "since"); !text.empty()) {
+               if (text.find_first_not_of("0123456789") != std::string::npos || text.size() > 18)
+                 return "ERROR: since must be a sequence number";
+               since = std::stoull(text);
+             }
+             return host.chat_read(channel.empty() ? "general" : channel, since);
+           }));
   return t;
 }
 

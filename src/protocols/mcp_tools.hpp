@@ -2,8 +2,10 @@
 // The tools an MCP client may call. Each is thin: it turns its arguments into one
 // command line of the command language (a few run more than one) and answers the
 // interpreter's result text.
+#include <cstdint>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,8 +18,14 @@ using Json = nlohmann::ordered_json;
 // wired in this process; the tools then answer an "ERROR: " text saying so.
 struct ToolHost {
   std::function<std::string(std::string_view line)> run;  // one line through the interpreter
+  // Chat lives in the resident: a process serving MCP without one leaves these empty.
+  // Posts `text`; answers "OK: ..." or "ERROR: ...".
   std::function<std::string(const std::string& channel, const std::string& text)> chat_say;
-  std::function<std::string(const std::string& channel)> chat_read;  // JSON text
+  // The channel's messages after sequence number `since`, waiting (about 25 s) for the
+  // first when there is none yet; without `since`, the latest few at once. JSON text
+  // {"channel","messages":[records],"since":<seq to pass next>} or "ERROR: ...".
+  std::function<std::string(const std::string& channel, std::optional<std::uint64_t> since)>
+      chat_read;
 };
 
 using ToolCall = std::function<std::string(const Json& args, const ToolHost& host)>;

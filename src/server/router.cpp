@@ -118,6 +118,8 @@ const Route kRoutes[] = {
      R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"mcp is loopback-only"}})", J,
      handle_mcp_post},
     {"/mcp", false, "GET", nullptr, nullptr, handle_mcp_get},
+    {"/mcp", false, "DELETE", R"({"ok":false,"error":"mcp is loopback-only"})", J,
+     handle_mcp_delete},
     {"/v1/chat/completions", false, "POST",
      R"({"error":{"message":"oai-gateway is loopback-only","type":"forbidden"}})", J, nullptr},
     {"/health", false, nullptr, nullptr, nullptr, handle_health},

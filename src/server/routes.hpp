@@ -17,6 +17,7 @@ Response handle_interp(ServerState&, const Request&, RouteEffects&);
 Response handle_debug_stream(ServerState&, const Request&, RouteEffects&);
 Response handle_mcp_get(ServerState&, const Request&, RouteEffects&);
 Response handle_mcp_post(ServerState&, const Request&, RouteEffects&);
+Response handle_mcp_delete(ServerState&, const Request&, RouteEffects&);
 Response handle_kestnode(ServerState&, const Request&, RouteEffects&);
 
 // Chat records on disk and the live roster.

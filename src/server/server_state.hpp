@@ -12,6 +12,7 @@
 #include "server/debug_events.hpp"
 #include "server/http_request.hpp"
 #include "server/http_response.hpp"
+#include "server/mcp_sessions.hpp"
 #include "server/server.hpp"
 #include "term/sessions.hpp"
 
@@ -37,6 +38,7 @@ struct ServerState {
   // The MCP handler of "/mcp" and "/rpc", made on first use.
   std::once_flag mcp_once;
   std::unique_ptr<protocols::McpServer> mcp;
+  McpSessions mcp_sessions;
 };
 
 // Connections beyond this many at once are closed at accept: a flood of idle

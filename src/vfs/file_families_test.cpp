@@ -57,7 +57,7 @@ TEST_F(FileFamilies, CreateReadTombstoneRestoreAcrossProcesses) {
   std::string created = run("fsmk", "file", "src/a.txt <content><![CDATA[hello]]></content>");
   EXPECT_EQ(created,
             "OK: created file src/a.txt\n  [version control: automatic] src/a.txt saved as v1 — "
-            "history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 0'");
+            "history: 'Kestrune history src/a.txt'; undo: 'fs:rm src/a.txt' (history kept)");
   start();
   EXPECT_NE(
       report.str().find("[versioncontroldirs] " + project.string() + " -> enrolled (1 file(s))"),

@@ -111,11 +111,18 @@ TEST_F(HistoryFamiliesTest, LockStatusTextsAndToggleFlips) {
   EXPECT_EQ(run("alice", "fslock:lock a.txt"), "OK: locked a.txt");
   EXPECT_EQ(run("bob", "fslock:who a.txt"), "OK: a.txt  LOCKED by alice");
   EXPECT_EQ(run("alice", "fslock:lock a.txt"), "OK: unlocked a.txt");  // lock is a plain toggle
-  EXPECT_EQ(run("alice", "fslock:unlock a.txt"), "OK: locked a.txt");
+  // unlock only ever releases, and only the holder's lock.
+  EXPECT_EQ(run("alice", "fslock:unlock a.txt"), "OK: a.txt was not locked");
+  EXPECT_EQ(run("alice", "fslock:status a.txt"), "OK: a.txt  unlocked");
+  EXPECT_EQ(run("alice", "fslock:lock a.txt"), "OK: locked a.txt");
+  EXPECT_EQ(run("bob", "fslock:unlock a.txt"),
+            "ERROR: a.txt is locked by alice — only the holder unlocks it (the holder can hand it "
+            "on with fslock:transfer)");
+  EXPECT_EQ(run("alice", "fslock:release a.txt"), "OK: unlocked a.txt");
   EXPECT_EQ(run("alice", "fslock:status"), "ERROR: usage  fslock:status <path>");
   EXPECT_EQ(run("alice", "fslock:status nothere.txt"), "ERROR: no such node: nothere.txt");
   EXPECT_EQ(run("alice", "fslock:grab a.txt"),
-            "ERROR: unknown fslock op 'grab' (status|toggle|transfer)");
+            "ERROR: unknown fslock op 'grab' (status|toggle|unlock|transfer)");
 }
 
 TEST_F(HistoryFamiliesTest, RefusedSaveChangesNeitherFileNorLocks) {

@@ -77,6 +77,10 @@ std::string toggle(HistoryState& state, lang::Session& session, LockRequest& r) 
   return state.locks.toggle(*r.target.store, r.target.path, session.bot_id);
 }
 
+std::string unlock(HistoryState& state, lang::Session& session, LockRequest& r) {
+  return state.locks.unlock(*r.target.store, r.target.path, session.bot_id);
+}
+
 std::string transfer(HistoryState& state, lang::Session& session, LockRequest& r) {
   // The seat is the element <to> or <seat>, else the word after the path.
   auto to = r.args.element("to");
@@ -94,17 +98,20 @@ lang::Family make_lock_family(std::shared_ptr<HistoryState> state) {
   family.separator = ':';
   family.title = "Locks";
   family.unknown_verb = [](std::string_view verb) {
-    return "ERROR: unknown fslock op '" + std::string(verb) + "' (status|toggle|transfer)";
+    return "ERROR: unknown fslock op '" + std::string(verb) + "' (status|toggle|unlock|transfer)";
   };
   family.verbs = {
       verb(state, "status", {"state", "check", "who"},
            "who holds the lock on a file, how many seats wait, whether it needs a merge",
            "fslock:status <path>", "fslock:status src/main.cpp",
            "fslock:toggle <path> to take the lock", status),
-      verb(state, "toggle", {"lock", "unlock"},
-           "lock a file for your seat, or release your lock (lock and unlock both flip it)",
+      verb(state, "toggle", {"lock"}, "lock a file for your seat, or release your lock",
            "fslock:toggle <path>", "fslock:toggle src/main.cpp",
            "fslock:status <path> to see the state", toggle),
+      verb(state, "unlock", {"release"},
+           "release your lock on a file (a file nobody holds stays unlocked)",
+           "fslock:unlock <path>", "fslock:unlock src/main.cpp",
+           "fslock:status <path> to see the state", unlock),
       verb(state, "transfer", {}, "hand the lock you hold on a file to another seat",
            "fslock:transfer <path> <toSeat>", "fslock:transfer src/main.cpp reviewer", "",
            transfer),

@@ -245,10 +245,14 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
 }
 
 std::string save_notice(const std::string& path, std::uint32_t version) {
-  return "\n  [version control: automatic] " + kx::lang::printable(path) + " saved as v" +
-         std::to_string(version) + " — history: 'Kestrune history " + kx::lang::printable(path) +
-         "'; roll back: 'Kestrune revert " + kx::lang::printable(path) + " to " +
-         std::to_string(version > 0 ? version - 1 : 0) + "'";
+  const std::string shown = kx::lang::printable(path);
+  // A first version has nothing to roll back to: the undo is removing the file.
+  const std::string undo = version > 1
+                               ? "roll back: 'Kestrune revert " + shown + " to " +
+                                     std::to_string(version - 1) + "'"
+                               : "undo: 'fs:rm " + shown + "' (history kept)";
+  return "\n  [version control: automatic] " + shown + " saved as v" + std::to_string(version) +
+         " — history: 'Kestrune history " + shown + "'; " + undo;
 }
 
 }  // namespace kst

@@ -201,6 +201,22 @@ std::string SeatLocks::toggle(Store& store, const std::string& path, const std::
   std::lock_guard guard(store.mutex());
   const Store::ProcessLock across_processes(store);
   const kx::platform::FileLock journal_guard = lock_journal();
+  return toggle_held(store, path, seat);
+}
+
+std::string SeatLocks::unlock(Store& store, const std::string& path, const std::string& seat) {
+  std::lock_guard guard(store.mutex());
+  const Store::ProcessLock across_processes(store);
+  const kx::platform::FileLock journal_guard = lock_journal();
+  const LockStatus s = table(store).status(path);
+  if (!s.holder) return "OK: " + kx::lang::printable(path) + " was not locked";
+  if (*s.holder != seat)
+    return "ERROR: " + kx::lang::printable(path) + " is locked by " + *s.holder +
+           " — only the holder unlocks it (the holder can hand it on with fslock:transfer)";
+  return toggle_held(store, path, seat);
+}
+
+std::string SeatLocks::toggle_held(Store& store, const std::string& path, const std::string& seat) {
   const LockTable::Toggle t = table(store).toggle(path, seat);
   if (!t.message.empty()) return "ERROR: " + t.message;
   if (t.locked) {

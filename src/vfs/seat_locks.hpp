@@ -64,6 +64,8 @@ class SeatLocks {
   // fslock verbs and check-out / check-in; each returns the command result. `path`
   // is a store path of an existing file.
   std::string status(Store& store, const std::string& path);
+  // Releases `seat`'s lock; a file nobody holds is left as it is ("was not locked").
+  std::string unlock(Store& store, const std::string& path, const std::string& seat);
   std::string toggle(Store& store, const std::string& path, const std::string& seat);
   std::string transfer(Store& store, const std::string& path, const std::string& seat,
                        const std::string& to);
@@ -81,6 +83,9 @@ class SeatLocks {
   std::size_t reconcile_stranded(Store& store, std::ostream& warn);
 
  private:
+  // toggle() once its locks are held.
+  std::string toggle_held(Store& store, const std::string& path, const std::string& seat);
+
   // What a file looked like when last read, to tell whether it changed since.
   struct FileMark {
     std::uintmax_t size = 0;

@@ -83,7 +83,7 @@ expect "emit numbers are per process" "PENDING-EMITS 0" kx fsvctl:emitlist
 expect "unknown fsvctl verb" \
   "ERROR: unknown fsvctl function 'blame' (checkout|checkin|revert|diff|log|open|timeline|emit)" \
   kx fsvctl:blame a.txt
-expect "unknown fslock verb" "ERROR: unknown fslock op 'steal' (status|toggle|transfer)" \
+expect "unknown fslock verb" "ERROR: unknown fslock op 'steal' (status|toggle|unlock|transfer)" \
   kx fslock:steal a.txt
 
 # A lock follows its file through a move, in the journal too.

@@ -120,6 +120,31 @@ const exercise = async (client, label) => {
   assert.match(await ok(client, 'memory.retrieve', { context, topic: 'build' }), new RegExp(`says ${label}`));
   assert.match(await ok(client, 'memory_contexts'), new RegExp(context));
 
+  // Chat: the resident's hub; a session without a resident says why it has none.
+  const room = `room-${label}`;
+  const said = await call(client, 'chat_say', { channel: room, text: `hello from ${label}` });
+  if (label === 'local') {
+    assert.equal(said.isError, true);
+    assert.match(said.text, /^ERROR: chat lives in the resident/);
+    assert.match((await call(client, 'chat_read', { channel: room })).text, /^ERROR: chat lives in the resident/);
+  } else {
+    assert.equal(said.isError, false, said.text);
+    assert.match(said.text, /^OK: posted to channel 'room-\w+' as message \d+/);
+    const latest = JSON.parse(await ok(client, 'chat_read', { channel: room }));
+    assert.deepEqual(latest.messages.map((m) => [m.from, m.text]), [['agent', `hello from ${label}`]]);
+    // A read that waits is answered by a post arriving from another path.
+    const waiting = ok(client, 'chat.read', { channel: room, since: latest.since });
+    await sleep(400);
+    const posted = await fetch(url('/chat/say'), {
+      method: 'POST', headers: authHeaders(), body: new URLSearchParams({ channel: room, from: 'person', text: 'from the panel' }),
+    });
+    assert.equal(posted.status, 200);
+    const next = JSON.parse(await waiting);
+    assert.deepEqual(next.messages.map((m) => [m.from, m.text]), [['person', 'from the panel']]);
+    assert.ok(next.since > latest.since);
+    assert.equal((await call(client, 'chat_read', { channel: '../etc' })).isError, true);
+  }
+
   // Errors a tool answers as results, not as protocol errors.
   const unknown = await call(client, 'no_such_tool');
   assert.equal(unknown.isError, true);
@@ -217,6 +242,23 @@ test('HTTP: status codes and headers', async () => {
   const rpc = await fetch(url('/rpc'), { method: 'POST', headers: authHeaders(), body: '{"jsonrpc":"2.0","id":1,"method":"tools/list"}' });
   const tools = (await rpc.json()).result.tools;
   assert.ok(tools.length > 20);
+  // Sessions: initialize hands out an id; DELETE ends it (behind the token), after which
+  // the id is refused so the client initializes again.
+  const init = await post(JSON.stringify({
+    jsonrpc: '2.0', id: 1, method: 'initialize',
+    params: { protocolVersion: '2025-06-18', capabilities: {}, clientInfo: { name: 'raw', version: '1' } },
+  }));
+  const session = init.headers.get('mcp-session-id');
+  assert.match(session, /^[0-9a-f]{32}$/);
+  const ping = '{"jsonrpc":"2.0","id":2,"method":"ping"}';
+  assert.equal((await post(ping, { 'Mcp-Session-Id': session })).status, 200);
+  const end = (headers) => fetch(url('/mcp'), { method: 'DELETE', headers });
+  assert.equal((await end({ 'Mcp-Session-Id': session })).status, 401);
+  assert.equal((await end({ ...authHeaders(), 'Mcp-Session-Id': session })).status, 200);
+  assert.equal((await post(ping, { 'Mcp-Session-Id': session })).status, 404);
+  assert.equal((await end({ ...authHeaders(), 'Mcp-Session-Id': session })).status, 404);
+  assert.equal((await end(authHeaders())).status, 400);
+  assert.equal((await post(ping)).status, 200);
   const stream = await fetch(url('/mcp'), { headers: { Accept: 'text/event-stream', ...authHeaders() } });
   assert.equal(stream.status, 405);
   const plain = await fetch(url('/mcp'), { headers: authHeaders() });

@@ -145,4 +145,16 @@ check "a self-calling action stops at depth 8" \
   grep -qF 'ERROR: action nesting too deep (8) — refusing' "$WORK/forwarded.txt"
 check "turns that left the ring are in the session's turn log" \
   grep -qF '#4  grep -p line src' "$PROJ"/turnlog-cli-*-1.md
+
+# At a terminal the marks of results are coloured, the same on both paths;
+# --no-color and NO_COLOR leave them plain.
+at_tty() { (cd "$PROJ" && script -qec "$1" /dev/null </dev/null | tr -d '\r' | grep 'ERROR:'); }
+MISSING="$KX --port $P --conf $RESIDENT_HOME fs:cat src/nothing-here.txt"
+RED=$'\033[31mERROR:\033[0m no such file: src/nothing-here.txt'
+same "an error is red at a terminal, forwarded" "$RED" "$(at_tty "$MISSING")"
+same "an error is red at a terminal, locally" "$RED" "$(at_tty "KESTRUNE_LOCAL=1 $MISSING")"
+same "--no-color leaves it plain" "ERROR: no such file: src/nothing-here.txt" \
+  "$(at_tty "$MISSING --no-color")"
+same "NO_COLOR leaves it plain" "ERROR: no such file: src/nothing-here.txt" \
+  "$(at_tty "NO_COLOR=1 KESTRUNE_LOCAL=1 $MISSING")"
 finish

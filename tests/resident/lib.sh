@@ -60,17 +60,33 @@ answering() { [ -n "$(health "$1")" ]; }
 pid_gone() { ! kill -0 "$1" 2>/dev/null; }
 
 # Remembers a resident found on a port so that cleanup can end it by pid.
+# Also noted in a file: callers often run this inside $(...), a subshell, whose
+# additions to STARTED_PIDS the cleanup would never see.
 track_port() {
   local pid
   pid=$(pid_on_port "$1")
-  [ -n "$pid" ] && STARTED_PIDS+=("$pid")
+  if [ -n "$pid" ]; then
+    STARTED_PIDS+=("$pid")
+    echo "$pid" >>"$WORK/started.pids"
+  fi
   echo "$pid"
 }
 
+# Boots a resident for <home> on <port> and tracks it; its pid is left in RESIDENT
+# (empty when none came up).
+boot_resident() { # <port> <home>
+  "$KX" --port "$1" --conf "$2" boot >/dev/null 2>&1 &
+  wait_until 100 answering "$1"
+  track_port "$1" >/dev/null
+  RESIDENT=$(pid_on_port "$1")
+}
+
 cleanup() {
-  for pid in "${STARTED_PIDS[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+  local tracked=()
+  [ -f "$WORK/started.pids" ] && mapfile -t tracked <"$WORK/started.pids"
+  for pid in "${STARTED_PIDS[@]}" "${tracked[@]}"; do kill -TERM "$pid" 2>/dev/null; done
   sleep 0.2
-  for pid in "${STARTED_PIDS[@]}"; do kill -KILL "$pid" 2>/dev/null; done
+  for pid in "${STARTED_PIDS[@]}" "${tracked[@]}"; do kill -KILL "$pid" 2>/dev/null; done
   rm -rf "$WORK"
 }
 trap cleanup EXIT

@@ -29,7 +29,7 @@ KEY=$(echo "$SHOWN" | sed 's/[^-._0-9A-Za-z]/_/g')
 MIRROR=$HOME_DIR/.versioncontrol/$KEY
 
 expect "create" "OK: created file src/a.txt
-  [version control: automatic] src/a.txt saved as v1 — history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 0'" \
+  [version control: automatic] src/a.txt saved as v1 — history: 'Kestrune history src/a.txt'; undo: 'fs:rm src/a.txt' (history kept)" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello]]></content>"
 truth "re-enrolled at start" grep -qF "[versioncontroldirs] $SHOWN -> enrolled (0 file(s))" "$BASE/err"
 expect "second version" "OK: created file src/a.txt
@@ -54,7 +54,7 @@ expect "move" "OK: moved src/a.txt -> docs/b.txt (history followed)" -- fs:move 
 truth "archive followed the move" [ "$(cat "$MIRROR/docs/.b.txt.oldversions/b.txt.xx1")" == "hello" ]
 expect "version after move" "OK: 2" -- fsstat:version docs/b.txt
 expect "copy to new" "OK: copied docs/b.txt -> c.txt (v1, new versioned file)
-  [version control: automatic] c.txt saved as v1 — history: 'Kestrune history c.txt'; roll back: 'Kestrune revert c.txt to 0'" \
+  [version control: automatic] c.txt saved as v1 — history: 'Kestrune history c.txt'; undo: 'fs:rm c.txt' (history kept)" \
   -- fs:copy b.txt c.txt
 expect "stores" "1 store(s) under version control  (* = active; retarget with Kestrune EnrollVersionControl <root>)
 * $SHOWN  2 file(s)  [scope=all ext=default watch=on mode=vc]" -- fsstat:stores
