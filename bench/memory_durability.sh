@@ -18,9 +18,20 @@ kx() { "$KX" --conf "$work/home" --port "$port" "$@"; }
 now() { date +%s.%N; }
 rate() { awk -v n="$1" -v a="$2" -v b="$(now)" 'BEGIN { printf "%.0f/s (%d in %.2f s)", n / (b - a), n, b - a }'; }
 words=(alpha bravo charlie delta echo foxtrot golf hotel india juliet kilo lima mike november oscar papa)
-memo() { echo "memo $1 about ${words[$(($1 % 16))]} ${words[$(($1 / 16 % 16))]} and build $(($1 % 97)) of the release pipeline"; }
+# Command lines made by one awk process: a shell loop forking per memo would take
+# longer than the figures it feeds.
+lines() { # <count> <format with %s for the topic number and %s for the memo>
+  awk -v n="$1" -v fmt="$2" -v topics="${3:-0}" -v w="${words[*]}" 'BEGIN {
+    split(w, word, " ")
+    for (i = 1; i <= n; i++) {
+      memo = sprintf("memo %d about %s %s and build %d of the release pipeline",
+                     i, word[i % 16 + 1], word[int(i / 16) % 16 + 1], i % 97)
+      printf fmt "\n", (topics > 0 ? i % topics : i), memo
+    }
+  }'
+}
 
-for i in $(seq 1 "$ADDS"); do echo "memory.add cli, grp, t$i, , $(memo "$i")"; done >"$work/adds.txt"
+lines "$ADDS" "memory.add cli, grp, t%s, , %s" >"$work/adds.txt"
 sed 's/, grp,/, dur,/' "$work/adds.txt" >"$work/adds_dur.txt"
 echo "== memory.add, one add per command, $ADDS adds"
 kx memory.sync cli, dur, each >/dev/null
@@ -35,7 +46,7 @@ t=$(now); { echo "BEGIN;"; cat "$work/rows.sql"; echo "COMMIT;"; } | sqlite3 "$d
 echo "sqlite FTS5 one transaction for all:                         $(rate "$ADDS" "$t")"
 
 echo "== $MEMOS memos: cold start to the first keyword answer"
-for i in $(seq 1 "$MEMOS"); do echo "memory.addmemo cli, big, t$((i % (MEMOS / 2 + 1))), , , $(memo "$i")"; done >"$work/big.txt"
+lines "$MEMOS" "memory.addmemo cli, big, t%s, , , %s" $((MEMOS / 2 + 1)) >"$work/big.txt"
 kx <"$work/big.txt" >/dev/null
 size=$(stat -c %s "$work/home/.contexts/cli@big/data.mem")
 sync; echo 3 >/proc/sys/vm/drop_caches 2>/dev/null || true

@@ -128,6 +128,10 @@ std::unique_ptr<PseudoTerminal> start_pseudo_terminal(const std::string& command
   auto list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(list_storage.data());
   STARTUPINFOEXA startup{};
   startup.StartupInfo.cb = sizeof startup;
+  // Without this a program would inherit the resident's own standard handles (a log
+  // file, a pipe) instead of talking to the pseudo console.
+  // Null handles tell the system to connect them to the pseudo console.
+  startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
   PROCESS_INFORMATION process{};
   HANDLE job = ::CreateJobObjectA(nullptr, nullptr);
   if (job != nullptr) {

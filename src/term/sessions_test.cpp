@@ -12,10 +12,33 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// Wine's pseudo console starts the program but never connects its standard handles
+// to the console, so on Windows these run only where a real console host exists.
 #ifdef _WIN32
-#define SKIP_WITHOUT_POSIX_SHELL() GTEST_SKIP() << "needs /bin/sh"
+#define SKIP_UNDER_WINE() \
+  GTEST_SKIP() << "needs a real Windows console host (Wine's does not connect the program)"
 #else
-#define SKIP_WITHOUT_POSIX_SHELL() (void)0
+#define SKIP_UNDER_WINE() (void)0
+#endif
+
+// The same sessions on both systems, each with its own shell. A shell that ran a
+// line prints "sum-42", which its echo of the typed line never contains.
+#ifdef _WIN32
+constexpr const char* kShell = "cmd.exe";
+constexpr const char* kLongRunning = "cmd.exe /k";
+constexpr const char* kEndsAtOnce = "cmd.exe /c exit 0";
+constexpr const char* kMissingProgram = "C:\\no\\such\\program.exe";
+constexpr const char* kSumLine = "echo sum-%COMSPEC:~0,0%42\r";
+constexpr const char* kFromLine = "echo from-%COMSPEC:~0,0%42";
+constexpr const char* kManyLines = "for /L %i in (0,1,299) do @echo line-%i\r";
+#else
+constexpr const char* kShell = "/bin/sh";
+constexpr const char* kLongRunning = "sleep 30";
+constexpr const char* kEndsAtOnce = "true";
+constexpr const char* kMissingProgram = "/no/such/program";
+constexpr const char* kSumLine = "echo sum-$((40+2)); stty size\r";
+constexpr const char* kFromLine = "echo from-$((6*7))";
+constexpr const char* kManyLines = "i=0; while [ $i -lt 300 ]; do echo line-$i; i=$((i+1)); done\r";
 #endif
 
 // Polls until the session's buffer satisfies `done` (or 10 s pass).
@@ -36,30 +59,32 @@ auto contains(const std::string& text) {
 }
 
 TEST(SessionsTest, TypedLineRunsAndItsOutputIsReadBack) {
-  SKIP_WITHOUT_POSIX_SHELL();
+  SKIP_UNDER_WINE();
   SessionTable table;
-  auto id = table.open("/bin/sh", 0, 50);
+  auto id = table.open(kShell, 0, 50);
   ASSERT_TRUE(id);
-  ASSERT_TRUE(table.send(*id, "echo sum-$((40+2)); stty size\r"));
-  // The arithmetic proves the shell ran the line rather than echoing it; 0 cols
-  // took the default.
-  auto read = wait_for(table, *id, contains("50 120"));
+  ASSERT_TRUE(table.send(*id, kSumLine));
+  auto read = wait_for(table, *id, contains("sum-42"));
   EXPECT_NE(read.data.find("sum-42"), std::string::npos) << read.data;
+#ifndef _WIN32
+  // 0 cols took the default.
+  read = wait_for(table, *id, contains("50 120"));
   EXPECT_NE(read.data.find("50 120"), std::string::npos) << read.data;
+#endif
   EXPECT_TRUE(read.alive);
   EXPECT_EQ(read.len, read.data.size());
   EXPECT_TRUE(table.read(*id, read.len).data.empty());
 }
 
 TEST(SessionsTest, CommandThatEndsAtOnceIsNotASessionAndIdsAreNotReused) {
-  SKIP_WITHOUT_POSIX_SHELL();
+  SKIP_UNDER_WINE();
   SessionTable table;
-  EXPECT_FALSE(table.open("true", 0, 0));
-  EXPECT_FALSE(table.open("/no/such/program", 0, 0));
-  auto first = table.open("sleep 30", 0, 0);
+  EXPECT_FALSE(table.open(kEndsAtOnce, 0, 0));
+  EXPECT_FALSE(table.open(kMissingProgram, 0, 0));
+  auto first = table.open(kLongRunning, 0, 0);
   ASSERT_TRUE(first);
   table.close(*first);
-  auto second = table.open("sleep 30", 0, 0);
+  auto second = table.open(kLongRunning, 0, 0);
   ASSERT_TRUE(second);
   EXPECT_EQ(*first, "t1");
   EXPECT_EQ(*second, "t2");
@@ -67,9 +92,9 @@ TEST(SessionsTest, CommandThatEndsAtOnceIsNotASessionAndIdsAreNotReused) {
 }
 
 TEST(SessionsTest, EndedSessionStaysReadableWithItsExitLineUntilClosed) {
-  SKIP_WITHOUT_POSIX_SHELL();
+  SKIP_UNDER_WINE();
   SessionTable table;
-  auto id = table.open("/bin/sh", 0, 0);
+  auto id = table.open(kShell, 0, 0);
   ASSERT_TRUE(id);
   ASSERT_TRUE(table.send(*id, "exit 3\r"));
   auto read = wait_for(table, *id, [](const ReadResult& r) { return !r.alive; });
@@ -115,15 +140,15 @@ struct Collector {
 };
 
 TEST(SessionsTest, WatchersGetBacklogThenLiveOutputWithoutGapsAndTheEnd) {
-  SKIP_WITHOUT_POSIX_SHELL();
+  SKIP_UNDER_WINE();
   SessionTable table;
-  auto id = table.open("/bin/sh", 0, 0);
+  auto id = table.open(kShell, 0, 0);
   ASSERT_TRUE(id);
   ASSERT_TRUE(table.send(*id, "echo before\r"));
   wait_for(table, *id, contains("before\r\n"));
   Collector early, late;
   ASSERT_TRUE(table.attach(*id, 0, early.watcher()));
-  ASSERT_TRUE(table.send(*id, "i=0; while [ $i -lt 300 ]; do echo line-$i; i=$((i+1)); done\r"));
+  ASSERT_TRUE(table.send(*id, kManyLines));
   std::uint64_t resume = table.read(*id, 0).len;  // nothing trimmed yet: same offset
   ASSERT_TRUE(table.attach(*id, resume, late.watcher()));
   ASSERT_TRUE(table.send(*id, "exit 0\r"));
@@ -144,10 +169,10 @@ TEST(SessionsTest, WatchersGetBacklogThenLiveOutputWithoutGapsAndTheEnd) {
 }
 
 TEST(SessionsTest, OnlyTheSharedBotMayTypeIntoASession) {
-  SKIP_WITHOUT_POSIX_SHELL();
+  SKIP_UNDER_WINE();
   SessionTable table;
   EXPECT_EQ(table.bot_send("t9", "ada", "ls"), "no such terminal");
-  auto id = table.open("/bin/sh", 0, 0);
+  auto id = table.open(kShell, 0, 0);
   ASSERT_TRUE(id);
   EXPECT_EQ(table.bot_send(*id, "ada", "ls"), "terminal is not shared with this bot");
   std::string screen;
@@ -162,7 +187,7 @@ TEST(SessionsTest, OnlyTheSharedBotMayTypeIntoASession) {
       [&](const std::string& now) { screen = now; }));
   EXPECT_EQ(table.bot_send(*id, "bob", "ls"), "terminal is not shared with this bot");
   EXPECT_EQ(table.bot_send(*id, "ada", ""), "empty terminal input");
-  EXPECT_EQ(table.bot_send(*id, "ada", "echo from-$((6*7))"), std::nullopt);
+  EXPECT_EQ(table.bot_send(*id, "ada", kFromLine), std::nullopt);
   wait_for(table, *id, contains("from-42"));
   {
     std::lock_guard guard(lock);

@@ -3,6 +3,7 @@
 # (under `script`) is accepted, the same whether the command runs in the resident
 # or locally (KESTRUNE_LOCAL=1).
 . "$(dirname "$0")/lib.sh"
+export NO_COLOR=1  # under `script` the answers would be coloured
 
 PROJECT="$WORK/project"
 mkdir -p "$PROJECT"

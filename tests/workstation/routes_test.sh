@@ -124,7 +124,7 @@ same "/dialog/bind with no ctx unbinds" "0" \
   "$(post /dialog/bind -d channel=general >/dev/null; get /dialog/bindings >/dev/null; field '.bindings | length')"
 
 # --- the manual that ships beside kx ----------------------------------------------------
-same "/manual/list has the user pages" "agents commands getting-started memory search terminals trust versions" \
+same "/manual/list has the user pages" "agent-setup agents commands getting-started memory search terminals trust versions" \
   "$(get /manual/list >/dev/null; field '[.pages[].name] | join(" ")')"
 check "/manual/page serves one as markdown" grep -q '^200 # The trust model' <<<"$(get '/manual/page?name=trust')"
 
