@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   kx::platform::set_home_override(argv[1]);
-  auto workspace = kx::launcher::make_workspace();
+  auto workspace = kx::launcher::make_workspace(false);  // one run, no live watches
   workspace->session->cwd = argv[2];
   int runs = std::max(1, std::atoi(argv[3]));
   for (int q = 4; q < argc; ++q) {

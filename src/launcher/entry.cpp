@@ -95,8 +95,8 @@ int run_entry(int argc, char** argv) {
   if (!options.home_override.empty()) platform::set_home_override(options.home_override);
   if (options.no_color) platform::set_color_disabled(true);
   // Results at a console are coloured; piped or redirected output stays plain.
-  static PaintingBuffer painter(std::cout.rdbuf());
-  if (platform::stdout_wants_color()) std::cout.rdbuf(&painter);
+  // Never destroyed: std::cout is flushed through it after static objects are gone.
+  if (platform::stdout_wants_color()) std::cout.rdbuf(new PaintingBuffer(std::cout.rdbuf()));
   set_agent_port(options.port);
   // The single-word set-up verbs come after the options, so `--conf` reaches them too.
   if (options.words.size() == 1) {

@@ -50,42 +50,11 @@ GrepSettings parse_grep_settings(std::string_view text) {
   return settings;
 }
 
-void TrackedTrees::load_locked() {
-  if (loaded_) return;
-  loaded_ = true;
-  std::ifstream in(file_);
-  std::string line;
-  while (std::getline(in, line)) {
-    std::string_view tree = lang::trim(line);
-    if (!tree.empty() && tree[0] != '#' && tree[0] != '[') trees_.insert(std::string(tree));
-  }
-}
-
-bool TrackedTrees::contains(const std::string& tree) {
-  std::lock_guard lock(mutex_);
-  load_locked();
-  return trees_.count(tree) > 0;
-}
-
-bool TrackedTrees::remember(const std::string& tree, std::string& error) {
-  std::lock_guard lock(mutex_);
-  load_locked();
-  if (!trees_.insert(tree).second) return false;
-  std::string text = "[grep.tracked]\n";
-  for (const auto& t : trees_) text += t + "\n";
-  std::error_code ec;
-  fs::create_directories(file_.parent_path(), ec);
-  // A failure is reported in `error`; the tree is remembered in RAM either way.
-  (void)platform::replace_file_durable(file_, text, error);
-  return true;
-}
-
-GrepEngine::GrepEngine(std::shared_ptr<kst::StoreSet> stores, fs::path config_file,
-                       fs::path tracked_file)
+GrepEngine::GrepEngine(std::shared_ptr<kst::StoreSet> stores, fs::path config_file)
     : stores_(std::move(stores)),
       config_file_(std::move(config_file)),
       cache_(GrepSettings().cache_limit_bytes),
-      tracked_(std::move(tracked_file)) {}
+      tracked_(stores_->tracked_trees_file()) {}
 
 namespace {
 

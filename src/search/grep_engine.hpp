@@ -5,14 +5,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
 #include <string_view>
 
 #include "lang/session.hpp"
 #include "search/grep_cache.hpp"
 #include "vfs/store_set.hpp"
+#include "vfs/tracked_trees.hpp"
 
 namespace kx::search {
 
@@ -31,29 +30,11 @@ struct GrepSettings {
 // written as keys or inside a [grep] section.
 GrepSettings parse_grep_settings(std::string_view config_text);
 
-// The trees TrackEditHistory remembers, one absolute path per line in
-// <home>/config/grep_tracked.cfg (rewritten atomically when a tree joins).
-class TrackedTrees {
- public:
-  explicit TrackedTrees(std::filesystem::path file) : file_(std::move(file)) {}
-  // Adds `tree`; true when it was not remembered before. `error` is set when the
-  // set could not be saved (the tree is remembered for this process anyway).
-  bool remember(const std::string& tree, std::string& error);
-  bool contains(const std::string& tree);
-
- private:
-  void load_locked();
-  std::filesystem::path file_;
-  std::mutex mutex_;
-  bool loaded_ = false;
-  std::set<std::string> trees_;
-};
-
 class GrepEngine {
  public:
   // `config_file` is read at every call so that settings apply without a restart.
-  GrepEngine(std::shared_ptr<kst::StoreSet> stores, std::filesystem::path config_file,
-             std::filesystem::path tracked_file);
+  // The tracked-tree list is the store set's (the raw file commands read it too).
+  GrepEngine(std::shared_ptr<kst::StoreSet> stores, std::filesystem::path config_file);
 
   std::string run(lang::Session& session, std::string_view args);
 
@@ -63,7 +44,7 @@ class GrepEngine {
   std::shared_ptr<kst::StoreSet> stores_;
   std::filesystem::path config_file_;
   GrepCache cache_;
-  TrackedTrees tracked_;
+  kst::TrackedTrees tracked_;
 };
 
 }  // namespace kx::search

@@ -6,8 +6,7 @@
 namespace kx::search {
 
 void register_grep(lang::Registry& registry, std::shared_ptr<kst::StoreSet> stores) {
-  auto engine = std::make_shared<GrepEngine>(stores, platform::main_config_file(),
-                                             platform::config_dir() / "grep_tracked.cfg");
+  auto engine = std::make_shared<GrepEngine>(stores, platform::main_config_file());
   registry.add_word_command(lang::WordCommand{
       "grep", "search file texts with a regular expression, in RAM for enrolled trees",
       "grep [flags] <pattern> [dir|file|glob ...]", "grep -n \"TODO|FIXME\" src",

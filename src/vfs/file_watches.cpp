@@ -14,6 +14,7 @@
 #include "vfs/enroll.hpp"
 #include "vfs/outside_change.hpp"
 #include "vfs/seat_locks.hpp"
+#include "vfs/single_file_history.hpp"
 #include "vfs/store_key.hpp"
 #include "vfs/tombstone.hpp"
 #include "vfs/tree_watcher.hpp"
@@ -102,94 +103,11 @@ void FileWatch::wait_steps(int steps) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }
 
-bool FileWatch::record(const std::string& op, std::uint32_t prev, std::uint32_t next) {
-  EditRecord r;
-  r.ts = now_seconds();
-  r.path = file_.filename().string();
-  r.op = op;
-  r.seat = kOutsideSeat;
-  r.new_version = next;
-  r.prev_version = prev;
-  r.store = file_.parent_path().string();
-  std::string reason;
-  const fs::path log = mirror_.parent_path() / ".oldversions" / "edits.jsonl";
-  std::error_code ec;
-  fs::create_directories(log.parent_path(), ec);
-  if (append_edit(log, r, reason)) return true;
-  report_ << "warning: watch could not log the change of '" << file_.string() << "': " << reason
-          << "\n";
-  return false;
-}
-
 bool FileWatch::check() {
   std::lock_guard guard(check_mutex_);
   if (!owner_) return false;
-  const std::string name = file_.filename().string();
-  const fs::path archive = archive_dir_of(mirror_);
-  const fs::path marker = tombstone_marker(mirror_);
-  std::error_code ec;
-  const bool mirrored = fs::exists(mirror_, ec);
-  const bool gone = fs::exists(marker, ec);
-  auto archived = list_archived(archive, name);
-  const std::uint32_t last_archived = archived.empty() ? 0 : archived.back().number;
-  const std::uint32_t current = mirrored ? last_archived + 1 : last_archived;
-
-  const auto status = fs::symlink_status(file_, ec);
-  if (!fs::is_regular_file(status)) {
-    seen_.reset();
-    // Something other than a file in its place is left alone; a deletion is recorded
-    // once, keeping the last bytes as the mirror copy.
-    if (status.type() != fs::file_type::not_found || !mirrored || gone) return false;
-    if (!write_replacing(marker, "tombstoned v" + std::to_string(current) + " by " + kOutsideSeat +
-                                     " at " + std::to_string(now_seconds()) + "\n")) {
-      report_ << "warning: watch could not archive final bytes of '" << file_.string()
-              << "' — not advancing baseline, will retry\n";
-      return false;
-    }
-    record("delete", current, current);
-    return true;
-  }
-
-  std::error_code size_ec, time_ec;
-  const auto size = fs::file_size(file_, size_ec);
-  const auto time = fs::last_write_time(file_, time_ec);
-  std::string text;
-  if (!kx::platform::read_whole_file(file_, text, size_ec ? 0 : size)) return false;
-  if (!size_ec && !time_ec) seen_.emplace(size, time);
-  if (mirrored && !gone) {
-    std::string baseline;
-    if (kx::platform::read_whole_file(mirror_, baseline, text.size()) && baseline == text)
-      return false;
-  }
-  // The new mirror copy is written first; the old one then goes to the archive and the
-  // new one takes its place, so no step loses the version it replaces.
-  std::string reason;
-  fs::create_directories(mirror_.parent_path(), ec);
-  auto staged = kx::platform::StagedFile::stage(mirror_, text, reason);
-  if (!staged) {
-    report_ << "watch mirror refresh failed for '" << file_.string() << "'\n";
-    return false;
-  }
-  std::uint32_t next = current + 1;
-  if (mirrored) {
-    std::uint32_t number = 0;
-    fs::create_directories(archive, ec);
-    const fs::path into = first_free_archive_name(archive, name, number);
-    fs::rename(mirror_, into, ec);
-    if (ec) {
-      report_ << "warning: watch archive failed for '" << file_.string()
-              << "' — keeping baseline, will retry\n";
-      return false;
-    }
-    next = list_archived(archive, name).back().number + 1;
-  }
-  if (!staged->commit(reason)) {
-    report_ << "watch mirror refresh failed for '" << file_.string() << "'\n";
-    return false;
-  }
-  if (gone) fs::remove(marker, ec);
-  record(gone ? "restore" : current == 0 ? "create" : "modify", current, next);
-  return true;
+  return record_file_state(file_, mirror_, kOutsideSeat, "watch", report_, &seen_) ==
+         HistoryStep::kRecorded;
 }
 
 void FileWatch::run() {
@@ -248,12 +166,12 @@ FileWatches::~FileWatches() {
 }
 
 fs::path FileWatches::mirror_of(const fs::path& file) const {
-  return stores_->mirror_dir() / store_key(file.parent_path().string()) / file.filename();
+  return single_file_mirror(*stores_, file);
 }
 
 std::unique_ptr<FileWatch> FileWatches::make_watch(const fs::path& file) const {
-  auto lock = stores_->home() / ".watchlocks" / ("file_" + store_key(file.string()) + ".lock");
-  return std::make_unique<FileWatch>(file, mirror_of(file), lock, report_);
+  return std::make_unique<FileWatch>(file, mirror_of(file), single_file_lock(*stores_, file),
+                                     report_);
 }
 
 bool FileWatches::write_config() const {

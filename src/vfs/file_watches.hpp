@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "platform/instance_lock.hpp"
+#include "vfs/single_file_history.hpp"
 #include "vfs/store_set.hpp"
 
 namespace kst {
@@ -54,7 +55,6 @@ class FileWatch {
   bool try_own();
   void run();
   void wait_steps(int steps);
-  bool record(const std::string& op, std::uint32_t prev, std::uint32_t next);
 
   std::filesystem::path file_;
   std::filesystem::path mirror_;
@@ -67,7 +67,7 @@ class FileWatch {
   std::thread thread_;
   // Size and time of the file when last looked at: the once-a-second look reads it
   // only when they moved. Guarded by check_mutex_.
-  std::optional<std::pair<std::uintmax_t, std::filesystem::file_time_type>> seen_;
+  std::optional<FileStamp> seen_;
 };
 
 class FileWatches {

@@ -3,18 +3,24 @@
 // root and may not leave it; without a store they are relative to the working
 // directory. In a versioned store a raw operation that would remove, move or overwrite
 // a versioned file (or write one the policy admits) is refused: the fs: verbs do the
-// same with the history kept.
+// same with the history kept. Outside every store, a file below a tree that grep
+// remembered gets its prior bytes archived in its single-file history first.
 #include <initializer_list>
 #include <optional>
+#include <sstream>
 #include <system_error>
 #include <vector>
 
 #include "lang/text.hpp"
+#include "platform/instance_lock.hpp"
 #include "vfs/archive.hpp"
 #include "vfs/args.hpp"
 #include "vfs/commands.hpp"
+#include "vfs/outside_change.hpp"
 #include "vfs/path_resolve.hpp"
 #include "vfs/save_path.hpp"
+#include "vfs/single_file_history.hpp"
+#include "vfs/tracked_trees.hpp"
 
 namespace kst {
 
@@ -168,6 +174,121 @@ void forget(Store* store, const std::string& path) {
     store->detach_file(path);
 }
 
+// The regular files (not links) a raw operation on `path` touches: the file itself,
+// or every file below a directory.
+std::vector<fs::path> files_at(const fs::path& path) {
+  std::vector<fs::path> out;
+  std::error_code ec;
+  const auto kind = fs::symlink_status(path, ec);
+  if (fs::is_regular_file(kind)) out.push_back(path);
+  if (!fs::is_directory(kind)) return out;
+  fs::recursive_directory_iterator it(path, fs::directory_options::skip_permission_denied, ec);
+  for (fs::recursive_directory_iterator end; !ec && it != end; it.increment(ec)) {
+    std::error_code type;
+    if (!it->is_symlink(type) && it->is_regular_file(type)) out.push_back(it->path());
+  }
+  return out;
+}
+
+// The existing files a copy or move of `from` onto `to` overwrites.
+std::vector<fs::path> overwritten_at(const fs::path& from, const fs::path& to) {
+  std::error_code ec;
+  if (!fs::is_directory(fs::symlink_status(from, ec)))
+    return files_at(fs::is_directory(to, ec) ? to / from.filename() : to);
+  std::vector<fs::path> out;
+  for (const fs::path& file : files_at(from)) {
+    const fs::path into = to / file.lexically_relative(from);
+    if (fs::is_regular_file(fs::symlink_status(into, ec))) out.push_back(into);
+  }
+  return out;
+}
+
+// Keeps the prior bytes of the files a raw operation is about to change when they lie
+// below a tree grep remembered and outside every store. Each file's history lock is
+// held from before the operation until its outcome is recorded.
+class PriorBytes {
+ public:
+  PriorBytes(CommandContext& ctx, std::string_view verb)
+      : ctx_(ctx), verb_(verb), trees_(ctx.stores.tracked_trees_file()) {}
+
+  // Archives the current bytes of each of `files` that is tracked; an ERROR text when
+  // one could not be kept (the operation must then not run).
+  std::optional<std::string> keep(const std::vector<fs::path>& files) {
+    if (files.empty() || TrackedTrees::read(trees_).empty()) return std::nullopt;
+    std::error_code ec;
+    const fs::path home = fs::weakly_canonical(ctx_.stores.home(), ec);
+    for (const fs::path& named : files) {
+      fs::path file =
+          fs::weakly_canonical(fs::absolute(named, ec).parent_path(), ec) / named.filename();
+      if (ec || under(file, home) || ctx_.stores.containing(file) != nullptr ||
+          !TrackedTrees::covering(trees_, file))
+        continue;
+      bool seen = false;
+      for (const Held& h : held_) seen = seen || h.file == file;
+      if (seen) continue;
+      const fs::path lock_file = single_file_lock(ctx_.stores, file);
+      fs::create_directories(lock_file.parent_path(), ec);
+      auto lock = kx::platform::try_lock_file(lock_file);
+      if (!lock) {
+        // A live watch of this file owns its history and records the change itself.
+        ++watched_;
+        continue;
+      }
+      Held held{file, single_file_mirror(ctx_.stores, file), std::move(*lock)};
+      std::ostringstream problems;
+      if (record_file_state(held.file, held.mirror, kOutsideSeat, "fsraw", problems) ==
+          HistoryStep::kFailed) {
+        std::string why = problems.str();
+        while (!why.empty() && why.back() == '\n') why.pop_back();
+        if (why.starts_with("warning: ")) why.erase(0, 9);
+        if (why.empty()) why = "cannot read it";
+        return "ERROR: fsraw:" + verb_ + " refused: could not archive the prior bytes of '" +
+               kx::lang::printable(file.string()) + "' (" + why + "); nothing was changed";
+      }
+      held_.push_back(std::move(held));
+    }
+    return std::nullopt;
+  }
+
+  // Records what the operation made of each kept file and says so after `result`.
+  std::string settle(std::string result) {
+    std::ostringstream problems;
+    const int kept = static_cast<int>(held_.size());
+    for (const Held& h : held_)
+      (void)record_file_state(h.file, h.mirror, ctx_.seat, "fsraw", problems);
+    held_.clear();
+    if (result.starts_with("ERROR")) return result;
+    if (kept > 0 || watched_ > 0 || !problems.str().empty()) result += "\n";
+    if (kept > 0)
+      result += "-- TrackEditHistory: prior bytes of " + std::to_string(kept) +
+                " file(s) archived under .Kestrune\\.versioncontrol";
+    if (watched_ > 0)
+      result += std::string(kept > 0 ? "; " : "-- TrackEditHistory: ") + std::to_string(watched_) +
+                " file(s) left to their live watch";
+    std::string tail = problems.str();
+    while (!tail.empty() && tail.back() == '\n') tail.pop_back();
+    if (!tail.empty()) result += (kept > 0 || watched_ > 0 ? "\n" : "") + tail;
+    return result;
+  }
+
+ private:
+  struct Held {
+    fs::path file;
+    fs::path mirror;
+    kx::platform::InstanceLock lock;
+  };
+  static bool under(const fs::path& path, const fs::path& dir) {
+    auto rel = path.lexically_relative(dir);
+    return !rel.empty() && *rel.begin() != "..";
+  }
+
+  CommandContext& ctx_;
+  std::string verb_;
+  fs::path trees_;
+  std::vector<Held> held_;
+  int watched_ = 0;
+};
+
 }  // namespace
 
 std::string fsraw_copy(CommandContext& ctx, std::string_view args) {
@@ -194,15 +315,18 @@ std::string fsraw_copy(CommandContext& ctx, std::string_view args) {
   if (store != nullptr)
     if (auto why = destination_reason(*store, written_paths(from, to)))
       return refused("copy", *why);
+  PriorBytes prior(ctx, "copy");
+  if (auto refusal = prior.keep(overwritten_at(from.disk, to.disk))) return *refusal;
   std::error_code ec;
   // Links are copied as links: the check above keeps them pointing inside the store.
   fs::copy(from.disk, to.disk,
            fs::copy_options::recursive | fs::copy_options::overwrite_existing |
                fs::copy_options::copy_symlinks,
            ec);
-  if (ec) return "ERROR: raw copy failed";
+  if (ec) return prior.settle("ERROR: raw copy failed");
   forget(store, to.store_path);
-  return "OK: raw copy " + kx::lang::printable(a[0]) + " -> " + kx::lang::printable(a[1]);
+  return prior.settle("OK: raw copy " + kx::lang::printable(a[0]) + " -> " +
+                      kx::lang::printable(a[1]));
 }
 
 std::string fsraw_move(CommandContext& ctx, std::string_view args) {
@@ -226,12 +350,17 @@ std::string fsraw_move(CommandContext& ctx, std::string_view args) {
     if (auto why = destination_reason(*store, written_paths(from, to)))
       return refused("move", *why);
   }
+  PriorBytes prior(ctx, "move");
+  auto touched = files_at(from.disk);
+  for (fs::path& file : overwritten_at(from.disk, to.disk)) touched.push_back(std::move(file));
+  if (auto refusal = prior.keep(touched)) return *refusal;
   std::error_code ec;
   fs::rename(from.disk, to.disk, ec);
-  if (ec) return "ERROR: raw move failed";
+  if (ec) return prior.settle("ERROR: raw move failed");
   forget(store, from.store_path);
   forget(store, to.store_path);
-  return "OK: raw move " + kx::lang::printable(a[0]) + " -> " + kx::lang::printable(a[1]);
+  return prior.settle("OK: raw move " + kx::lang::printable(a[0]) + " -> " +
+                      kx::lang::printable(a[1]));
 }
 
 std::string fsraw_remove(CommandContext& ctx, std::string_view args) {
@@ -252,10 +381,12 @@ std::string fsraw_remove(CommandContext& ctx, std::string_view args) {
     if (auto why = source_reason(*store, target)) return refused("remove", *why);
   std::error_code ec;
   if (!fs::exists(fs::symlink_status(target.disk, ec))) return "ERROR: raw remove failed";
+  PriorBytes prior(ctx, "remove");
+  if (auto refusal = prior.keep(files_at(target.disk))) return *refusal;
   fs::remove_all(target.disk, ec);
-  if (ec) return "ERROR: raw remove failed";
+  if (ec) return prior.settle("ERROR: raw remove failed");
   forget(store, target.store_path);
-  return "OK: raw remove " + kx::lang::printable(a[0]);
+  return prior.settle("OK: raw remove " + kx::lang::printable(a[0]));
 }
 
 }  // namespace kst

@@ -19,6 +19,10 @@ fs::path StoreSet::watched_files_file() const {
   return home_ / "config" / "watchedfiles.cfg";
 }
 
+fs::path StoreSet::tracked_trees_file() const {
+  return home_ / "config" / "grep_tracked.cfg";
+}
+
 Store* StoreSet::active() const {
   std::lock_guard guard(mutex_);
   return active_;

@@ -23,6 +23,7 @@ class StoreSet {
   std::filesystem::path mirror_dir() const { return home_ / ".versioncontrol"; }
   std::filesystem::path config_file() const;         // config/versioncontroldirs.cfg
   std::filesystem::path watched_files_file() const;  // config/watchedfiles.cfg
+  std::filesystem::path tracked_trees_file() const;  // config/grep_tracked.cfg
 
   // The active store, or nullptr when nothing is enrolled.
   Store* active() const;
