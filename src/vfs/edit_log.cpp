@@ -11,6 +11,8 @@
 // skip such a line.
 #include "vfs/edit_log.hpp"
 
+#include <chrono>
+
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -112,6 +114,16 @@ std::string edit_record_json(const EditRecord& r) {
 bool append_edit(const std::filesystem::path& log_file, const EditRecord& record,
                  std::string& reason) {
   return kx::platform::append_file_durable(log_file, edit_record_json(record) + "\n", reason);
+}
+
+bool append_edit_now(const std::filesystem::path& log_file, EditRecord record,
+                     std::string& reason) {
+  record.ts = std::chrono::duration_cast<std::chrono::seconds>(
+                  std::chrono::system_clock::now().time_since_epoch())
+                  .count();
+  std::error_code ec;
+  std::filesystem::create_directories(log_file.parent_path(), ec);
+  return append_edit(log_file, record, reason);
 }
 
 std::vector<EditRecord> read_edits_after(const std::filesystem::path& log_file,

@@ -26,6 +26,10 @@ std::string edit_record_json(const EditRecord& record);
 bool append_edit(const std::filesystem::path& log_file, const EditRecord& record,
                  std::string& reason);
 
+// Stamps `record` with the current time and appends it, creating the log's folder
+// first (the first change of a store or a watched file makes it).
+bool append_edit_now(const std::filesystem::path& log_file, EditRecord record, std::string& reason);
+
 // The complete records past byte `offset`, oldest first; `offset` moves past the last
 // complete line, so a line still being written is read on the next call.
 std::vector<EditRecord> read_edits_after(const std::filesystem::path& log_file,

@@ -131,20 +131,15 @@ std::optional<std::string> check_write(const Store& store, const std::string& pa
 void record_edit(Store& store, const std::string& path, const std::string& op,
                  const std::string& seat, std::uint32_t new_version, std::uint32_t prev_version,
                  std::ostream& warn) {
-  EditRecord record;
-  record.ts = std::chrono::duration_cast<std::chrono::seconds>(
-                  std::chrono::system_clock::now().time_since_epoch())
-                  .count();
-  record.path = path;
-  record.op = op;
-  record.seat = seat;
-  record.new_version = new_version;
-  record.prev_version = prev_version;
-  record.store = store.disk_root().string();
-  std::error_code ec;
-  fs::create_directories(store.machinery_dir(), ec);
   std::string reason;
-  if (!append_edit(store.edit_log_file(), record, reason))
+  if (!append_edit_now(store.edit_log_file(),
+                       {.path = path,
+                        .op = op,
+                        .seat = seat,
+                        .new_version = new_version,
+                        .prev_version = prev_version,
+                        .store = store.disk_root().string()},
+                       reason))
     warn << "warning: edit log not written for '" << path << "': " << reason << "\n";
 }
 
@@ -247,10 +242,9 @@ SaveResult save_file(Store& store, const std::string& path, std::string text,
 std::string save_notice(const std::string& path, std::uint32_t version) {
   const std::string shown = kx::lang::printable(path);
   // A first version has nothing to roll back to: the undo is removing the file.
-  const std::string undo = version > 1
-                               ? "roll back: 'Kestrune revert " + shown + " to " +
-                                     std::to_string(version - 1) + "'"
-                               : "undo: 'fs:rm " + shown + "' (history kept)";
+  const std::string undo = version > 1 ? "roll back: 'Kestrune revert " + shown + " to " +
+                                             std::to_string(version - 1) + "'"
+                                       : "undo: 'fs:rm " + shown + "' (history kept)";
   return "\n  [version control: automatic] " + shown + " saved as v" + std::to_string(version) +
          " — history: 'Kestrune history " + shown + "'; " + undo;
 }

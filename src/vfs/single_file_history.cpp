@@ -27,19 +27,15 @@ namespace {
 void log_change(const fs::path& file, const fs::path& mirror, const std::string& seat,
                 const std::string& who, std::ostream& report, const std::string& op,
                 std::uint32_t prev, std::uint32_t next) {
-  EditRecord r;
-  r.ts = now_seconds();
-  r.path = file.filename().string();
-  r.op = op;
-  r.seat = seat;
-  r.new_version = next;
-  r.prev_version = prev;
-  r.store = file.parent_path().string();
   std::string reason;
-  const fs::path log = mirror.parent_path() / ".oldversions" / "edits.jsonl";
-  std::error_code ec;
-  fs::create_directories(log.parent_path(), ec);
-  if (!append_edit(log, r, reason))
+  if (!append_edit_now(mirror.parent_path() / ".oldversions" / "edits.jsonl",
+                       {.path = file.filename().string(),
+                        .op = op,
+                        .seat = seat,
+                        .new_version = next,
+                        .prev_version = prev,
+                        .store = file.parent_path().string()},
+                       reason))
     report << "warning: " << who << " could not log the change of '" << file.string()
            << "': " << reason << "\n";
 }
