@@ -52,7 +52,8 @@ piped_input() {
 # a "]]>" round trip, self-recursion) and a ring small enough to spill into the log.
 piped_turns() {
   printf 'fsmk:file src/t.txt <content><![CDATA[a ]] > b\n | ; c]]></content>\n'
-  printf 'fs:cat src/t.txt\nfs:cat src/nothing-here.txt\ngrep -p line src\n'
+  # The pattern holds a blank, which the random base64 of big.txt never does.
+  printf 'fs:cat src/t.txt\nfs:cat src/nothing-here.txt\ngrep -p "line [ot]" src\n'
   printf 'Kestrune: echo "[$[0]]" | cat\nfssys:turns\n'
   printf 'fssys:promote mk 1..2\nfssys:promote mk 1\nfssys:promote bad/name 1\n'
   printf 'fssys:promote show 5\naction(mk)\naction(show, turn(4).$[1])\n'
@@ -144,7 +145,7 @@ check "a failing line ends the action and is named" \
 check "a self-calling action stops at depth 8" \
   grep -qF 'ERROR: action nesting too deep (8) — refusing' "$WORK/forwarded.txt"
 check "turns that left the ring are in the session's turn log" \
-  grep -qF '#4  grep -p line src' "$PROJ"/turnlog-cli-*-1.md
+  grep -qF '#4  grep -p "line [ot]" src' "$PROJ"/turnlog-cli-*-1.md
 
 # At a terminal the marks of results are coloured, the same on both paths;
 # --no-color and NO_COLOR leave them plain.
