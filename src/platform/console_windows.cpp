@@ -24,14 +24,16 @@ const bool g_binary_stdout = [] {
 
 }  // namespace
 
+// Only a console counts: _isatty() is also true for NUL and other character
+// devices, and `kx < NUL` is no person at a keyboard.
 bool stdin_is_terminal() {
-  return is_console(STD_INPUT_HANDLE) || ::_isatty(0) != 0;
+  return is_console(STD_INPUT_HANDLE);
 }
 bool stdout_is_terminal() {
-  return is_console(STD_OUTPUT_HANDLE) || ::_isatty(1) != 0;
+  return is_console(STD_OUTPUT_HANDLE);
 }
 bool stderr_is_terminal() {
-  return is_console(STD_ERROR_HANDLE) || ::_isatty(2) != 0;
+  return is_console(STD_ERROR_HANDLE);
 }
 
 void enable_virtual_terminal_output() {

@@ -128,10 +128,12 @@ std::unique_ptr<PseudoTerminal> start_pseudo_terminal(const std::string& command
   auto list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(list_storage.data());
   STARTUPINFOEXA startup{};
   startup.StartupInfo.cb = sizeof startup;
-  // Without this a program would inherit the resident's own standard handles (a log
-  // file, a pipe) instead of talking to the pseudo console.
-  // Null handles tell the system to connect them to the pseudo console.
-  startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+  // A program started from a process whose standard handles are a log file or a pipe
+  // would inherit those instead of talking to the pseudo console: null handles make
+  // the system connect it. Console handles are replaced by the system itself.
+  DWORD mode = 0;
+  if (!::GetConsoleMode(::GetStdHandle(STD_OUTPUT_HANDLE), &mode))
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
   PROCESS_INFORMATION process{};
   HANDLE job = ::CreateJobObjectA(nullptr, nullptr);
   if (job != nullptr) {

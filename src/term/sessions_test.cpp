@@ -1,6 +1,8 @@
 // Sessions on a real pseudo-terminal, driven through the table as the routes do.
 #include "term/sessions.hpp"
 
+#include "platform/console.hpp"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -12,11 +14,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Wine's pseudo console starts the program but never connects its standard handles
-// to the console, so on Windows these run only where a real console host exists.
+// Wine connects a pseudo console's program only when the test itself runs on a
+// terminal; the Windows suite runs these under `script` for that.
 #ifdef _WIN32
-#define SKIP_UNDER_WINE() \
-  GTEST_SKIP() << "needs a real Windows console host (Wine's does not connect the program)"
+#define SKIP_UNDER_WINE()             \
+  if (!platform::stdin_is_terminal()) \
+  GTEST_SKIP() << "needs a terminal under Wine (the Windows suite runs it under script)"
 #else
 #define SKIP_UNDER_WINE() (void)0
 #endif
@@ -26,7 +29,6 @@ using namespace std::chrono_literals;
 #ifdef _WIN32
 constexpr const char* kShell = "cmd.exe";
 constexpr const char* kLongRunning = "cmd.exe /k";
-constexpr const char* kEndsAtOnce = "cmd.exe /c exit 0";
 constexpr const char* kMissingProgram = "C:\\no\\such\\program.exe";
 constexpr const char* kSumLine = "echo sum-%COMSPEC:~0,0%42\r";
 constexpr const char* kFromLine = "echo from-%COMSPEC:~0,0%42";
@@ -79,7 +81,9 @@ TEST(SessionsTest, TypedLineRunsAndItsOutputIsReadBack) {
 TEST(SessionsTest, CommandThatEndsAtOnceIsNotASessionAndIdsAreNotReused) {
   SKIP_UNDER_WINE();
   SessionTable table;
+#ifndef _WIN32  // a Windows program under Wine takes longer than the grace period to start
   EXPECT_FALSE(table.open(kEndsAtOnce, 0, 0));
+#endif
   EXPECT_FALSE(table.open(kMissingProgram, 0, 0));
   auto first = table.open(kLongRunning, 0, 0);
   ASSERT_TRUE(first);
