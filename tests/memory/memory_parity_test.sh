@@ -79,12 +79,8 @@ check "a resident serves the port" [ -n "$RESIDENT" ]
 run_side "$RESIDENT_HOME" >"$WORK/resident.txt"
 same "the resident answered every call itself" "$RESIDENT" "$(pid_on_port "$P")"
 
-if diff -u "$WORK/local.txt" "$WORK/resident.txt" >"$WORK/diff.txt"; then
-  ok "local and resident runs print the same and leave the same files"
-else
-  not_ok "local and resident runs differ"
-  head -n 80 "$WORK/diff.txt"
-fi
+same_files "local and resident runs print the same and leave the same files" \
+  "$WORK/local.txt" "$WORK/resident.txt"
 # Worth comparing only if the verbs did their work.
 check "a keyword stored as MyKW is found as mykw" grep -q "keyword 'mykw' — 1 memo hit" "$WORK/resident.txt"
 check "the damage was reported" grep -q "^warning: data.mem of context 'notes' did not load whole" "$WORK/resident.txt"

@@ -114,12 +114,8 @@ check "a resident serves the port" [ -n "$RESIDENT" ]
 run_side "$RESIDENT_HOME" | untagged >"$WORK/forwarded.txt"
 same "the resident answered every call itself" "$RESIDENT" "$(pid_on_port "$P")"
 
-if diff -u "$WORK/local.txt" "$WORK/forwarded.txt" >"$WORK/diff.txt"; then
-  ok "local and forwarded runs print the same and leave the same files"
-else
-  not_ok "local and forwarded runs differ"
-  head -n 60 "$WORK/diff.txt"
-fi
+same_files "local and forwarded runs print the same and leave the same files" \
+  "$WORK/local.txt" "$WORK/forwarded.txt"
 # The transcript is only worth comparing if the lines did their work.
 check "the large piped body arrived byte for byte" \
   [ "$(cd "$PROJ" && cat src/big.txt)" == "$BIG" ]

@@ -25,6 +25,11 @@ same() { # <description> <expected> <actual>
     not_ok "$1"; printf '   expected: %q\n   actual:   %q\n' "$2" "$3"; fi
 }
 
+same_files() { # <description> <file> <other file>: passes when they match, else shows the diff
+  if diff -u "$2" "$3" >"$2.diff"; then ok "$1"; else
+    not_ok "$1"; head -n 80 "$2.diff"; fi
+}
+
 free_port() {
   node -e "const s=require('net').createServer().listen(0,'127.0.0.1',()=>{console.log(s.address().port);s.close()})"
 }
