@@ -2,16 +2,13 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
-#include "launcher/resident_lifecycle.hpp"
 #include "launcher/resident_link.hpp"
 #include "launcher/workspace.hpp"
-#include "platform/env.hpp"
-#include "platform/home.hpp"
 #include "platform/http_client.hpp"
 #include "platform/parent_watch.hpp"
-#include "platform/read_file.hpp"
 #include "protocols/mcp_server.hpp"
 #include "protocols/mcp_stdio.hpp"
 
@@ -20,15 +17,6 @@ namespace {
 
 // A tool may legitimately run for long (chat_read long-polls about 25 s).
 constexpr int kRelayTimeoutMillis = 10 * 60 * 1000;
-
-std::string read_token() {
-  std::string token;
-  if (!platform::read_whole_file(platform::home_dir() / "resident.token", token, 128)) return {};
-  auto blank = [](char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; };
-  while (!token.empty() && blank(token.back())) token.pop_back();
-  while (!token.empty() && blank(token.front())) token.erase(0, 1);
-  return token;
-}
 
 // The in-process server, made only when first needed: a relayed session never
 // loads the stores.
@@ -53,19 +41,28 @@ class LocalMcp {
 
 class Relay {
  public:
-  explicit Relay(std::uint16_t port)
-      : url_("http://127.0.0.1:" + std::to_string(port) + "/mcp"), port_(port) {}
+  Relay(std::uint16_t port, const std::string& token)
+      : url_("http://127.0.0.1:" + std::to_string(port) + "/mcp"), port_(port) {
+    headers_ = "Accept: application/json, text/event-stream\r\n";
+    if (!token.empty()) headers_ += "Authorization: Bearer " + token + "\r\n";
+  }
 
   std::string handle(std::string_view message) {
     if (!local_) {
-      std::string headers = "Accept: application/json, text/event-stream\r\n";
-      // Read per message: the resident may have made the token after we started.
-      if (std::string token = read_token(); !token.empty())
-        headers += "Authorization: Bearer " + token + "\r\n";
       platform::HttpResponse answer =
-          platform::http_post(url_, "application/json", message, kRelayTimeoutMillis, headers);
+          platform::http_post(url_, "application/json", message, kRelayTimeoutMillis, headers_);
       if (answer.ok && (answer.status == 200 || answer.status == 202 || answer.status == 400))
         return answer.body;
+      if (answer.ok && (answer.status == 401 || answer.status == 403)) {
+        // Refused at the door, so nothing ran there: this home's requests are
+        // served here, now and from then on.
+        std::fprintf(stderr,
+                     "Kestrune: the resident on port %d refused this home's token — serving MCP "
+                     "in this process\n",
+                     port_);
+        local_ = std::make_unique<LocalMcp>();
+        return local_->handle(message);
+      }
       if (answer.ok || answer.error.find("refused") == std::string::npos) {
         // The resident got the message and failed it: running it here too could
         // run it twice, so the client hears of the failure instead.
@@ -86,6 +83,7 @@ class Relay {
 
  private:
   std::string url_;
+  std::string headers_;
   std::uint16_t port_;
   std::unique_ptr<LocalMcp> local_;
 };
@@ -94,8 +92,10 @@ class Relay {
 
 int run_mcp(std::uint16_t port) {
   platform::end_with_parent();
-  if (!platform::get_env_nonempty("KESTRUNE_LOCAL") && bring_up(port)) {
-    Relay relay(port);
+  // A resident of another home may hold the port: this home's session is then
+  // served here rather than refused there.
+  if (std::optional<std::string> token = reach_own_resident(port)) {
+    Relay relay(port, *token);
     return protocols::serve_stdio([&](std::string_view m) { return relay.handle(m); });
   }
   LocalMcp local;

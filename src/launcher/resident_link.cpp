@@ -39,11 +39,6 @@ ForwardResult run_here() {
   return everything;
 }
 
-ForwardResult run_here(std::uint16_t port) {
-  say_running_locally(port);
-  return run_here();
-}
-
 ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSource& source,
                              const std::string& token) {
   ForwardResult result = forward_units(port, line, source, token);
@@ -149,10 +144,10 @@ bool contains(const std::string& line, const char* word) {
 
 }  // namespace
 
-ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, UnitSource& source) {
+std::optional<std::string> reach_own_resident(std::uint16_t port) {
   // Tests and scripts that must never touch a resident set KESTRUNE_LOCAL=1.
-  if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return run_here();
-  if (g_other_homes.count(port)) return run_here();
+  if (platform::get_env_nonempty("KESTRUNE_LOCAL")) return std::nullopt;
+  if (g_other_homes.count(port)) return std::nullopt;
   std::string token = own_home_token();
   ProbeResult found = probe(port);
   switch (found.health) {
@@ -162,29 +157,41 @@ ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, U
       if (!found.home.empty() &&
           (token.empty() || found.home != server::token_fingerprint(token))) {
         say_other_home(port);
-        return run_here();
+        return std::nullopt;
       }
-      return forward_or_say(port, line, source, token);
+      return token;
     case Health::kNothing:
-      if (!bring_up(port)) return run_here(port);
+      if (!bring_up(port)) {
+        say_running_locally(port);
+        return std::nullopt;
+      }
       // The resident just brought up made the token if there was none.
-      return forward_or_say(port, line, source, own_home_token());
+      return own_home_token();
     case Health::kOtherVersion:
       if (!found.version.empty() && compare_versions(found.version, kVersion) < 0) {
         std::fprintf(stderr, "Kestrune: evicting stale resident %s on port %d, starting %s\n",
                      found.version.c_str(), port, kVersion);
-        if (!shut_down(port) || !bring_up(port)) return run_here(port);
-        return forward_or_say(port, line, source, own_home_token());
+        if (!shut_down(port) || !bring_up(port)) {
+          say_running_locally(port);
+          return std::nullopt;
+        }
+        return own_home_token();
       }
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a different Kestrune version");
-      return run_here();
+      return std::nullopt;
     case Health::kForeign:
       std::fprintf(stderr, "Kestrune: port %d is held by %s — running this command locally\n", port,
                    "a non-Kestrune process");
-      return run_here();
+      return std::nullopt;
   }
-  return run_here();
+  return std::nullopt;
+}
+
+ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, UnitSource& source) {
+  std::optional<std::string> token = reach_own_resident(port);
+  if (!token) return run_here();
+  return forward_or_say(port, line, source, *token);
 }
 
 int run_server_verb(Workspace& workspace, std::uint16_t port, const std::string& line) {

@@ -2,6 +2,7 @@
 // The seam between the command-line entry and the resident: forwarding a line to a
 // resident on the port, and the verbs that make this process a server.
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "launcher/resident_client.hpp"
@@ -17,6 +18,12 @@ namespace kx::launcher {
 // locally: everything when no resident could take it (the reason was printed on
 // stderr), the unsent rest of `source` when forwarding stopped part way.
 ForwardResult forward_to_resident(std::uint16_t port, const std::string& line, UnitSource& source);
+
+// The token to send to a resident of this process's home that serves the port, is
+// brought up on it, or replaces an older one there. Nothing when the caller must
+// run here instead: KESTRUNE_LOCAL is set, or the port is held by another home,
+// another version or another program (the reason was printed on stderr).
+std::optional<std::string> reach_own_resident(std::uint16_t port);
 
 // Runs one command line of any caller on the workspace's session.
 server::ExecBridge make_exec_bridge(Workspace& workspace);
