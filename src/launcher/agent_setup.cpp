@@ -8,6 +8,7 @@
 #include "lang/session.hpp"
 #include "lang/text.hpp"
 #include "launcher/config_edit.hpp"
+#include "launcher/options.hpp"
 #include "launcher/resident_lifecycle.hpp"
 #include "platform/home.hpp"
 #include "platform/login_start.hpp"
@@ -112,10 +113,24 @@ std::optional<std::string> with_block(const std::string& text, std::string&) {
   return out + block;
 }
 
+std::vector<std::string> kx_args(const AgentPaths& p, const char* verb) {
+  std::vector<std::string> args = p.kx_options;
+  args.push_back(verb);
+  return args;
+}
+
 Json stdio_entry(const AgentPaths& p, bool typed) {
-  Json entry{{"command", p.kx.string()}, {"args", Json::array({"mcp"})}};
-  if (typed) entry = Json{{"type", "stdio"}, {"command", p.kx.string()}, {"args", {"mcp"}}};
+  Json entry{{"command", p.kx.string()}, {"args", kx_args(p, "mcp")}};
+  if (typed) entry["type"] = "stdio";
   return entry;
+}
+
+// "<kx>" [options] <verb>, each word quoted for the shell as needed.
+std::string kx_command_line(const AgentPaths& p, const char* verb) {
+  std::string line = shell_quote(p.kx.string());
+  for (const std::string& arg : kx_args(p, verb))
+    line += " " + (arg.find_first_of(" \t\"'") == std::string::npos ? arg : shell_quote(arg));
+  return line;
 }
 
 Step json_registration(const std::string& agent, const fs::path& file, const std::string& container,
@@ -127,12 +142,15 @@ Step json_registration(const std::string& agent, const fs::path& file, const std
 }
 
 // Registration through the agent's own command, which owns its file.
-Step cli_registration(const std::string& agent, const AgentPaths& p, const std::string& add,
-                      bool apply) {
+Step cli_registration(const std::string& agent, const AgentPaths& p, const std::string& scope,
+                      const std::string& add, bool apply) {
   Step step{agent + " MCP registration (" + agent + " mcp add)", "", false};
   auto listed =
       platform::run_shell(agent + " mcp list", p.project, std::chrono::seconds(60), 1 << 20);
-  if (listed.output.find(p.kx.string()) != std::string::npos) {
+  bool ours = listed.output.find(p.kx.string()) != std::string::npos;
+  for (const std::string& option : p.kx_options)
+    ours = ours && listed.output.find(option) != std::string::npos;
+  if (ours) {
     step.outcome = "unchanged";
     return step;
   }
@@ -140,6 +158,10 @@ Step cli_registration(const std::string& agent, const AgentPaths& p, const std::
     step.outcome = "would run: " + add;
     return step;
   }
+  // An older kx entry (another kx, home or port) would make the add fail; when
+  // there is none the removal fails harmlessly.
+  (void)platform::run_shell(agent + " mcp remove " + scope + "kx", p.project,
+                            std::chrono::seconds(60), 1 << 16);
   auto done = platform::run_shell(add, p.project, std::chrono::seconds(60), 1 << 16);
   step.failed = !done.failure.empty() || done.exit_code != 0;
   step.outcome = step.failed ? "failed: " + std::string(lang::trim(done.output)) : "registered";
@@ -153,27 +175,29 @@ bool found(const char* program, const fs::path& dir) {
 
 std::vector<Step> registrations(const AgentPaths& p, bool apply) {
   std::vector<Step> steps;
-  const std::string kx = shell_quote(p.kx.string());
+  const std::string kx = kx_command_line(p, "mcp");
   if (platform::is_program_on_path("claude"))
-    steps.push_back(
-        cli_registration("claude", p, "claude mcp add --scope user kx -- " + kx + " mcp", apply));
+    steps.push_back(cli_registration("claude", p, "--scope user ",
+                                     "claude mcp add --scope user kx -- " + kx, apply));
   else
     steps.push_back(json_registration("claude", p.project / ".mcp.json", "mcpServers",
                                       stdio_entry(p, true), apply));
   if (platform::is_program_on_path("codex")) {
-    steps.push_back(cli_registration("codex", p, "codex mcp add kx -- " + kx + " mcp", apply));
+    steps.push_back(cli_registration("codex", p, "", "codex mcp add kx -- " + kx, apply));
   } else if (found("codex", p.user / ".codex")) {
     Json command = p.kx.string();
+    Json args = kx_args(p, "mcp");
     steps.push_back(file_step("codex MCP registration", p.user / ".codex" / "config.toml", apply,
                               [&](const std::string& text, std::string& error) {
-                                return toml_with_table(
-                                    text, "mcp_servers.kx",
-                                    "command = " + command.dump() + "\nargs = [\"mcp\"]\n", error);
+                                return toml_with_table(text, "mcp_servers.kx",
+                                                       "command = " + command.dump() +
+                                                           "\nargs = " + args.dump() + "\n",
+                                                       error);
                               }));
   }
   if (platform::is_program_on_path("gemini"))
-    steps.push_back(
-        cli_registration("gemini", p, "gemini mcp add --scope user kx " + kx + " mcp", apply));
+    steps.push_back(cli_registration("gemini", p, "--scope user ",
+                                     "gemini mcp add --scope user kx " + kx, apply));
   else if (found("gemini", p.user / ".gemini"))
     steps.push_back(json_registration("gemini", p.user / ".gemini" / "settings.json", "mcpServers",
                                       stdio_entry(p, false), apply));
@@ -188,7 +212,7 @@ std::vector<Step> registrations(const AgentPaths& p, bool apply) {
 }
 
 std::string brief_command(const AgentPaths& p) {
-  return shell_quote(p.kx.string()) + " claude.brief";
+  return kx_command_line(p, "claude.brief");
 }
 
 Step session_hook(const AgentPaths& p, bool apply) {
@@ -366,12 +390,17 @@ std::string brief(lang::Session& session) {
   return out;
 }
 
-std::uint16_t g_port = 9999;
+std::uint16_t g_port = kDefaultPort;
 
 }  // namespace
 
 AgentPaths default_agent_paths(const fs::path& project) {
-  return AgentPaths{platform::user_profile_dir(), project, platform::executable_path()};
+  AgentPaths paths{platform::user_profile_dir(), project, platform::executable_path(), {}};
+  if (platform::has_home_override())
+    paths.kx_options.insert(paths.kx_options.end(), {"--conf", platform::home_dir().string()});
+  if (g_port != kDefaultPort)
+    paths.kx_options.insert(paths.kx_options.end(), {"--port", std::to_string(g_port)});
+  return paths;
 }
 
 std::string agent_setup(const AgentPaths& p, bool apply, std::string* summary) {

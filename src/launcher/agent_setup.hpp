@@ -6,18 +6,23 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "lang/registry.hpp"
 
 namespace kx::launcher {
 
 // Where the set-up looks and writes: the user's profile directory, the project
-// directory (for per-project files such as .mcp.json) and the kx to register.
+// directory (for per-project files such as .mcp.json), the kx to register and the
+// options every command the agents run starts with.
 struct AgentPaths {
   std::filesystem::path user;
   std::filesystem::path project;
   std::filesystem::path kx;
+  std::vector<std::string> kx_options;  // e.g. "--conf", "<home>", "--port", "<n>"
 };
+// The agents run kx with this process's home (--conf) and port when they are not
+// the defaults, so they reach the resident this set-up was made for.
 AgentPaths default_agent_paths(const std::filesystem::path& project);
 
 // Shows (apply = false) or does the set-up; every step reports "unchanged" when

@@ -32,7 +32,12 @@ void InstanceLock::release() {
 }
 
 std::filesystem::path instance_lock_path(std::uint16_t port) {
+  // A runtime directory inherited from another session (su, sudo, a service) may
+  // not exist: a lock that cannot be made would read as held, and boot would quietly
+  // step aside for a resident that is not there.
   std::filesystem::path dir = get_env_nonempty("XDG_RUNTIME_DIR").value_or("/tmp");
+  std::error_code ec;
+  if (!std::filesystem::is_directory(dir, ec)) dir = "/tmp";
   return dir / ("Kestrune_resident_daemon_" + std::to_string(port) + ".lock");
 }
 
