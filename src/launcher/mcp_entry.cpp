@@ -1,9 +1,13 @@
 #include "launcher/mcp_entry.hpp"
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "launcher/resident_link.hpp"
 #include "launcher/workspace.hpp"
@@ -92,14 +96,36 @@ class Relay {
 
 int run_mcp(std::uint16_t port) {
   platform::end_with_parent();
-  // A resident of another home may hold the port: this home's session is then
-  // served here rather than refused there.
-  if (std::optional<std::string> token = reach_own_resident(port)) {
-    Relay relay(port, *token);
-    return protocols::serve_stdio([&](std::string_view m) { return relay.handle(m); });
+  // Finding the resident, or bringing one up, can take seconds (a slow start, a port
+  // held by something that never answers). The handshake is the same wherever it is
+  // answered, so the client hears it at once and only a first tool waits. A resident
+  // of another home on the port means this home is served here, not refused there.
+  auto found = std::make_shared<std::promise<std::optional<std::string>>>();
+  std::future<std::optional<std::string>> reached = found->get_future();
+  std::thread([found, port] { found->set_value(reach_own_resident(port)); }).detach();
+  const protocols::McpServer handshake{protocols::ToolHost{}};
+  std::unique_ptr<Relay> relay;
+  std::unique_ptr<LocalMcp> local;
+  int status = protocols::serve_stdio([&](std::string_view message) -> std::string {
+    if (!relay && !local) {
+      if (reached.wait_for(std::chrono::seconds(0)) != std::future_status::ready &&
+          protocols::needs_no_tools(message))
+        return handshake.handle(message);
+      if (std::optional<std::string> token = reached.get())
+        relay = std::make_unique<Relay>(port, *token);
+      else
+        local = std::make_unique<LocalMcp>();
+    }
+    return relay ? relay->handle(message) : local->handle(message);
+  });
+  // valid() turns false once the answer was taken.
+  if (reached.valid() && reached.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+    // Input ended while the search went on: end now, before static objects it
+    // may still use are destroyed.
+    std::fflush(nullptr);
+    std::_Exit(status);
   }
-  LocalMcp local;
-  return protocols::serve_stdio([&](std::string_view m) { return local.handle(m); });
+  return status;
 }
 
 }  // namespace kx::launcher

@@ -23,7 +23,9 @@ using namespace std::chrono_literals;
 
 constexpr int kProbeTimeoutMillis = 1200;
 constexpr int kShutdownTimeoutMillis = 1500;
-constexpr int kBringUpProbes = 80;   // x 100 ms
+// A port held by a listener that never answers costs each probe its whole timeout,
+// so the wait for a resident just spawned is bounded in time, not in probes.
+constexpr auto kBringUpWait = 8s;
 constexpr int kShutdownProbes = 60;  // x 100 ms
 constexpr int kBootProbes = 1300;    // x 100 ms
 // A peer that trickles bytes must not keep a probe alive past this.
@@ -183,7 +185,8 @@ bool bring_up(std::uint16_t port) {
     args.push_back(platform::home_dir().string());
   }
   if (!platform::spawn_detached(self, args, self.parent_path())) return false;
-  for (int i = 0; i < kBringUpProbes; ++i) {
+  const auto deadline = std::chrono::steady_clock::now() + kBringUpWait;
+  while (std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(100ms);
     if (probe(port).health == Health::kCompatible) return true;
   }

@@ -321,6 +321,14 @@ std::string McpServer::handle(std::string_view message) const {
   return reply.is_null() ? std::string() : dump(reply);
 }
 
+bool needs_no_tools(std::string_view message) {
+  Json parsed = Json::parse(message, nullptr, false);
+  if (!parsed.is_object() || !parsed.contains("method") || !parsed["method"].is_string())
+    return false;
+  const std::string& method = parsed["method"].get_ref<const std::string&>();
+  return method == "initialize" || method == "ping" || method.starts_with("notifications/");
+}
+
 std::string error_reply_for(std::string_view message, int code, const std::string& text) {
   Json parsed = Json::parse(message, nullptr, false);
   if (!parsed.is_object() || !parsed.contains("id") || !parsed.contains("method")) return {};

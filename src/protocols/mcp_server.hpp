@@ -30,6 +30,11 @@ class McpServer {
   ToolHost host_;
 };
 
+// Whether the message is answered the same by any server, with no tools behind it:
+// initialize, ping and notifications. A client's handshake need not wait while the
+// stdio entry finds out where the tools live.
+bool needs_no_tools(std::string_view message);
+
 // A JSON-RPC error answering `message` (its id), or "" when it needs no answer.
 std::string error_reply_for(std::string_view message, int code, const std::string& text);
 

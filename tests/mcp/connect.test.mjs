@@ -49,6 +49,15 @@ const shutDown = async (home) => {
   assert.equal(await healthy(), false, 'the resident ended');
 };
 
+const stopLateResident = async (p) => {
+  const at = `http://127.0.0.1:${p}`;
+  const up = async () => { try { return (await fetch(`${at}/health`)).ok; } catch { return false; } };
+  for (let i = 0; i < 30 && !await up(); i++) await sleep(100);
+  if (!await up()) return;
+  await fetch(`${at}/shutdown`, { method: 'POST', headers: { Authorization: `Bearer ${token(ours)}`, 'X-Kst-Control': 'shutdown' } });
+  for (let i = 0; i < 100 && await up(); i++) await sleep(50);
+};
+
 const connect = async (home) => {
   const t0 = Date.now();
   const transport = new StdioClientTransport({ command: kx, args: ['--conf', home, '--port', String(port), 'mcp'], env, stderr: 'pipe' });
@@ -111,4 +120,38 @@ test('a resident of another home: kx mcp serves its own home in process', async 
   try {
     assert.match(await call(theirClient, 'memory_contexts', {}), /^OK: 0 context\(s\) under /);
   } finally { await theirClient.close(); }
+});
+
+test('a listener that never answers: the handshake is prompt, tools are served in process', async () => {
+  const silent = net.createServer(() => { /* accepts and says nothing */ });
+  await new Promise((r) => silent.listen(0, '127.0.0.1', r));
+  const silentPort = silent.address().port;
+  const args = ['--conf', ours, '--port', String(silentPort), 'mcp'];
+  try {
+    // Input that ends while kx is still finding out who holds the port ends kx at once.
+    const raw = spawn(kx, args, { env, stdio: ['pipe', 'pipe', 'ignore'] });
+    const exited = new Promise((r) => raw.on('exit', () => r(Date.now())));
+    raw.stdin.write('{"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}}\n');
+    const reply = await new Promise((r) => raw.stdout.once('data', (d) => r(JSON.parse(String(d)))));
+    assert.equal(reply.result.protocolVersion, '2025-06-18');
+    const t0 = Date.now();
+    raw.stdin.end();
+    assert.ok(await exited - t0 < 1000, 'ended within a second of its input');
+
+    const transport = new StdioClientTransport({ command: kx, args, env, stderr: 'pipe' });
+    let stderr = '';
+    transport.stderr.on('data', (d) => { stderr += d; });
+    const client = new Client({ name: 'kx-connect', version: '1.0.0' });
+    const t1 = Date.now();
+    await client.connect(transport);
+    assert.ok(Date.now() - t1 < kPrompt, `initialize answered after ${Date.now() - t1} ms`);
+    try {
+      assert.match(await call(client, 'memory_retrieve', { context: 'connect', topic: 'second' }), /not for the other home/);
+    } finally { await client.close(); }
+    assert.match(stderr, /could not take over port/);
+  } finally {
+    silent.close();
+    // The resident kx spawned keeps trying to bind, and takes the port once it is free.
+    await stopLateResident(silentPort);
+  }
 });
