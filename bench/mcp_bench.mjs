@@ -1,6 +1,7 @@
 // tools/call of fs_read on a 4 KiB file through the official SDK client, over stdio
 // (in process and relayed to a resident) and over Streamable HTTP, plus the size of
-// tools/list. Needs tests/node_modules (bash tests/setup_node.sh).
+// tools/list; the anchor is the SDK's own stdio server reading the same file
+// (bench/mcp_anchor_server.mjs). Needs tests/node_modules (bash tests/setup_node.sh).
 //   node bench/mcp_bench.mjs <path to kx> [calls]
 import { spawn } from 'node:child_process';
 import fs from 'node:fs';
@@ -63,6 +64,9 @@ const stdio = (local) => new StdioClientTransport({
   env: local ? { ...env, KESTRUNE_LOCAL: '1' } : env, stderr: 'ignore',
 });
 try {
+  await measure('anchor: SDK server', new StdioClientTransport({
+    command: process.execPath, args: [path.join(here, 'mcp_anchor_server.mjs'), project], stderr: 'ignore',
+  }));
   await measure('stdio, in process', stdio(true));
   await measure('stdio, relayed', stdio(false));
   await measure('Streamable HTTP', new StreamableHTTPClientTransport(new URL(`http://127.0.0.1:${port}/mcp`),
