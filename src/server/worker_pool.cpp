@@ -17,24 +17,35 @@ WorkerPool::~WorkerPool() {
   core_->work.notify_all();
 }
 
+// Threads start one at a time, and each new one starts the next only while jobs
+// still wait: a burst of quick jobs is done by a few threads, while jobs stuck
+// behind long ones get a thread each.
 void WorkerPool::submit(std::function<void()> job) {
   std::unique_lock guard(core_->lock);
   core_->jobs.push_back(std::move(job));
-  if (core_->idle > static_cast<int>(core_->jobs.size()) - 1) {
+  if (core_->idle >= static_cast<int>(core_->jobs.size())) {
     core_->work.notify_one();
     return;
   }
-  if (core_->threads >= core_->max_threads) return;  // waits for the next free thread
-  ++core_->threads;
+  start_thread(core_, guard);
+}
+
+void WorkerPool::start_thread(const std::shared_ptr<Core>& core,
+                              std::unique_lock<std::mutex>& guard) {
+  if (core->starting || core->threads >= core->max_threads) return;
+  ++core->threads;
+  core->starting = true;
   guard.unlock();
   try {
     // Detached: a thread holds the core, never the pool, so the last job may
     // outlive the pool's owner.
-    std::thread(run, core_).detach();
+    std::thread(run, core).detach();
+    guard.lock();
   } catch (const std::system_error&) {
     // Out of threads: the job waits for one already running.
-    std::lock_guard again(core_->lock);
-    --core_->threads;
+    guard.lock();
+    --core->threads;
+    core->starting = false;
   }
 }
 
@@ -45,6 +56,7 @@ int WorkerPool::threads() const {
 
 void WorkerPool::run(std::shared_ptr<Core> core) {
   std::unique_lock guard(core->lock);
+  core->starting = false;
   for (;;) {
     while (core->jobs.empty()) {
       if (core->ending) {
@@ -62,6 +74,7 @@ void WorkerPool::run(std::shared_ptr<Core> core) {
     }
     std::function<void()> job = std::move(core->jobs.front());
     core->jobs.pop_front();
+    if (!core->jobs.empty() && core->idle == 0) start_thread(core, guard);
     guard.unlock();
     try {
       job();

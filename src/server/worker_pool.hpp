@@ -1,7 +1,8 @@
 #pragma once
 // Threads for the handlers: a job waits only while every thread is busy and the
-// pool is at its cap. A thread is started when a job finds none idle and ends
-// after it has idled for a while, so a quiet server keeps no threads.
+// pool is at its cap (or a new thread is on its way). A thread is started when a
+// job finds none idle and ends after it has idled for a while, so a quiet server
+// keeps no threads.
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -34,8 +35,10 @@ class WorkerPool {
     int max_threads = 1;
     std::chrono::milliseconds idle_limit{0};
     bool ending = false;
+    bool starting = false;  // a thread is on its way
   };
   static void run(std::shared_ptr<Core> core);
+  static void start_thread(const std::shared_ptr<Core>& core, std::unique_lock<std::mutex>& guard);
 
   std::shared_ptr<Core> core_;
 };
