@@ -31,6 +31,7 @@ constexpr std::size_t kChunk = 4096;  // the head limit is checked per chunk of 
 constexpr int kReadsPerTurn = 32;     // chunks one connection may take before the others' turn
 constexpr int kAcceptsPerTurn = 256;
 constexpr Millis kTick(100);         // time-outs are checked this often
+constexpr Millis kPoolCheck(5);      // how soon jobs stuck behind long ones are looked at
 constexpr Millis kAcceptPause(100);  // after the system refused a connection (no descriptors)
 
 enum class Phase { kReading, kWorking, kWriting, kLingering, kWebSocket };
@@ -108,7 +109,10 @@ class ConnectionLoop {
     std::vector<std::uint64_t> touched;
     Clock::time_point next_sweep = Clock::now() + kTick;
     while (!state_->stopping.load()) {
-      poller_.wait(events, static_cast<int>(kTick.count()));
+      // Jobs queued behind long ones get a thread soon, even with no new request.
+      bool waiting = state_->workers.jobs_waiting();
+      if (waiting) state_->workers.maintain();
+      poller_.wait(events, static_cast<int>(waiting ? kPoolCheck.count() : kTick.count()));
       now_ = Clock::now();
       for (const auto& event : events) {
         if (event.key == kListenerKey)

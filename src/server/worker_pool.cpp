@@ -4,6 +4,15 @@
 #include <thread>
 
 namespace kx::server {
+namespace {
+
+// Threads on quick jobs at once: a few more than the cores of a small machine.
+constexpr int kQuickThreads = 4;
+// A job running longer than this is taken to wait on something (a long poll);
+// shorter would count quick jobs that a busy machine merely preempted.
+constexpr auto kLongJob = std::chrono::milliseconds(20);
+
+}  // namespace
 
 WorkerPool::WorkerPool(int max_threads, std::chrono::milliseconds idle_limit)
     : core_(std::make_shared<Core>()) {
@@ -17,9 +26,6 @@ WorkerPool::~WorkerPool() {
   core_->work.notify_all();
 }
 
-// Threads start one at a time, and each new one starts the next only while jobs
-// still wait: a burst of quick jobs is done by a few threads, while jobs stuck
-// behind long ones get a thread each.
 void WorkerPool::submit(std::function<void()> job) {
   std::unique_lock guard(core_->lock);
   core_->jobs.push_back(std::move(job));
@@ -27,12 +33,36 @@ void WorkerPool::submit(std::function<void()> job) {
     core_->work.notify_one();
     return;
   }
-  start_thread(core_, guard);
+  maybe_start(core_, guard);
 }
 
-void WorkerPool::start_thread(const std::shared_ptr<Core>& core,
-                              std::unique_lock<std::mutex>& guard) {
+void WorkerPool::maintain() {
+  std::unique_lock guard(core_->lock);
+  if (!core_->jobs.empty() && core_->idle == 0) maybe_start(core_, guard);
+}
+
+bool WorkerPool::jobs_waiting() const {
+  std::lock_guard guard(core_->lock);
+  return !core_->jobs.empty();
+}
+
+int WorkerPool::threads() const {
+  std::lock_guard guard(core_->lock);
+  return core_->threads;
+}
+
+// Starts one thread unless one is on its way, the cap is reached, or enough
+// threads are on quick jobs that will free them soon.
+void WorkerPool::maybe_start(const std::shared_ptr<Core>& core,
+                             std::unique_lock<std::mutex>& guard) {
   if (core->starting || core->threads >= core->max_threads) return;
+  const Clock::time_point recent = Clock::now() - kLongJob;
+  // Idle threads count too: the ones already woken for earlier jobs may simply
+  // not have run yet on a busy machine.
+  int quick = core->idle;
+  for (const Clock::time_point& since : core->busy_since)
+    if (since != Clock::time_point::max() && since > recent) ++quick;
+  if (quick >= kQuickThreads) return;
   ++core->threads;
   core->starting = true;
   guard.unlock();
@@ -49,32 +79,24 @@ void WorkerPool::start_thread(const std::shared_ptr<Core>& core,
   }
 }
 
-int WorkerPool::threads() const {
-  std::lock_guard guard(core_->lock);
-  return core_->threads;
-}
-
 void WorkerPool::run(std::shared_ptr<Core> core) {
   std::unique_lock guard(core->lock);
   core->starting = false;
+  auto mine = core->busy_since.insert(core->busy_since.end(), Clock::time_point::max());
   for (;;) {
     while (core->jobs.empty()) {
-      if (core->ending) {
-        --core->threads;
-        return;
-      }
+      if (core->ending) break;
       ++core->idle;
       bool woken = core->work.wait_for(guard, core->idle_limit,
                                        [&] { return !core->jobs.empty() || core->ending; });
       --core->idle;
-      if (!woken) {
-        --core->threads;
-        return;
-      }
+      if (!woken) break;
     }
+    if (core->jobs.empty()) break;
     std::function<void()> job = std::move(core->jobs.front());
     core->jobs.pop_front();
-    if (!core->jobs.empty() && core->idle == 0) start_thread(core, guard);
+    *mine = Clock::now();
+    if (!core->jobs.empty() && core->idle == 0) maybe_start(core, guard);
     guard.unlock();
     try {
       job();
@@ -83,7 +105,10 @@ void WorkerPool::run(std::shared_ptr<Core> core) {
     }
     job = nullptr;  // its captures go before the next wait
     guard.lock();
+    *mine = Clock::time_point::max();
   }
+  core->busy_since.erase(mine);
+  --core->threads;
 }
 
 }  // namespace kx::server
