@@ -157,8 +157,9 @@ class ConnectionLoop {
     Connection& c = *connection;
     c.id = next_id_++;
     c.socket = std::move(accepted.socket);
-    c.peer = accepted.peer_ipv4;
-    c.loopback = is_loopback_peer(c.peer);
+    c.loopback = is_loopback_peer(accepted.peer_ipv4);
+    // Every address of this machine is one peer: 127.0.0.2 is no way around the cap.
+    c.peer = c.loopback ? 0x7f000001 : accepted.peer_ipv4;
     c.request_deadline = now_ + Millis(limits_.request_deadline_millis);
     c.wait_deadline = now_ + Millis(limits_.receive_timeout_millis);
     if (!poller_.add(c.socket, c.id, c.interest)) return;  // closes on scope exit

@@ -75,7 +75,7 @@ report(kept >= PER_PEER - 50 && kept <= PER_PEER,
 const during = threads();
 // Workers started for the burst of handshakes remain for a while; none is held by
 // an idle connection.
-report(during <= before + 32, `threads while holding ${IDLE + SOCKETS} connections: ${during} (before: ${before})`);
+report(during <= before + 16, `threads while holding ${IDLE + SOCKETS} connections: ${during} (before: ${before})`);
 
 const times = [];
 for (let i = 0; i < 10; i++) times.push(await healthMs());
