@@ -7,7 +7,9 @@
 #   - "/health" and an authenticated POST /console/exec of `fsstat:exists x` with wrk
 #     at 1, 16 and 64 connections: requests/s and p99 latency (every request is its
 #     own connection, as the server answers "Connection: close");
-#   - the resident's thread count and resident memory after 100,000 requests of each.
+#   - the resident's thread count and resident memory after 100,000 requests of each;
+#   - /health and a forwarded kx while 10,000 idle connections (half-sent requests)
+#     and 1,100 idle WebSockets are held open.
 # Usage: bench/resident_bench.sh [path to a release kx] [seconds per wrk run, default 10]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -82,7 +84,7 @@ fwd=$(cd "$WORK" && median_ms "$KX" --port "$PORT" --conf "$WORK/home" fsstat:ex
 one=$(wrk -t1 -c1 -d3s --latency -s "$WORK/exec.lua" "http://127.0.0.1:$PORT/console/exec?bot=cli" |
   awk '$1 == "50%" {print $2}')
 printf 'a process that does nothing (/bin/true): %s ms; kx starting and exiting at once: %s ms\n' "$floor" "$usage"
-loader=$(cd "$WORK" && LD_DEBUG=statistics "$KX" collab 2>&1 | awk '/total startup time in dynamic loader/ {print $(NF-1)}')
+loader=$(cd "$WORK" && LD_DEBUG=statistics "$KX" collab 2>&1 | awk '/total startup time in dynamic loader/ {print $(NF-1)}' || true)
 printf 'of which the dynamic loader: %s cycles\n' "$loader"
 printf 'the request itself over loopback (wrk, 1 connection, median): %s; forwarded kx in all: %s ms\n' "$one" "$fwd"
 
@@ -126,3 +128,17 @@ for route in health exec; do
   done
   report_process
 done
+
+echo "== while 10,000 idle connections and 1,100 idle WebSockets are held"
+ulimit -n "$(ulimit -Hn)"
+KX_TOKEN=$TOKEN node bench/hold_idle.mjs "$PORT" 10000 1100 >"$WORK/hold.out" 2>&1 &
+HOLDER=$!
+for _ in $(seq 600); do grep -q holding "$WORK/hold.out" && break; sleep 0.1; done
+echo "   $(cat "$WORK/hold.out"); resident: threads $(awk '/^Threads:/ {print $2}' "/proc/$RESIDENT/status")   memory $(awk '/^VmRSS:/ {print $2}' "/proc/$RESIDENT/status") KiB"
+out=$(wrk -t1 -c1 -d5s --latency "http://127.0.0.1:$PORT/health")
+printf '   /health, 1 connection: median %s   p99 %s   max %s\n' "$(awk '$1 == "50%" {print $2}' <<<"$out")" \
+  "$(awk '$1 == "99%" {print $2}' <<<"$out")" "$(awk '$1 == "Latency" {print $4}' <<<"$out")"
+fwd=$(cd "$WORK" && median_ms "$KX" --port "$PORT" --conf "$WORK/home" fsstat:exists x)
+echo "   forwarded kx fsstat:exists x (median of 50): $fwd ms"
+kill "$HOLDER"
+wait "$HOLDER" 2>/dev/null || true

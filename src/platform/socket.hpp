@@ -93,4 +93,27 @@ std::optional<Accepted> accept_connection(const Socket& listener);
 // The local port a socket is bound to (0 when unknown).
 std::uint16_t local_port(const Socket& socket);
 
+// Calls for one thread serving many sockets: none of them ever waits.
+bool set_nonblocking(const Socket& socket);
+
+// What a non-blocking call returns when the socket is not ready.
+inline constexpr long kWouldBlock = -2;
+
+// Receives what is there: >0 bytes read, 0 the peer closed, kWouldBlock, -1 an error.
+long receive_now(const Socket& socket, char* buffer, std::size_t capacity);
+
+// Sends what fits: bytes sent (>0), kWouldBlock, or -1 on an error.
+long send_now(const Socket& socket, std::string_view bytes);
+
+enum class AcceptStatus { kAccepted, kNone, kFailed };
+
+// Takes one waiting connection from a non-blocking listener, made non-blocking
+// itself. kNone: nobody is waiting; kFailed: the system refused (e.g. out of
+// descriptors), try again later.
+AcceptStatus accept_now(const Socket& listener, Accepted& accepted);
+
+// Lets this process hold as many sockets as the system allows it (raises the
+// soft limit on open descriptors to the hard one where there is such a limit).
+void raise_socket_limit();
+
 }  // namespace kx::platform

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -186,6 +187,53 @@ std::uint16_t local_port(const Socket& socket) {
   socklen_t len = sizeof addr;
   if (getsockname(fd_of(socket), reinterpret_cast<sockaddr*>(&addr), &len) != 0) return 0;
   return ntohs(addr.sin_port);
+}
+
+bool set_nonblocking(const Socket& socket) {
+  int flags = fcntl(fd_of(socket), F_GETFL, 0);
+  return flags >= 0 && fcntl(fd_of(socket), F_SETFL, flags | O_NONBLOCK) == 0;
+}
+
+long receive_now(const Socket& socket, char* buffer, std::size_t capacity) {
+  for (;;) {
+    ssize_t n = ::recv(fd_of(socket), buffer, capacity, 0);
+    if (n >= 0) return static_cast<long>(n);
+    if (errno == EINTR) continue;
+    return errno == EAGAIN || errno == EWOULDBLOCK ? kWouldBlock : -1;
+  }
+}
+
+long send_now(const Socket& socket, std::string_view bytes) {
+  for (;;) {
+    ssize_t n = ::send(fd_of(socket), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (n >= 0) return static_cast<long>(n);
+    if (errno == EINTR) continue;
+    return errno == EAGAIN || errno == EWOULDBLOCK ? kWouldBlock : -1;
+  }
+}
+
+AcceptStatus accept_now(const Socket& listener, Accepted& accepted) {
+  for (;;) {
+    sockaddr_in peer{};
+    socklen_t len = sizeof peer;
+    int fd = ::accept4(fd_of(listener), reinterpret_cast<sockaddr*>(&peer), &len,
+                       SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd >= 0) {
+      accepted.socket = Socket(fd);
+      accepted.peer_ipv4 = peer.sin_family == AF_INET ? ntohl(peer.sin_addr.s_addr) : 0;
+      return AcceptStatus::kAccepted;
+    }
+    // A connection reset while it waited is simply gone; look for the next one.
+    if (errno == EINTR || errno == ECONNABORTED) continue;
+    return errno == EAGAIN || errno == EWOULDBLOCK ? AcceptStatus::kNone : AcceptStatus::kFailed;
+  }
+}
+
+void raise_socket_limit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace kx::platform

@@ -5,6 +5,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 
@@ -212,5 +213,44 @@ std::uint16_t local_port(const Socket& socket) {
   if (::getsockname(sock_of(socket), reinterpret_cast<sockaddr*>(&addr), &len) != 0) return 0;
   return ntohs(addr.sin_port);
 }
+
+bool set_nonblocking(const Socket& socket) {
+  u_long non_blocking = 1;
+  return ::ioctlsocket(sock_of(socket), FIONBIO, &non_blocking) == 0;
+}
+
+long receive_now(const Socket& socket, char* buffer, std::size_t capacity) {
+  int n = ::recv(sock_of(socket), buffer,
+                 static_cast<int>(std::min<std::size_t>(capacity, 1 << 30)), 0);
+  if (n >= 0) return n;
+  return ::WSAGetLastError() == WSAEWOULDBLOCK ? kWouldBlock : -1;
+}
+
+long send_now(const Socket& socket, std::string_view bytes) {
+  int n = ::send(sock_of(socket), bytes.data(),
+                 static_cast<int>(std::min<std::size_t>(bytes.size(), 1 << 30)), 0);
+  if (n >= 0) return n;
+  return ::WSAGetLastError() == WSAEWOULDBLOCK ? kWouldBlock : -1;
+}
+
+AcceptStatus accept_now(const Socket& listener, Accepted& accepted) {
+  for (;;) {
+    sockaddr_in peer{};
+    int len = sizeof peer;
+    SOCKET s = ::accept(sock_of(listener), reinterpret_cast<sockaddr*>(&peer), &len);
+    if (s != INVALID_SOCKET) {
+      accepted.socket = Socket(handle_of(s));
+      accepted.peer_ipv4 = peer.sin_family == AF_INET ? ntohl(peer.sin_addr.s_addr) : 0;
+      set_nonblocking(accepted.socket);
+      return AcceptStatus::kAccepted;
+    }
+    int error = ::WSAGetLastError();
+    if (error == WSAECONNRESET || error == WSAEINTR) continue;
+    return error == WSAEWOULDBLOCK ? AcceptStatus::kNone : AcceptStatus::kFailed;
+  }
+}
+
+// Windows limits sockets by memory, not by a per-process count.
+void raise_socket_limit() {}
 
 }  // namespace kx::platform

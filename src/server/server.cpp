@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <system_error>
 #include <thread>
 
 #include "server/server_state.hpp"
@@ -11,12 +10,7 @@
 namespace kx::server {
 namespace {
 
-constexpr int kSendTimeoutMillis = 5000;
 constexpr int kBindRetryStepMillis = 500;
-
-bool is_loopback_peer(std::uint32_t ipv4) {
-  return (ipv4 >> 24) == 127;
-}
 
 // Binds, retrying every 500 ms while the port is busy (a previous instance still
 // closing, or another spawn racing us).
@@ -59,25 +53,6 @@ bool bind_listener(ServerState& state) {
   }
 }
 
-void start_connection_thread(const std::shared_ptr<ServerState>& state,
-                             platform::Accepted accepted) {
-  bool loopback = is_loopback_peer(accepted.peer_ipv4);
-  state->active.fetch_add(1);
-  try {
-    std::thread([state, socket = std::move(accepted.socket), loopback]() mutable {
-      try {
-        handle_connection(state, std::move(socket), loopback);
-      } catch (...) {
-        // Out of memory or a bug in one handler ends that connection, not the resident.
-      }
-      state->active.fetch_sub(1);
-    }).detach();
-  } catch (const std::system_error&) {
-    // Out of threads: this connection is dropped, the server goes on.
-    state->active.fetch_sub(1);
-  }
-}
-
 }  // namespace
 
 Server::Server(ServerOptions options) : state_(std::make_shared<ServerState>(std::move(options))) {}
@@ -98,17 +73,9 @@ int Server::serve() {
   std::fflush(stdout);
   state_->bound_port = port;
   state_->phase = Phase::kListening;
-  while (!state_->stopping.load()) {
-    auto accepted = platform::accept_connection(state_->listener);
-    if (!accepted) {
-      if (state_->stopping.load()) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));  // e.g. out of descriptors
-      continue;
-    }
-    if (state_->active.load() >= kMaxConnections) continue;  // closes on scope exit
-    platform::set_send_timeout(accepted->socket, kSendTimeoutMillis);
-    start_connection_thread(state_, std::move(*accepted));
-  }
+  // Idle connections cost a descriptor each: take every one the system allows.
+  platform::raise_socket_limit();
+  run_connection_loop(state_);
   state_->listener.close();
   state_->phase = Phase::kStopped;
   return 0;
@@ -116,11 +83,7 @@ int Server::serve() {
 
 void Server::stop() {
   if (state_->stopping.exchange(true)) return;
-  if (state_->phase.load() != Phase::kListening) return;  // a bind retry sees the flag
-  // Some systems wake a blocked accept on shutdown, others only on a connection:
-  // do both.
-  platform::shutdown_both(state_->listener);
-  if (auto poke = platform::connect_loopback(state_->bound_port.load(), 500)) poke->close();
+  state_->mailbox->poller().wake();  // a bind retry sees the flag
 }
 
 Server::Phase Server::phase() const {

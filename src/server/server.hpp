@@ -1,7 +1,9 @@
 #pragma once
-// The resident's HTTP/1.1 and WebSocket server: one listening socket, one detached
-// thread per connection, one request and one answer per connection (except a
-// WebSocket upgrade, which keeps its connection for frames).
+// The resident's HTTP/1.1 and WebSocket server: one listening socket, one request
+// and one answer per connection (except a WebSocket upgrade, which keeps its
+// connection for frames). One thread owns every connection and waits on them all;
+// a complete request goes to a small pool of workers, so an idle or slow peer
+// costs a socket, never a thread.
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -56,6 +58,20 @@ using ExecBridge = std::function<ExecResult(const ExecRequest&)>;
 // keyed by route path, and runs each under the interpreter's lock.
 using ViewHandler = std::function<Response(const Request&)>;
 
+// The time-outs and limits of a connection.
+struct ServerLimits {
+  int receive_timeout_millis = 15000;   // silence while a request is still coming
+  int request_deadline_millis = 60000;  // a request trickling in byte by byte ends here
+  int send_timeout_millis = 5000;       // a peer that takes nothing of its answer for this long
+  int linger_millis = 2000;             // draining the peer after the answer
+  // Connections of one peer still sending their request; a newer one closes the
+  // oldest, so a flood of half-sent requests cannot lock anybody out.
+  int idle_per_peer = 4096;
+  // Unsent output per WebSocket before its senders wait.
+  std::size_t websocket_queue_bytes = 1 << 20;
+  int max_workers = 256;  // handlers at once (a long poll holds one)
+};
+
 struct ServerOptions {
   std::uint16_t port = 9999;
   // "127.0.0.1" keeps the port private to this machine; "0.0.0.0" opens it, and
@@ -71,6 +87,7 @@ struct ServerOptions {
   std::vector<std::filesystem::path> asset_roots;
   ChatPaths chat;
   int bind_retry_millis = 120000;
+  ServerLimits limits;
 };
 
 struct ServerState;
@@ -85,7 +102,8 @@ class Server {
   // Binds (retrying while the port is busy), listens and runs the accept loop.
   // Returns 1 when the port could not be served, 0 after stop().
   int serve();
-  // Ends the accept loop; connections under way finish on their own threads.
+  // Ends the loop: the listener and every connection close, handlers under way
+  // finish with nobody to answer.
   void stop();
 
   enum class Phase { kStarting, kListening, kFailed, kStopped };

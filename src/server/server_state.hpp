@@ -1,6 +1,7 @@
 #pragma once
-// What every connection thread shares with the listener. Held by shared_ptr so
-// that a connection still running when the server object goes away keeps it alive.
+// What the connection loop shares with the handlers on the workers. Held by
+// shared_ptr so that a handler still running when the server object goes away
+// keeps it alive.
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -12,8 +13,10 @@
 #include "server/debug_events.hpp"
 #include "server/http_request.hpp"
 #include "server/http_response.hpp"
+#include "server/loop_mailbox.hpp"
 #include "server/mcp_sessions.hpp"
 #include "server/server.hpp"
+#include "server/worker_pool.hpp"
 #include "term/sessions.hpp"
 
 namespace kx::server {
@@ -35,24 +38,23 @@ struct ServerState {
   std::atomic<bool> stopping{false};
   std::atomic<std::uint16_t> bound_port{0};
   platform::Socket listener;  // valid while listening
+  std::shared_ptr<LoopMailbox> mailbox = std::make_shared<LoopMailbox>();
+  WorkerPool workers{options.limits.max_workers};
   // The MCP handler of "/mcp" and "/rpc", made on first use.
   std::once_flag mcp_once;
   std::unique_ptr<protocols::McpServer> mcp;
   McpSessions mcp_sessions;
 };
 
-// Connections beyond this many at once are closed at accept: a flood of idle
-// sockets must not exhaust the process's threads.
-inline constexpr int kMaxConnections = 1024;
-
-// Serves one accepted connection to its end; runs on its own thread.
-void handle_connection(std::shared_ptr<ServerState> state, platform::Socket socket, bool loopback);
+// Serves the listener and every connection until the server stops.
+void run_connection_loop(const std::shared_ptr<ServerState>& state);
 
 // The answer that ends an upgrade request before the handshake (no token, foreign
 // Origin, no endpoint for the path); nothing when it may proceed.
 std::optional<Response> websocket_refusal(ServerState& state, const Request& request);
 
-// Runs the handshake and the frame loop of an upgrade that has no refusal.
-void serve_websocket(ServerState& state, platform::Socket& socket, const Request& request);
+// On a worker, for an upgrade without a refusal: queues the handshake, hands the
+// connection to the loop as a WebSocket and opens the endpoint's session.
+void open_websocket(const std::shared_ptr<ServerState>& state, std::uint64_t id, Request& request);
 
 }  // namespace kx::server

@@ -1,7 +1,5 @@
-// The WebSocket branch of a connection: admission, the endpoint chosen by path,
-// handshake, then the frame loop feeding whole messages to the endpoint. Sends
-// from other threads (chat deliveries) and from this one (pongs, close) share one
-// lock so that frames never interleave.
+// The WebSocket side of a connection: admission, the link between the loop and
+// the endpoint, and the handshake that hands an upgrade over to the endpoint.
 #include <memory>
 #include <mutex>
 
@@ -11,82 +9,133 @@
 #include "server/sha1.hpp"
 #include "server/websocket_endpoint.hpp"
 #include "server/websocket_frame.hpp"
+#include "server/websocket_link.hpp"
 
 namespace kx::server {
-namespace {
 
-class SocketOutlet final : public WebSocketOutlet {
- public:
-  explicit SocketOutlet(const platform::Socket& socket) : socket_(&socket) {}
+WebSocketLink::WebSocketLink(std::shared_ptr<LoopMailbox> mailbox, std::uint64_t id,
+                             std::size_t queue_limit, std::chrono::milliseconds send_timeout)
+    : mailbox_(std::move(mailbox)),
+      id_(id),
+      queue_limit_(queue_limit),
+      send_timeout_(send_timeout) {}
 
-  bool send_text(std::string_view message) override { return send(kTextFrame, message); }
-  bool send_binary(std::string_view message) override { return send(kBinaryFrame, message); }
-  void close(std::uint16_t code) override {
-    std::string payload{static_cast<char>(code >> 8), static_cast<char>(code & 0xff)};
-    std::lock_guard guard(lock_);
-    if (socket_ == nullptr) return;
-    platform::send_all(*socket_, encode_frame(kClose, payload));
-    platform::shutdown_both(*socket_);  // ends the frame loop
-    socket_ = nullptr;
-  }
+bool WebSocketLink::send_text(std::string_view message) {
+  return send(kTextFrame, message);
+}
 
-  bool send(int opcode, std::string_view payload) {
-    std::lock_guard guard(lock_);
-    if (socket_ == nullptr) return false;
-    if (platform::send_all(*socket_, encode_frame(opcode, payload))) return true;
-    // A peer that stopped reading (send time-out) or vanished is cut off at once,
-    // which also ends its frame loop, instead of stalling every later delivery.
-    platform::shutdown_both(*socket_);
-    socket_ = nullptr;
+bool WebSocketLink::send_binary(std::string_view message) {
+  return send(kBinaryFrame, message);
+}
+
+bool WebSocketLink::send(int opcode, std::string_view payload) {
+  std::string frame = encode_frame(opcode, payload);
+  std::unique_lock guard(out_lock_);
+  if (ended_) return false;
+  if (queued_.size() >= queue_limit_ && !room_.wait_for(guard, send_timeout_, [&] {
+        return ended_ || queued_.size() < queue_limit_;
+      })) {
+    // The peer took nothing for the whole time-out: cut it off instead of
+    // stalling every later delivery.
+    ended_ = true;
+    broken_ = true;
+    guard.unlock();
+    mailbox_->touch(id_);
     return false;
   }
-  void detach() {
-    std::lock_guard guard(lock_);
-    socket_ = nullptr;
+  if (ended_) return false;
+  bool was_empty = queued_.empty();
+  queued_ += frame;
+  guard.unlock();
+  if (was_empty) mailbox_->touch(id_);
+  return true;
+}
+
+void WebSocketLink::close(std::uint16_t code) {
+  std::string payload{static_cast<char>(code >> 8), static_cast<char>(code & 0xff)};
+  {
+    std::lock_guard guard(out_lock_);
+    if (ended_) return;
+    queued_ += encode_frame(kClose, payload);
+    ended_ = true;
+    finishing_ = true;
   }
+  mailbox_->touch(id_);
+}
 
- private:
-  std::mutex lock_;
-  const platform::Socket* socket_;  // null once the connection has ended
-};
+void WebSocketLink::queue_now(std::string_view bytes) {
+  std::lock_guard guard(out_lock_);
+  if (!broken_) queued_ += bytes;
+}
 
-enum class LoopEnd { kPeerClosed, kGone };
+void WebSocketLink::take(std::string& out, bool& finished, bool& broken) {
+  std::lock_guard guard(out_lock_);
+  out += queued_;
+  queued_.clear();
+  finished = finishing_;
+  broken = broken_;
+  room_.notify_all();
+}
 
-LoopEnd frame_loop(const platform::Socket& socket, SocketOutlet& outlet,
-                   const WebSocketSession& session, std::string buffer) {
-  MessageAssembler assembler;
+void WebSocketLink::end() {
+  std::lock_guard guard(out_lock_);
+  ended_ = true;
+  queued_.clear();
+  room_.notify_all();
+}
+
+bool WebSocketLink::deliver(Event event, std::string message, bool binary) {
+  std::lock_guard guard(in_lock_);
+  backlog_ += message.size();
+  inbox_.push_back({event, std::move(message), binary});
+  if (draining_) return false;
+  draining_ = true;
+  return true;
+}
+
+void WebSocketLink::start(WebSocketSession session) {
+  session_ = std::move(session);
+  drain();
+}
+
+void WebSocketLink::drain() {
   for (;;) {
-    Frame frame;
-    std::size_t consumed = 0;
-    FrameStatus status = parse_frame(buffer, frame, consumed);
-    if (status == FrameStatus::kTooLarge) return LoopEnd::kGone;
-    if (status == FrameStatus::kNeedMore) {
-      char chunk[4096];
-      long n = platform::receive_some(socket, chunk, sizeof chunk);
-      if (n <= 0) return LoopEnd::kGone;
-      buffer.append(chunk, static_cast<std::size_t>(n));
-      continue;
+    Pending next;
+    {
+      std::lock_guard guard(in_lock_);
+      if (inbox_.empty() || closed_) {
+        inbox_.clear();
+        draining_ = false;
+        return;
+      }
+      next = std::move(inbox_.front());
+      inbox_.pop_front();
     }
-    buffer.erase(0, consumed);
-    FrameAction action = assembler.feed(std::move(frame));
-    switch (action.kind) {
-      case FrameAction::kClose:
-        return LoopEnd::kPeerClosed;
-      case FrameAction::kTooLarge:
-        return LoopEnd::kGone;
-      case FrameAction::kPong:
-        outlet.send(kPong, action.data);
+    std::size_t size = next.message.size();
+    switch (next.event) {
+      case Event::kMessage:
+        if (session_.on_message) session_.on_message(std::move(next.message), next.binary);
         break;
-      case FrameAction::kMessage:
-        if (session.on_message) session.on_message(std::move(action.data), action.binary);
+      case Event::kPeerClosed:
+        // Answered only now, so that replies to earlier messages go out before it.
+        close(1000);
+        [[fallthrough]];
+      case Event::kGone:
+        if (next.event == Event::kGone) end();
+        {
+          std::lock_guard guard(in_lock_);
+          closed_ = true;
+        }
+        if (session_.on_close) session_.on_close();
         break;
-      case FrameAction::kNone:
-        break;
+    }
+    backlog_ -= size;
+    if (paused_.load() && backlog_.load() < queue_limit_ / 2) {
+      paused_.store(false);
+      mailbox_->touch(id_);
     }
   }
 }
-
-}  // namespace
 
 std::optional<Response> websocket_refusal(ServerState& state, const Request& request) {
   if (!admits_websocket(state, request))
@@ -100,24 +149,36 @@ std::optional<Response> websocket_refusal(ServerState& state, const Request& req
   return std::nullopt;
 }
 
-void serve_websocket(ServerState& state, platform::Socket& socket, const Request& request) {
+void open_websocket(const std::shared_ptr<ServerState>& state, std::uint64_t id, Request& request) {
+  Completion done;
+  done.id = id;
   const WebSocketEndpoint* endpoint = find_websocket_endpoint(request.path);
-  if (endpoint == nullptr) return;
   const std::string& key = request.header("sec-websocket-key");
-  if (key.empty()) return;
-  std::string answer =
+  if (endpoint == nullptr || key.empty()) {
+    done.drop = true;
+    state->mailbox->post(std::move(done));
+    return;
+  }
+  const ServerLimits& limits = state->options.limits;
+  auto link =
+      std::make_shared<WebSocketLink>(state->mailbox, id, limits.websocket_queue_bytes,
+                                      std::chrono::milliseconds(limits.send_timeout_millis));
+  link->queue_now(
       "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
       "Sec-WebSocket-Accept: " +
-      websocket_accept_key(key) + "\r\n\r\n";
-  if (!platform::send_all(socket, answer)) return;
-  platform::set_no_delay(socket);
-
-  auto outlet = std::make_shared<SocketOutlet>(socket);
-  WebSocketSession session = endpoint->open(state, request, outlet);
-  LoopEnd end = frame_loop(socket, *outlet, session, request.body);
-  if (end == LoopEnd::kPeerClosed) outlet->send(kClose, std::string("\x03\xE8", 2));
-  outlet->detach();
-  if (session.on_close) session.on_close();
+      websocket_accept_key(key) + "\r\n\r\n");
+  // The loop takes the connection over now, so that what the endpoint sends while
+  // it opens (a history replay) flows out instead of filling the queue.
+  done.link = link;
+  done.bytes = std::move(request.body);
+  state->mailbox->post(std::move(done));
+  WebSocketSession session;
+  try {
+    session = endpoint->open(*state, request, link);
+  } catch (...) {
+    link->close(1011);
+  }
+  link->start(std::move(session));
 }
 
 }  // namespace kx::server
