@@ -63,8 +63,9 @@ ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSo
 
 }  // namespace
 
-// Every unit of every caller runs under the session's one lock, through the same
-// front end as a local run, in the caller's own console seat.
+// Every unit of every caller runs under the session's one lock (a long computation
+// may let it go, see lang::run_outside_lock), through the same front end as a local
+// run, in the caller's own console seat.
 server::ExecBridge make_exec_bridge(Workspace& workspace) {
   auto seats = std::make_shared<lang::ConsoleSeats>();
   return [&workspace, seats](const server::ExecRequest& request) -> server::ExecResult {
@@ -80,7 +81,10 @@ server::ExecBridge make_exec_bridge(Workspace& workspace) {
     if (request.structured_only) {
       std::filesystem::path saved_cwd = session.cwd;
       if (!request.cwd.empty()) session.cwd = request.cwd;
+      auto previous_swap = std::exchange(
+          session.swap_caller_state, [&session, &saved_cwd] { std::swap(session.cwd, saved_cwd); });
       std::string out = lang::run_line(session, request.bot, request.line);
+      session.swap_caller_state = std::move(previous_swap);
       session.cwd = saved_cwd;
       return out;
     }
