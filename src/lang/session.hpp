@@ -79,6 +79,10 @@ struct Session {
   // called once to put the caller's state away and once to bring it back, around a
   // computation that runs outside the lock (run_outside_lock).
   std::function<void()> swap_caller_state;
+
+  // Run before each caller's line (not the lines a line runs): picks up what other
+  // processes changed that this one keeps in memory.
+  std::function<void()> before_line;
   bool parked = false;  // a command is computing outside the lock
 
   // The most recent structured commands and their results, oldest first.

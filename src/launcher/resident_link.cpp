@@ -118,6 +118,7 @@ std::map<std::string, server::ViewHandler> make_store_views(Workspace& workspace
   auto run = [&workspace](auto view) {
     return [&workspace, view](const Request& request) -> Response {
       std::lock_guard guard(workspace.session->lock);
+      if (workspace.session->before_line) workspace.session->before_line();
       vfs::View answer = view(*workspace.stores, request);
       return {answer.status, server::kJsonUtf8, std::move(answer.body)};
     };
