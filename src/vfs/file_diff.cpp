@@ -1,9 +1,9 @@
 #include "vfs/file_diff.hpp"
 
 #include <algorithm>
+#include <functional>
 #include <new>
 #include <span>
-#include <unordered_map>
 
 #include "vfs/lcs_rows.hpp"
 #include "vfs/ond_diff.hpp"
@@ -130,14 +130,38 @@ std::vector<ScriptLine> diff_lines(const std::vector<std::string_view>& first,
   for (std::size_t i = 0; i < prefix; ++i)
     script.push_back({LineTag::same, static_cast<std::uint32_t>(i)});
 
-  // Intern the middle lines so the LCS compares integers, not strings.
-  std::unordered_map<std::string_view, std::uint32_t> ids;
+  // Intern the middle lines so the LCS compares integers, not strings. A flat table
+  // of ids keyed by the lines' hashes: no allocation per line.
+  const std::size_t middle = first.size() + second.size() - 2 * (prefix + suffix);
+  std::size_t capacity = 16;
+  while (capacity < middle * 2) capacity *= 2;
+  std::vector<std::uint32_t> slots(capacity, 0);  // id + 1, or 0 when free
+  std::vector<std::string_view> texts;            // by id
+  std::vector<std::size_t> hashes;                // by id
+  texts.reserve(middle);
+  hashes.reserve(middle);
+  const std::hash<std::string_view> hash_of;
   auto intern = [&](const std::vector<std::string_view>& lines) {
     std::vector<std::uint32_t> out;
     out.reserve(lines.size() - prefix - suffix);
-    for (std::size_t i = prefix; i < lines.size() - suffix; ++i)
-      out.push_back(
-          ids.try_emplace(lines[i], static_cast<std::uint32_t>(ids.size())).first->second);
+    for (std::size_t i = prefix; i < lines.size() - suffix; ++i) {
+      const std::size_t hash = hash_of(lines[i]);
+      std::size_t at = hash & (capacity - 1);
+      for (;; at = (at + 1) & (capacity - 1)) {
+        const std::uint32_t slot = slots[at];
+        if (slot == 0) {
+          slots[at] = static_cast<std::uint32_t>(texts.size()) + 1;
+          texts.push_back(lines[i]);
+          hashes.push_back(hash);
+          out.push_back(static_cast<std::uint32_t>(texts.size()) - 1);
+          break;
+        }
+        if (hashes[slot - 1] == hash && texts[slot - 1] == lines[i]) {
+          out.push_back(slot - 1);
+          break;
+        }
+      }
+    }
     return out;
   };
   const std::vector<std::uint32_t> a = intern(first);
