@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <mutex>
 #include <set>
 #include <utility>
 
@@ -132,9 +133,14 @@ std::map<std::string, server::ViewHandler> make_store_views(Workspace& workspace
   views["/store/log"] = run([store, path](kst::StoreSet& s, const Request& r) {
     return vfs::log_view(s, store(r), path(r));
   });
-  views["/store/diff"] = run([store, path](kst::StoreSet& s, const Request& r) {
-    return vfs::diff_view(s, store(r), path(r), version_param(r, "a"), version_param(r, "b"));
-  });
+  // The diff itself runs on copies, without the session's lock.
+  views["/store/diff"] = [&workspace, store, path](const Request& r) -> Response {
+    std::unique_lock guard(workspace.session->lock);
+    if (workspace.session->before_line) workspace.session->before_line();
+    vfs::View answer = vfs::diff_view(*workspace.stores, store(r), path(r), version_param(r, "a"),
+                                      version_param(r, "b"), [&guard] { guard.unlock(); });
+    return {answer.status, server::kJsonUtf8, std::move(answer.body)};
+  };
   views["/store/changes"] =
       run([](kst::StoreSet& s, const Request&) { return vfs::changes_view(s); });
   // A version's bytes are the file's own, not JSON.
