@@ -1,22 +1,31 @@
 #include "lang/console_seats.hpp"
 
 #include <sstream>
+#include <utility>
 
 namespace kx::lang {
 
-ConsoleSeats::Seat& ConsoleSeats::seat_for(const std::string& key,
+ConsoleSeats::Seat ConsoleSeats::take_seat(const std::string& key,
                                            const std::filesystem::path& cwd) {
-  for (auto it = seats_.begin(); it != seats_.end(); ++it) {
-    if (it->key != key) continue;
-    seats_.splice(seats_.begin(), seats_, it);
-    return seats_.front();
-  }
+  if (!key.empty())
+    for (auto it = seats_.begin(); it != seats_.end(); ++it) {
+      if (it->key != key) continue;
+      Seat seat = std::move(*it);
+      seats_.erase(it);
+      return seat;
+    }
   Seat seat;
   seat.key = key;
   seat.cwd = cwd;
+  return seat;
+}
+
+void ConsoleSeats::put_seat(Seat seat) {
+  // A unit of the same console that ran meanwhile made a seat of its own; the one
+  // coming back is the later.
+  std::erase_if(seats_, [&](const Seat& s) { return s.key == seat.key; });
   seats_.push_front(std::move(seat));
   if (seats_.size() > kMaxSeats) seats_.pop_back();
-  return seats_.front();
 }
 
 // The seat's state stands in for the session's while one of its units runs.
@@ -35,13 +44,18 @@ UnitResult ConsoleSeats::run(Session& session, const std::string& key,
                              UnitForm form) {
   // Session before seats: every other path into the session takes its lock first.
   std::lock_guard session_guard(session.lock);
-  std::lock_guard guard(mutex_);
-  // A caller that keeps no console gets a seat for this unit alone.
-  Seat transient;
-  transient.cwd = cwd.empty() ? session.cwd : cwd;
-  Seat& seat = key.empty() ? transient : seat_for(key, transient.cwd);
+  // The seat leaves the list while its unit runs and goes back to the front after, so
+  // the seats' own lock is not held through a command that lets the session go
+  // (run_outside_lock) and lets other callers in.
+  Seat seat;
+  {
+    std::lock_guard guard(mutex_);
+    seat = take_seat(key, cwd.empty() ? session.cwd : cwd);
+  }
 
   swap_state(session, seat);
+  auto previous_swap =
+      std::exchange(session.swap_caller_state, [&session, &seat] { swap_state(session, seat); });
 
   std::ostringstream out, err;
   UnitResult result;
@@ -52,8 +66,13 @@ UnitResult ConsoleSeats::run(Session& session, const std::string& key,
     result.status = kSyntaxError;
   }
 
+  session.swap_caller_state = std::move(previous_swap);
   swap_state(session, seat);
 
+  if (!key.empty()) {
+    std::lock_guard guard(mutex_);
+    put_seat(std::move(seat));
+  }
   result.out = std::move(out).str();
   result.err = std::move(err).str();
   return result;

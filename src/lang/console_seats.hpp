@@ -48,7 +48,9 @@ class ConsoleSeats {
     TurnRing turns;
   };
   static void swap_state(Session& session, Seat& seat);
-  Seat& seat_for(const std::string& key, const std::filesystem::path& cwd);
+  // The seat of `key`, taken out of the list (a new one starting in `cwd` if none).
+  Seat take_seat(const std::string& key, const std::filesystem::path& cwd);
+  void put_seat(Seat seat);
 
   mutable std::mutex mutex_;
   std::list<Seat> seats_;  // most recent use first

@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+
 #include "lang/registry.hpp"
 #include "lang/system_family.hpp"
 #include "lang/test_families.hpp"
@@ -58,6 +63,76 @@ TEST(ConsoleSeats, TurnsAndRegistersBelongToTheirConsole) {
                   .out.starts_with("OK: 1 turn(s) in the ring, seqs 1..1"));
   EXPECT_TRUE(session.turns.turns().empty());
   EXPECT_EQ(session.registers.values(), std::vector<std::string>{"resident"});
+}
+
+// A command computing outside the lock: another console's units run meanwhile, each
+// in its own state, and every turn lands in its own console's ring. Inside a script
+// the same command keeps the lock.
+TEST(ConsoleSeats, ComputationOutsideTheLockLetsOtherConsolesIn) {
+  Registry registry;
+  register_system_family(registry);
+  std::mutex m;
+  std::condition_variable cv;
+  bool started = false, other_done = false, other_ran_inside = false;
+  std::chrono::milliseconds patience{0};
+  Family slow{"slow", ':', "slow (test)", {}, nullptr};
+  slow.verbs.push_back(Verb{"wait",
+                            {},
+                            "",
+                            "slow:wait",
+                            "slow:wait",
+                            "Files",
+                            "",
+                            [&](Session& s, std::string_view) -> std::string {
+                              run_outside_lock(s, [&] {
+                                std::unique_lock l(m);
+                                started = true;
+                                cv.notify_all();
+                                other_ran_inside =
+                                    cv.wait_for(l, patience, [&] { return other_done; });
+                              });
+                              return "OK: waited in " + s.cwd.string();
+                            }});
+  registry.add_family(std::move(slow));
+  Session session(registry);
+  session.cwd = "/resident";
+  ConsoleSeats seats;
+
+  auto round = [&](const std::string& unit, std::chrono::milliseconds wait) {
+    started = other_done = other_ran_inside = false;
+    patience = wait;
+    auto a = std::async(std::launch::async,
+                        [&] { return seats.run(session, "a", "/a", unit, UnitForm::kLines); });
+    {
+      std::unique_lock l(m);
+      cv.wait(l, [&] { return started; });
+    }
+    UnitResult b = seats.run(session, "b", "/b", "pwd\n", UnitForm::kLines);
+    EXPECT_NE(b.out.find("/b"), std::string::npos) << b.out;
+    {
+      std::lock_guard l(m);
+      other_done = true;
+    }
+    cv.notify_all();
+    return a.get();
+  };
+
+  UnitResult a = round("slow:wait\n", std::chrono::seconds(10));
+  EXPECT_TRUE(other_ran_inside);
+  EXPECT_EQ(a.out, "OK: waited in /a\n");
+  EXPECT_TRUE(seats.run(session, "a", "", "fssys:turns", UnitForm::kArguments)
+                  .out.starts_with("OK: 1 turn(s) in the ring, seqs 1..1"));
+  EXPECT_TRUE(seats.run(session, "b", "", "fssys:turns", UnitForm::kArguments)
+                  .out.starts_with("OK: 1 turn(s) in the ring, seqs 1..1"));
+  EXPECT_TRUE(session.turns.turns().empty());
+  EXPECT_EQ(session.cwd, "/resident");
+  EXPECT_EQ(session.line_depth, 0);
+  EXPECT_EQ(session.lock.depth_here(), 0);
+
+  // A statement's command: the other console waits until the whole unit is done.
+  a = round("if (1 > 0) slow:wait\n", std::chrono::milliseconds(300));
+  EXPECT_FALSE(other_ran_inside);
+  EXPECT_EQ(a.out, "OK: waited in /a\n");
 }
 
 TEST(ConsoleSeats, OldestConsolesAreForgottenBeyondTheLimit) {

@@ -80,6 +80,7 @@ std::string run_line_inner(Session& session, std::string_view trimmed) {
 std::string run_line(Session& session, std::string_view bot_id, std::string_view line) {
   std::lock_guard lock(session.lock);
   session.bot_id = std::string(bot_id);
+  if (session.line_depth == 0 && session.before_line) session.before_line();
   std::string_view trimmed = trim(line);
   // Only a line a caller runs itself is a turn; the lines that actions, scripts
   // and the turn log run are not.

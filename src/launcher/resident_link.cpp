@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <mutex>
 #include <set>
 #include <utility>
 
@@ -58,8 +59,9 @@ ForwardResult forward_or_say(std::uint16_t port, const std::string& line, UnitSo
 
 }  // namespace
 
-// Every unit of every caller runs under the session's one lock, through the same
-// front end as a local run, in the caller's own console seat.
+// Every unit of every caller runs under the session's one lock (a long computation
+// may let it go, see lang::run_outside_lock), through the same front end as a local
+// run, in the caller's own console seat.
 server::ExecBridge make_exec_bridge(Workspace& workspace) {
   auto seats = std::make_shared<lang::ConsoleSeats>();
   return [&workspace, seats](const server::ExecRequest& request) -> server::ExecResult {
@@ -75,7 +77,10 @@ server::ExecBridge make_exec_bridge(Workspace& workspace) {
     if (request.structured_only) {
       std::filesystem::path saved_cwd = session.cwd;
       if (!request.cwd.empty()) session.cwd = request.cwd;
+      auto previous_swap = std::exchange(
+          session.swap_caller_state, [&session, &saved_cwd] { std::swap(session.cwd, saved_cwd); });
       std::string out = lang::run_line(session, request.bot, request.line);
+      session.swap_caller_state = std::move(previous_swap);
       session.cwd = saved_cwd;
       return out;
     }
@@ -109,6 +114,7 @@ std::map<std::string, server::ViewHandler> make_store_views(Workspace& workspace
   auto run = [&workspace](auto view) {
     return [&workspace, view](const Request& request) -> Response {
       std::lock_guard guard(workspace.session->lock);
+      if (workspace.session->before_line) workspace.session->before_line();
       vfs::View answer = view(*workspace.stores, request);
       return {answer.status, server::kJsonUtf8, std::move(answer.body)};
     };
@@ -122,9 +128,14 @@ std::map<std::string, server::ViewHandler> make_store_views(Workspace& workspace
   views["/store/log"] = run([store, path](kst::StoreSet& s, const Request& r) {
     return vfs::log_view(s, store(r), path(r));
   });
-  views["/store/diff"] = run([store, path](kst::StoreSet& s, const Request& r) {
-    return vfs::diff_view(s, store(r), path(r), version_param(r, "a"), version_param(r, "b"));
-  });
+  // The diff itself runs on copies, without the session's lock.
+  views["/store/diff"] = [&workspace, store, path](const Request& r) -> Response {
+    std::unique_lock guard(workspace.session->lock);
+    if (workspace.session->before_line) workspace.session->before_line();
+    vfs::View answer = vfs::diff_view(*workspace.stores, store(r), path(r), version_param(r, "a"),
+                                      version_param(r, "b"), [&guard] { guard.unlock(); });
+    return {answer.status, server::kJsonUtf8, std::move(answer.body)};
+  };
   views["/store/changes"] =
       run([](kst::StoreSet& s, const Request&) { return vfs::changes_view(s); });
   // A version's bytes are the file's own, not JSON.

@@ -1,9 +1,9 @@
 #include "vfs/file_diff.hpp"
 
 #include <algorithm>
+#include <functional>
 #include <new>
 #include <span>
-#include <unordered_map>
 
 #include "vfs/lcs_rows.hpp"
 #include "vfs/ond_diff.hpp"
@@ -38,6 +38,15 @@ class Aligner {
       }
       out_.push_back({LineTag::removed, a_base});
       emit(LineTag::added, b_base, b.size());
+      return;
+    }
+
+    // Equal ranges: the split below would land on the middle at every level (it is the
+    // only point where the two halves' LCS add up to the whole), so every line pairs
+    // with its twin. Saying so directly skips the rows.
+    if (std::equal(a.begin(), a.end(), b.begin(), b.end())) {
+      for (std::size_t k = 0; k < a.size(); ++k)
+        out_.push_back({LineTag::same, a_base + static_cast<std::uint32_t>(k)});
       return;
     }
 
@@ -80,6 +89,13 @@ void append_line(std::string& out, std::string_view tag, std::string_view line) 
   out += '\n';
 }
 
+std::size_t count_newlines(std::string_view text) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find('\n'); at != std::string_view::npos; at = text.find('\n', at + 1))
+    ++count;
+  return count;
+}
+
 }  // namespace
 
 std::vector<std::string_view> split_lines(std::string_view text) {
@@ -114,14 +130,38 @@ std::vector<ScriptLine> diff_lines(const std::vector<std::string_view>& first,
   for (std::size_t i = 0; i < prefix; ++i)
     script.push_back({LineTag::same, static_cast<std::uint32_t>(i)});
 
-  // Intern the middle lines so the LCS compares integers, not strings.
-  std::unordered_map<std::string_view, std::uint32_t> ids;
+  // Intern the middle lines so the LCS compares integers, not strings. A flat table
+  // of ids keyed by the lines' hashes: no allocation per line.
+  const std::size_t middle = first.size() + second.size() - 2 * (prefix + suffix);
+  std::size_t capacity = 16;
+  while (capacity < middle * 2) capacity *= 2;
+  std::vector<std::uint32_t> slots(capacity, 0);  // id + 1, or 0 when free
+  std::vector<std::string_view> texts;            // by id
+  std::vector<std::size_t> hashes;                // by id
+  texts.reserve(middle);
+  hashes.reserve(middle);
+  const std::hash<std::string_view> hash_of;
   auto intern = [&](const std::vector<std::string_view>& lines) {
     std::vector<std::uint32_t> out;
     out.reserve(lines.size() - prefix - suffix);
-    for (std::size_t i = prefix; i < lines.size() - suffix; ++i)
-      out.push_back(
-          ids.try_emplace(lines[i], static_cast<std::uint32_t>(ids.size())).first->second);
+    for (std::size_t i = prefix; i < lines.size() - suffix; ++i) {
+      const std::size_t hash = hash_of(lines[i]);
+      std::size_t at = hash & (capacity - 1);
+      for (;; at = (at + 1) & (capacity - 1)) {
+        const std::uint32_t slot = slots[at];
+        if (slot == 0) {
+          slots[at] = static_cast<std::uint32_t>(texts.size()) + 1;
+          texts.push_back(lines[i]);
+          hashes.push_back(hash);
+          out.push_back(static_cast<std::uint32_t>(texts.size()) - 1);
+          break;
+        }
+        if (hashes[slot - 1] == hash && texts[slot - 1] == lines[i]) {
+          out.push_back(slot - 1);
+          break;
+        }
+      }
+    }
     return out;
   };
   const std::vector<std::uint32_t> a = intern(first);
@@ -151,9 +191,7 @@ std::string file_diff(const DiffSide& first, const DiffSide& second, DiffLimits 
     if (limits.memory_budget != 0) {
       // Lines, ids, the script and the scratch rows: a few words per line of either
       // side, plus the rendered answer, which holds both texts at most once more.
-      const std::size_t lines =
-          static_cast<std::size_t>(std::count(first.text.begin(), first.text.end(), '\n') +
-                                   std::count(second.text.begin(), second.text.end(), '\n') + 2);
+      const std::size_t lines = count_newlines(first.text) + count_newlines(second.text) + 2;
       const std::size_t need = lines * 64 + first.text.size() + second.text.size();
       if (need > limits.memory_budget) throw std::bad_alloc();
     }

@@ -110,6 +110,126 @@ TEST(FileDiff, RandomEditsOfOneTextStayOptimal) {
   }
 }
 
+// The textbook Hirschberg recursion with cell-by-cell rows and no shortcuts, over the
+// same stripped middle: the script diff_lines must reproduce line for line, ties
+// included, so that speeding it up never changes what is printed.
+class PlainHirschberg {
+ public:
+  PlainHirschberg(const std::vector<std::string_view>& a, const std::vector<std::string_view>& b)
+      : a_(a), b_(b) {}
+
+  std::vector<ScriptLine> run() {
+    std::size_t prefix = 0, suffix = 0;
+    while (prefix < a_.size() && prefix < b_.size() && a_[prefix] == b_[prefix]) ++prefix;
+    while (suffix < a_.size() - prefix && suffix < b_.size() - prefix &&
+           a_[a_.size() - 1 - suffix] == b_[b_.size() - 1 - suffix])
+      ++suffix;
+    for (std::size_t i = 0; i < prefix; ++i) same(i);
+    align(prefix, a_.size() - suffix, prefix, b_.size() - suffix);
+    for (std::size_t i = a_.size() - suffix; i < a_.size(); ++i) same(i);
+    return out_;
+  }
+
+ private:
+  // LCS(a[a0..a1), b[b0..j)) for every j, walking forward or (reversed) backward.
+  std::vector<std::size_t> row(std::size_t a0, std::size_t a1, std::size_t b0, std::size_t b1,
+                               bool backward) const {
+    const std::size_t m = b1 - b0;
+    std::vector<std::size_t> prev(m + 1, 0), cur(m + 1, 0);
+    for (std::size_t i = 0; i < a1 - a0; ++i) {
+      const std::string_view x = backward ? a_[a1 - 1 - i] : a_[a0 + i];
+      for (std::size_t j = 1; j <= m; ++j) {
+        const std::string_view y = backward ? b_[b1 - j] : b_[b0 + j - 1];
+        cur[j] = x == y ? prev[j - 1] + 1 : std::max(prev[j], cur[j - 1]);
+      }
+      prev.swap(cur);
+    }
+    return prev;
+  }
+
+  void align(std::size_t a0, std::size_t a1, std::size_t b0, std::size_t b1) {
+    if (a0 == a1) {
+      for (std::size_t j = b0; j < b1; ++j) out_.push_back({LineTag::added, index(j)});
+      return;
+    }
+    if (b0 == b1) {
+      for (std::size_t i = a0; i < a1; ++i) out_.push_back({LineTag::removed, index(i)});
+      return;
+    }
+    if (a1 - a0 == 1) {
+      for (std::size_t j = b0; j < b1; ++j) {
+        if (b_[j] != a_[a0]) continue;
+        for (std::size_t k = b0; k < j; ++k) out_.push_back({LineTag::added, index(k)});
+        same(a0);
+        for (std::size_t k = j + 1; k < b1; ++k) out_.push_back({LineTag::added, index(k)});
+        return;
+      }
+      out_.push_back({LineTag::removed, index(a0)});
+      for (std::size_t k = b0; k < b1; ++k) out_.push_back({LineTag::added, index(k)});
+      return;
+    }
+    const std::size_t mid = a0 + (a1 - a0) / 2, m = b1 - b0;
+    const auto forward = row(a0, mid, b0, b1, false);
+    const auto backward = row(mid, a1, b0, b1, true);
+    std::size_t split = 0, best = 0;
+    for (std::size_t k = 0; k <= m; ++k)
+      if (k == 0 || forward[k] + backward[m - k] > best) {
+        best = forward[k] + backward[m - k];
+        split = k;
+      }
+    align(a0, mid, b0, b0 + split);
+    align(mid, a1, b0 + split, b1);
+  }
+
+  void same(std::size_t i) { out_.push_back({LineTag::same, index(i)}); }
+  static std::uint32_t index(std::size_t i) { return static_cast<std::uint32_t>(i); }
+
+  const std::vector<std::string_view>& a_;
+  const std::vector<std::string_view>& b_;
+  std::vector<ScriptLine> out_;
+};
+
+std::vector<std::string_view> views(const std::vector<std::string>& lines) {
+  return {lines.begin(), lines.end()};
+}
+
+void expect_same_script(const std::vector<std::string>& a, const std::vector<std::string>& b) {
+  const auto va = views(a), vb = views(b);
+  const std::vector<ScriptLine> fast = diff_lines(va, vb);
+  const std::vector<ScriptLine> plain = PlainHirschberg(va, vb).run();
+  ASSERT_EQ(fast.size(), plain.size());
+  for (std::size_t k = 0; k < fast.size(); ++k) {
+    ASSERT_EQ(fast[k].tag, plain[k].tag) << "script line " << k;
+    ASSERT_EQ(fast[k].index, plain[k].index) << "script line " << k;
+  }
+}
+
+TEST(FileDiff, ScriptIsExactlyThePlainRecursionsOnRepeatsAndLongEqualRuns) {
+  std::mt19937 rng(31);
+  for (int round = 0; round < 400; ++round) {
+    // Few distinct lines: many equally long alignments, where only the recursion's own
+    // tie rules decide which one is printed.
+    const int alphabet = 1 + round % 6;
+    auto a = random_lines(rng, 300, alphabet);
+    auto b = random_lines(rng, 300, alphabet);
+    expect_same_script(a, b);
+    // Mostly equal texts with repeats: ranges of the recursion that are equal, next to
+    // ones that are not.
+    b = a;
+    std::uniform_int_distribution<int> op(0, 2);
+    for (int e = 0; e < 3 && !b.empty(); ++e) {
+      std::uniform_int_distribution<std::size_t> at(0, b.size() - 1);
+      const std::size_t k = at(rng);
+      if (op(rng) == 0)
+        b.erase(b.begin() + static_cast<std::ptrdiff_t>(k));
+      else
+        b.insert(b.begin() + static_cast<std::ptrdiff_t>(k), "line " + std::to_string(e % 2));
+    }
+    expect_same_script(a, b);
+    if (HasFailure()) FAIL() << "round " << round;
+  }
+}
+
 TEST(FileDiff, PrintsHeaderAndIdenticalVersionsOnlyAsSameLines) {
   const std::string out = file_diff({"src/x.cpp", 3, "a\nb\n"}, {"src/x.cpp", 5, "a\nb\n"});
   EXPECT_EQ(out,

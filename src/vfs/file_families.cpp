@@ -1,5 +1,6 @@
 #include "vfs/file_families.hpp"
 
+#include <algorithm>
 #include <iostream>
 #include <system_error>
 
@@ -195,41 +196,73 @@ std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, 
   return stores;
 }
 
+namespace {
+
+// Enrolls one listed directory again (the `n`th of the list), makes it active and
+// reports the outcome; nullptr when it could not be.
+kst::Store* reenroll_entry(kst::StoreSet& stores, const kst::ConfigEntry& entry, std::size_t n,
+                           std::ostream& report) {
+  std::error_code ec;
+  if (!fs::is_directory(entry.path, ec)) {
+    report << "[vc]     skipped " << entry.path << " (no such directory)\n";
+    report << "[versioncontroldirs] " << entry.path << " -> skipped (no such directory)\n";
+    return nullptr;
+  }
+  std::string error;
+  auto policy = kst::parse_policy(entry.flags, error);
+  if (!policy) {
+    report << "[versioncontroldirs] " << entry.path << " -> ERROR: bad policy: " << error << "\n";
+    return nullptr;
+  }
+  auto store = stores.make_store(listed_root(entry), *policy);
+  std::string reason;
+  report << "[vc] (" << n << ") caching " << entry.path;
+  if (store->versioned() && !store->load(report, reason)) {
+    report << " -> ingest failed\n";
+    report << "[versioncontroldirs] " << entry.path << " -> ERROR: ingest failed\n";
+    return nullptr;
+  }
+  std::size_t count = store->files().size();
+  report << " -> cached (" << count << " file(s))\n";
+  kst::Store& adopted = stores.adopt(std::move(store));
+  stores.set_active(&adopted);
+  report << "[versioncontroldirs] " << entry.path << " -> enrolled (" << count << " file(s)), "
+         << (policy->watch ? "watching for changes" : "watch=off") << "\n";
+  return &adopted;
+}
+
+}  // namespace
+
+fs::path listed_root(const kst::ConfigEntry& entry) {
+  // The same directory written differently (a link, a trailing slash) is one store.
+  std::error_code ec;
+  fs::path root = fs::canonical(entry.path, ec);
+  return ec ? fs::path(entry.path) : root;
+}
+
 void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
   auto entries = kst::read_config_entries(stores.config_file());
   std::size_t n = 0;
-  for (const auto& entry : entries) {
-    ++n;
-    std::error_code ec;
-    if (!fs::is_directory(entry.path, ec)) {
-      report << "[vc]     skipped " << entry.path << " (no such directory)\n";
-      report << "[versioncontroldirs] " << entry.path << " -> skipped (no such directory)\n";
-      continue;
-    }
-    // The same directory written differently (a link, a trailing slash) is one store.
-    fs::path root = fs::canonical(entry.path, ec);
-    if (ec) root = entry.path;
-    std::string error;
-    auto policy = kst::parse_policy(entry.flags, error);
-    if (!policy) {
-      report << "[versioncontroldirs] " << entry.path << " -> ERROR: bad policy: " << error << "\n";
-      continue;
-    }
-    auto store = stores.make_store(root, *policy);
-    std::string reason;
-    report << "[vc] (" << n << ") caching " << entry.path;
-    if (store->versioned() && !store->load(report, reason)) {
-      report << " -> ingest failed\n";
-      report << "[versioncontroldirs] " << entry.path << " -> ERROR: ingest failed\n";
-      continue;
-    }
-    std::size_t count = store->files().size();
-    report << " -> cached (" << count << " file(s))\n";
-    stores.set_active(&stores.adopt(std::move(store)));
-    report << "[versioncontroldirs] " << entry.path << " -> enrolled (" << count << " file(s)), "
-           << (policy->watch ? "watching for changes" : "watch=off") << "\n";
-  }
+  for (const auto& entry : entries) reenroll_entry(stores, entry, ++n, report);
   if (!entries.empty()) report << "[vc] version control ready.\n";
+}
+
+void follow_enrolled_dirs(kst::StoreSet& stores, std::ostream& report) {
+  const auto entries = kst::read_config_entries(stores.config_file());
+  std::vector<fs::path> listed;
+  for (const auto& entry : entries) listed.push_back(listed_root(entry));
+  // Left first, so that the active store afterwards is a listed one.
+  for (kst::Store* store : stores.all()) {
+    if (std::find(listed.begin(), listed.end(), store->disk_root()) != listed.end()) continue;
+    kst::Store* next = nullptr;
+    for (const fs::path& root : listed)
+      if (kst::Store* s = stores.find(root); s != nullptr && s != store) next = s;
+    stores.retire(*store, next);
+    report << "[versioncontroldirs] " << store->disk_root().string()
+           << " -> unenrolled by another process\n";
+  }
+  for (std::size_t n = 0; n < entries.size(); ++n)
+    if (stores.find(listed[n]) == nullptr) reenroll_entry(stores, entries[n], n + 1, report);
 }
 
 std::shared_ptr<kst::FileWatches> register_file_watches(lang::Registry& registry,

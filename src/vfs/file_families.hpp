@@ -1,10 +1,12 @@
 #pragma once
 // The file command families "fs:", "fsmk:", "fsraw:", "fsstat:" and the enroll and
 // policy verbs, over one set of stores.
+#include <filesystem>
 #include <memory>
 #include <ostream>
 
 #include "lang/registry.hpp"
+#include "vfs/enroll.hpp"
 #include "vfs/file_watches.hpp"
 #include "vfs/store_set.hpp"
 
@@ -27,5 +29,13 @@ std::shared_ptr<kst::FileWatches> register_file_watches(lang::Registry& registry
 // "[vc] ..." progress lines) go to `report`; the program passes standard error so
 // that standard output carries only command results.
 void reenroll_from_config(kst::StoreSet& stores, std::ostream& report);
+
+// Brings the set in line with versioncontroldirs.cfg as another process left it:
+// listed directories not in the set are enrolled (the last becomes active, as at a
+// start), and stores no longer listed leave the set (their history stays on disk).
+void follow_enrolled_dirs(kst::StoreSet& stores, std::ostream& report);
+
+// The store root a listed directory stands for.
+std::filesystem::path listed_root(const kst::ConfigEntry& entry);
 
 }  // namespace kx::vfs

@@ -1,5 +1,6 @@
 #include "vfs/file_watches.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <system_error>
@@ -272,16 +273,21 @@ std::string FileWatches::list() const {
 }
 
 void FileWatches::resume(std::ostream& report) {
+  add_listed(report, true);
+}
+
+void FileWatches::add_listed(std::ostream& report, bool report_known) {
   std::lock_guard guard(mutex_);
   for (const auto& entry : read_config_entries(stores_->watched_files_file())) {
-    report << "[watchedfiles] " << entry.path << " -> ";
     const fs::path file(entry.path);
+    bool known = false;
+    for (const auto& w : watches_) known = known || w->file() == file;
+    if (known && !report_known) continue;
+    report << "[watchedfiles] " << entry.path << " -> ";
     if (Store* store = stores_->containing(file)) {
       report << "covered by the enrolled store " << store->disk_root().string() << "\n";
       continue;
     }
-    bool known = false;
-    for (const auto& w : watches_) known = known || w->file() == file;
     if (known) {
       report << "already watching\n";
       continue;
@@ -297,6 +303,27 @@ void FileWatches::resume(std::ostream& report) {
       report << "watching\n";
     watches_.push_back(std::move(watch));
   }
+}
+
+void FileWatches::follow_config(std::ostream& report) {
+  std::vector<fs::path> listed;
+  for (const auto& entry : read_config_entries(stores_->watched_files_file()))
+    listed.emplace_back(entry.path);
+  std::vector<std::unique_ptr<FileWatch>> ending;
+  {
+    std::lock_guard guard(mutex_);
+    for (auto it = watches_.begin(); it != watches_.end();) {
+      if (std::find(listed.begin(), listed.end(), (*it)->file()) != listed.end()) {
+        ++it;
+        continue;
+      }
+      report << "[watchedfiles] " << (*it)->file().string() << " -> unwatched by another process\n";
+      ending.push_back(std::move(*it));
+      it = watches_.erase(it);
+    }
+  }
+  for (auto& w : ending) w->stop();
+  add_listed(report, false);
 }
 
 }  // namespace kst

@@ -85,11 +85,15 @@ class FileWatches {
   // Follows every file of watchedfiles.cfg, one report line each
   // ("[watchedfiles] <file> -> <outcome>").
   void resume(std::ostream& report);
+  // Brings the list in line with watchedfiles.cfg as another process left it: files
+  // listed there are followed (as resume does), files no longer listed are let go.
+  void follow_config(std::ostream& report);
 
  private:
   std::filesystem::path mirror_of(const std::filesystem::path& file) const;
   std::unique_ptr<FileWatch> make_watch(const std::filesystem::path& file) const;
   bool write_config() const;
+  void add_listed(std::ostream& report, bool report_known);
 
   std::shared_ptr<StoreSet> stores_;
   bool live_;

@@ -2,6 +2,8 @@
 // timeline, and emits (writing files out as of a time, approved by a human only).
 #include <charconv>
 #include <exception>
+#include <mutex>
+#include <utility>
 
 #include "lang/session.hpp"
 #include "lang/text.hpp"
@@ -22,6 +24,16 @@ namespace {
 
 namespace fs = std::filesystem;
 using Handler = std::function<std::string(HistoryState&, lang::Session&, const kst::Args&)>;
+
+// The active store's lock, as the verb wrapper holds it around a handler on this
+// thread: a handler that computes long on copies lets it go meanwhile.
+thread_local std::unique_lock<std::recursive_mutex>* t_store_guard = nullptr;
+struct StoreGuardScope {
+  explicit StoreGuardScope(std::unique_lock<std::recursive_mutex>& guard)
+      : previous(std::exchange(t_store_guard, &guard)) {}
+  ~StoreGuardScope() { t_store_guard = previous; }
+  std::unique_lock<std::recursive_mutex>* previous;
+};
 
 constexpr const char* kCacheMode = "cache write-through store (mode=cachewt)";
 
@@ -175,7 +187,7 @@ std::string revert(HistoryState& state, lang::Session& session, const kst::Args&
                      t.path, saved);
 }
 
-std::string diff(HistoryState& state, lang::Session&, const kst::Args& args) {
+std::string diff(HistoryState& state, lang::Session& session, const kst::Args& args) {
   const std::string usage =
       "ERROR: usage  fsvctl:diff <path>x</path><a>N</a>[<b>M</b>]   (version numbers; "
       "fsvctl:log shows the chain)";
@@ -204,7 +216,17 @@ std::string diff(HistoryState& state, lang::Session&, const kst::Args& args) {
   // Leave the machine half of what is free; a diff is never worth swapping for.
   if (auto free = platform::free_physical_memory())
     limits.memory_budget = static_cast<std::size_t>(*free / 2);
-  return kst::file_diff({t.path, *a, *text_a}, {t.path, *b, *text_b}, limits);
+  // The diff works on its own copies: other callers' commands, and this store's
+  // watcher, go ahead while it runs. Store before session when letting go, session
+  // before store when taking back, the order every command takes them in.
+  std::string answer;
+  const bool let_go = t_store_guard != nullptr && t_store_guard->owns_lock();
+  if (let_go) t_store_guard->unlock();
+  lang::run_outside_lock(session, [&] {
+    answer = kst::file_diff({t.path, *a, *text_a}, {t.path, *b, *text_b}, limits);
+  });
+  if (let_go) t_store_guard->lock();
+  return answer;
 }
 
 std::string log(HistoryState& state, lang::Session&, const kst::Args& args) {
@@ -407,6 +429,7 @@ lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
       // Resolving a path reads the store's index, which the watcher may be changing.
       std::unique_lock<std::recursive_mutex> guard;
       if (kst::Store* active = state->stores->active()) guard = std::unique_lock(active->mutex());
+      const StoreGuardScope scope(guard);
       std::string result = handler(*state, session, *args);
       return content ? result : lang::printable_lines(result);
     } catch (const std::exception& e) {

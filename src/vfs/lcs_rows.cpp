@@ -15,47 +15,62 @@ void lcs_row(std::span<const std::uint32_t> a, std::span<const std::uint32_t> b,
   const std::size_t m = b.size();
   // Small blocks (the bottom of a Hirschberg recursion) are cheaper cell by cell
   // than setting up masks.
-  if (a.size() * m <= 4096) {
+  if (a.size() * m <= 1024) {
     lcs_row_cells(a, b, row);
     return;
   }
   row.assign(m + 1, 0);
 
-  // Scratch kept per thread: the recursion calls this many times on shrinking ranges.
-  thread_local std::vector<std::uint64_t> columns;  // (symbol << 32 | column), sorted
+  // Per-symbol tables indexed by line id, kept per thread across calls (the recursion
+  // calls this many times on shrinking ranges) and put back to empty for b's symbols
+  // before returning, so each call costs O(m) to set up, not a sort.
+  constexpr std::uint32_t none = ~std::uint32_t{0};
+  thread_local std::vector<std::uint32_t> first_column;  // symbol -> lowest column, or none
+  thread_local std::vector<std::uint32_t> column_count;  // symbol -> columns holding it
+  thread_local std::vector<std::uint32_t> dense_at;      // symbol -> mask offset, or none
+  thread_local std::vector<std::uint32_t> next_column;   // column -> next with its symbol
   thread_local std::vector<std::uint64_t> v;
   thread_local std::vector<std::uint64_t> dense_masks;
-  thread_local std::vector<std::pair<std::uint32_t, std::size_t>> dense;  // symbol -> mask
-  columns.resize(m);
-  for (std::size_t j = 0; j < m; ++j) columns[j] = std::uint64_t{b[j]} << 32 | j;
-  std::sort(columns.begin(), columns.end());
 
+  const std::uint32_t top = *std::max_element(b.begin(), b.end());
+  if (dense_at.size() <= top) {  // resized last: a failed resize is retried whole
+    first_column.resize(std::size_t{top} + 1, none);
+    column_count.resize(std::size_t{top} + 1, 0);
+    dense_at.resize(std::size_t{top} + 1, none);
+  }
   const std::size_t words = (m + 63) / 64;
-  // A symbol with at least one column per word on average gets a dense mask and the
-  // plain word loop; at most 64 symbols qualify, so the masks stay within m words.
-  dense.clear();
+  // Every allocation happens before the tables are touched: a failed one must not
+  // leave them dirty for the next call.
+  next_column.resize(m);
+  v.assign(words, ~std::uint64_t{0});
   dense_masks.clear();
-  for (std::size_t i = 0; i < m;) {
-    std::size_t k = i;
-    while (k < m && columns[k] >> 32 == columns[i] >> 32) ++k;
-    if (k - i >= words) {
-      dense.emplace_back(static_cast<std::uint32_t>(columns[i] >> 32), dense_masks.size());
-      dense_masks.resize(dense_masks.size() + words, 0);
-      std::uint64_t* mask = dense_masks.data() + dense.back().second;
-      for (std::size_t c = i; c < k; ++c) {
-        const auto j = static_cast<std::uint32_t>(columns[c]);
-        mask[j / 64] |= std::uint64_t{1} << (j % 64);
-      }
-    }
-    i = k;
+  dense_masks.reserve(m);
+  for (std::size_t j = m; j-- > 0;) {
+    next_column[j] = first_column[b[j]];
+    first_column[b[j]] = static_cast<std::uint32_t>(j);
+    ++column_count[b[j]];
   }
 
-  v.assign(words, ~std::uint64_t{0});
+  // A symbol with at least one column per word on average gets a dense mask and the
+  // plain word loop; at most m / words symbols qualify, so the masks fit in m words.
+  for (std::size_t j = 0; j < m; ++j) {
+    const std::uint32_t symbol = b[j];
+    if (first_column[symbol] != j || column_count[symbol] < words) continue;
+    dense_at[symbol] = static_cast<std::uint32_t>(dense_masks.size());
+    dense_masks.resize(dense_masks.size() + words, 0);
+    std::uint64_t* mask = dense_masks.data() + dense_at[symbol];
+    for (std::uint32_t c = first_column[symbol]; c != none; c = next_column[c])
+      mask[c / 64] |= std::uint64_t{1} << (c % 64);
+  }
+
+  // Words at and above zero_words are all ones (no column has raised the LCS yet): a
+  // carry crosses them without changing anything, which is most of a row's work when
+  // lines are unique and the matches run along the diagonal.
+  std::size_t zero_words = 0;
   for (std::uint32_t symbol : a) {
-    auto d = std::lower_bound(dense.begin(), dense.end(), symbol,
-                              [](const auto& e, std::uint32_t s) { return e.first < s; });
-    if (d != dense.end() && d->first == symbol) {
-      const std::uint64_t* mask = dense_masks.data() + d->second;
+    if (symbol > top || first_column[symbol] == none) continue;
+    if (dense_at[symbol] != none) {
+      const std::uint64_t* mask = dense_masks.data() + dense_at[symbol];
       std::uint64_t carry = 0;
       for (std::size_t w = 0; w < words; ++w) {
         const std::uint64_t old = v[w];
@@ -64,29 +79,38 @@ void lcs_row(std::span<const std::uint32_t> a, std::span<const std::uint32_t> b,
         const std::uint64_t total = sum + carry;
         carry = (sum < old || total < sum) ? 1 : 0;
         v[w] = total | (old & ~mask[w]);
+        if (v[w] != ~std::uint64_t{0} && w >= zero_words) zero_words = w + 1;
       }
       continue;
     }
-    const std::uint64_t key = std::uint64_t{symbol} << 32;
-    auto first = std::lower_bound(columns.begin(), columns.end(), key);
-    if (first == columns.end() || *first >> 32 != symbol) continue;
-    auto last = std::lower_bound(first, columns.end(), key + (std::uint64_t{1} << 32));
-    auto next = first;
-    std::size_t w = static_cast<std::uint32_t>(*first) / 64;
+    std::uint32_t next = first_column[symbol];
+    std::size_t w = next / 64;
     std::uint64_t carry = 0;
-    while (w < words && (next != last || carry != 0)) {
-      if (carry == 0) w = std::max<std::size_t>(w, static_cast<std::uint32_t>(*next) / 64);
+    while (w < words && (next != none || carry != 0)) {
+      if (carry == 0) {
+        w = std::max<std::size_t>(w, next / 64);
+      } else if (w >= zero_words) {
+        // All ones from here: a carry passes through unchanged and falls off the end.
+        if (next == none) break;
+        w = next / 64;
+      }
       std::uint64_t mask = 0;
-      while (next != last && static_cast<std::uint32_t>(*next) / 64 == w)
-        mask |= std::uint64_t{1} << (static_cast<std::uint32_t>(*next++) % 64);
+      for (; next != none && next / 64 == w; next = next_column[next])
+        mask |= std::uint64_t{1} << (next % 64);
       const std::uint64_t old = v[w];
       const std::uint64_t u = old & mask;
       const std::uint64_t sum = old + u;
       const std::uint64_t total = sum + carry;
       carry = (sum < old || total < sum) ? 1 : 0;
       v[w] = total | (old & ~mask);
+      if (v[w] != ~std::uint64_t{0} && w >= zero_words) zero_words = w + 1;
       ++w;
     }
+  }
+  for (std::uint32_t symbol : b) {
+    first_column[symbol] = none;
+    column_count[symbol] = 0;
+    dense_at[symbol] = none;
   }
 
   std::uint32_t zeros = 0;

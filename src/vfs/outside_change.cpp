@@ -1,6 +1,7 @@
 #include "vfs/outside_change.hpp"
 
 #include <system_error>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/file_clone.hpp"
@@ -154,11 +155,16 @@ std::size_t absorb_tree(Store& store, const std::string& dir, std::ostream& warn
     fs::path start = dir.empty() ? store.disk_root() : store.disk_path(dir);
     std::string prefix = dir.empty() ? std::string() : dir + "/";
     std::error_code ec;
+    // Every path the walk met, links aside: a store file among them still exists.
+    std::unordered_set<std::string> walked;
     fs::recursive_directory_iterator it(start, fs::directory_options::skip_permission_denied, ec);
     for (fs::recursive_directory_iterator end; !ec && it != end; it.increment(ec)) {
       std::error_code sec;
       std::string name = it->path().filename().string();
       bool symlink = it->is_symlink(sec);
+      // A link may dangle: whether it leads anywhere is asked below, as before.
+      if (!symlink)
+        walked.insert(it->path().lexically_relative(store.disk_root()).generic_string());
       if (is_machinery_name(name) || symlink ||
           (!store.excluded().empty() && it->path() == store.excluded())) {
         if (!symlink && it->is_directory(sec)) it.disable_recursion_pending();
@@ -182,6 +188,7 @@ std::size_t absorb_tree(Store& store, const std::string& dir, std::ostream& warn
     for (const auto& [path, file] : store.files()) {
       if (file->tombstoned || !path.starts_with(prefix)) continue;
       std::error_code sec;
+      if (walked.count(path) != 0) continue;
       if (!fs::exists(store.disk_path(path), sec) && !sec) suspects.push_back(path);
     }
   }

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "platform/durable_file.hpp"
 #include "platform/read_file.hpp"
@@ -187,7 +188,9 @@ bool Store::load(std::ostream& warn, std::string& reason) {
   // root can enter the store; the store's own temporary names are skipped.
   std::vector<Candidate> candidates;
   std::vector<std::string> directories;
-  std::unordered_map<std::string, bool> mirror_dirs;
+  // Names in each mirror directory, listed once: whether a file has a mirror copy and an
+  // archive directory is then known without asking the disk file by file.
+  std::unordered_map<std::string, std::unordered_set<std::string>> mirror_dirs;
   std::error_code ec;
   fs::recursive_directory_iterator it(disk_root_, fs::directory_options::skip_permission_denied,
                                       ec);
@@ -216,17 +219,21 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     if (sec) c.size = 0;
     fs::path mirror = mirror_path(rel);
     // Most directories of a freshly enrolled tree have no mirror yet: ask once per directory.
-    bool mirrored = false;
     if (!mirror.empty()) {
       std::string parent = mirror.parent_path().string();
       auto known = mirror_dirs.find(parent);
-      if (known == mirror_dirs.end())
-        known = mirror_dirs.emplace(parent, fs::is_directory(mirror.parent_path(), sec)).first;
-      mirrored = known->second;
-    }
-    if (mirrored) {
-      c.archived = list_archived(archive_dir_of(mirror), name);
-      c.mirrored = fs::exists(mirror, sec);
+      if (known == mirror_dirs.end()) {
+        std::unordered_set<std::string> names;
+        std::error_code dec;
+        for (fs::directory_iterator d(mirror.parent_path(), dec), dend; !dec && d != dend;
+             d.increment(dec))
+          names.insert(d->path().filename().string());
+        known = mirror_dirs.emplace(std::move(parent), std::move(names)).first;
+      }
+      const std::unordered_set<std::string>& names = known->second;
+      if (names.count(archive_dir_of(mirror).filename().string()) != 0)
+        c.archived = list_archived(archive_dir_of(mirror), name);
+      c.mirrored = names.count(name) != 0;
       if (c.mirrored) c.size = size_of(mirror);
     }
     if (policy_.scope == Scope::kEdited && c.archived.empty() && !c.mirrored) continue;

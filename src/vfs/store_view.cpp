@@ -113,7 +113,7 @@ View log_view(const kst::StoreSet& stores, const std::string& dir, const std::st
 }
 
 View diff_view(const kst::StoreSet& stores, const std::string& dir, const std::string& path,
-               std::uint32_t a, std::uint32_t b) {
+               std::uint32_t a, std::uint32_t b, const std::function<void()>& let_go) {
   FileRef ref = pick_file(stores, dir, path);
   if (ref.error) return *ref.error;
   std::optional<std::string> text_a, text_b;
@@ -124,6 +124,7 @@ View diff_view(const kst::StoreSet& stores, const std::string& dir, const std::s
   }
   if (!text_a) return refusal("404 Not Found", "no v" + std::to_string(a) + " of " + path);
   if (!text_b) return refusal("404 Not Found", "no v" + std::to_string(b) + " of " + path);
+  if (let_go) let_go();
   const auto lines_a = kst::split_lines(*text_a);
   const auto lines_b = kst::split_lines(*text_b);
   std::string body = "{\"ok\":true,\"path\":" + json_quoted(path) + ",\"a\":" + std::to_string(a) +

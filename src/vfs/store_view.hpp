@@ -4,6 +4,7 @@
 // of two versions as rows, and a stamp that moves whenever any store records an
 // edit. Built on the same calls as the history commands; the caller holds the
 // interpreter's lock, as for a command.
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -28,8 +29,10 @@ View log_view(const kst::StoreSet& stores, const std::string& store, const std::
 
 // {"ok":true,"a":N,"b":M,"rows":[{"t":"same|removed|added","a":line,"b":line,"text":..}]}
 // Line numbers are 1-based; a removed row has no "b", an added row no "a".
+// `let_go` is called once the two versions are copied, before the diff is computed:
+// the caller may release the locks that keep other callers out.
 View diff_view(const kst::StoreSet& stores, const std::string& store, const std::string& path,
-               std::uint32_t a, std::uint32_t b);
+               std::uint32_t a, std::uint32_t b, const std::function<void()>& let_go = {});
 
 // The bytes of one version, unchanged (the body is not JSON).
 View version_view(const kst::StoreSet& stores, const std::string& store, const std::string& path,

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <sstream>
 
+#include "platform/read_file.hpp"
+
 namespace kst {
 
 std::vector<std::uint32_t> version_numbers(const File& file) {
@@ -28,11 +30,9 @@ std::optional<std::string> read_version(const File& file, std::uint32_t number) 
       std::lower_bound(file.archived.begin(), file.archived.end(), number,
                        [](const ArchivedVersion& a, std::uint32_t n) { return a.number < n; });
   if (it == file.archived.end() || it->number != number) return std::nullopt;
-  std::ifstream in(it->path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
+  std::string text;
+  if (!kx::platform::read_whole_file(it->path, text, 0)) return std::nullopt;
+  return text;
 }
 
 std::vector<const EditRecord*> records_by_version(const std::vector<EditRecord>& edits,
