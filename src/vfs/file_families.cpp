@@ -10,6 +10,7 @@
 #include "vfs/commands.hpp"
 #include "vfs/enroll.hpp"
 #include "vfs/outside_change.hpp"
+#include "vfs/start_record.hpp"
 #include "vfs/store_watchers.hpp"
 
 namespace kx::vfs {
@@ -196,14 +197,20 @@ std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, 
 }
 
 void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
-  auto entries = kst::read_config_entries(stores.config_file());
-  std::size_t n = 0;
-  for (const auto& entry : entries) {
-    ++n;
+  kst::StartRecord record(kst::start_record_file(stores.config_file().parent_path()));
+  for (const auto& entry : kst::read_config_entries(stores.config_file())) {
+    const std::string key = "dir " + entry.path;
+    const std::string was = record.previous(key);
+    auto tell = [&](const std::string& outcome, bool healthy, const std::string& text) {
+      if (record.note(key, outcome, healthy))
+        report << "[versioncontroldirs] " << entry.path << " -> " << text << "\n";
+    };
     std::error_code ec;
     if (!fs::is_directory(entry.path, ec)) {
-      report << "[vc]     skipped " << entry.path << " (no such directory)\n";
-      report << "[versioncontroldirs] " << entry.path << " -> skipped (no such directory)\n";
+      tell("missing", false,
+           "skipped (no such directory); it stays listed and is enrolled again once it is back "
+           "(Kestrune unenroll " +
+               entry.path + " drops it)");
       continue;
     }
     // The same directory written differently (a link, a trailing slash) is one store.
@@ -212,24 +219,28 @@ void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
     std::string error;
     auto policy = kst::parse_policy(entry.flags, error);
     if (!policy) {
-      report << "[versioncontroldirs] " << entry.path << " -> ERROR: bad policy: " << error << "\n";
+      tell("bad policy: " + error, false, "ERROR: bad policy: " + error);
       continue;
     }
     auto store = stores.make_store(root, *policy);
     std::string reason;
-    report << "[vc] (" << n << ") caching " << entry.path;
     if (store->versioned() && !store->load(report, reason)) {
-      report << " -> ingest failed\n";
-      report << "[versioncontroldirs] " << entry.path << " -> ERROR: ingest failed\n";
+      tell("ingest failed", false,
+           "ERROR: ingest failed" + (reason.empty() ? "" : " (" + reason + ")"));
       continue;
     }
-    std::size_t count = store->files().size();
-    report << " -> cached (" << count << " file(s))\n";
+    const std::size_t count = store->files().size();
     stores.set_active(&stores.adopt(std::move(store)));
-    report << "[versioncontroldirs] " << entry.path << " -> enrolled (" << count << " file(s)), "
-           << (policy->watch ? "watching for changes" : "watch=off") << "\n";
+    const std::string flags = kst::policy_text(*policy);
+    const bool was_enrolled = was.empty() || was.starts_with("enrolled [");
+    std::string text = std::string(was_enrolled ? "enrolled (" : "enrolled again (") +
+                       std::to_string(count) + " file(s)), " +
+                       (policy->watch ? "watching for changes" : "watch=off");
+    if (!was.empty() && was_enrolled) text += " — policy now [" + flags + "], was " + was.substr(9);
+    tell("enrolled [" + flags + "]", true, text);
   }
-  if (!entries.empty()) report << "[vc] version control ready.\n";
+  record.forget_unnoted("dir ");
+  (void)record.save();  // a failure costs one repeated line at the next start
 }
 
 std::shared_ptr<kst::FileWatches> register_file_watches(lang::Registry& registry,

@@ -82,8 +82,8 @@ class FileWatches {
   std::string unwatch(std::string_view args, const std::filesystem::path& cwd);
   std::string list() const;
 
-  // Follows every file of watchedfiles.cfg, one report line each
-  // ("[watchedfiles] <file> -> <outcome>").
+  // Follows every file of watchedfiles.cfg. A line ("[watchedfiles] <file> ->
+  // <outcome>") is reported only for a file whose outcome changed since the last start.
   void resume(std::ostream& report);
 
  private:

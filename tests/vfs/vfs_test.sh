@@ -31,12 +31,12 @@ MIRROR=$HOME_DIR/.versioncontrol/$KEY
 expect "create" "OK: created file src/a.txt
   [version control: automatic] src/a.txt saved as v1 — history: 'Kestrune history src/a.txt'; undo: 'fs:rm src/a.txt' (history kept)" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello]]></content>"
-truth "re-enrolled at start" grep -qF "[versioncontroldirs] $SHOWN -> enrolled (0 file(s))" "$BASE/err"
+truth "a start with nothing changed says nothing" [ ! -s "$BASE/err" ]
 expect "second version" "OK: created file src/a.txt
   [version control: automatic] src/a.txt saved as v2 — history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 1'" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello again]]></content>"
 expect "cat by suffix" "hello again" -- fs:cat a.txt
-truth "cat leaves stdout clean, reports on stderr" grep -qF "[vc] (1) caching $SHOWN -> cached (1 file(s))" "$BASE/err"
+truth "cat prints the file and nothing else" [ ! -s "$BASE/err" ]
 truth "mirror copy" [ "$(cat "$MIRROR/src/a.txt")" == "hello again" ]
 truth "archive chain" [ "$(cat "$MIRROR/src/.a.txt.oldversions/a.txt.xx1")" == "hello" ]
 truth "working tree stays clean" [ "$(cd "$PROJ" && find . | sort | tr '\n' ' ')" == ". ./src ./src/a.txt " ]
