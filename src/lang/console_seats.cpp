@@ -1,6 +1,7 @@
 #include "lang/console_seats.hpp"
 
 #include <sstream>
+#include <utility>
 
 namespace kx::lang {
 
@@ -42,6 +43,8 @@ UnitResult ConsoleSeats::run(Session& session, const std::string& key,
   Seat& seat = key.empty() ? transient : seat_for(key, transient.cwd);
 
   swap_state(session, seat);
+  // Only a console makes turns.
+  const bool records_turns = std::exchange(session.records_turns, !key.empty());
 
   std::ostringstream out, err;
   UnitResult result;
@@ -52,6 +55,7 @@ UnitResult ConsoleSeats::run(Session& session, const std::string& key,
     result.status = kSyntaxError;
   }
 
+  session.records_turns = records_turns;
   swap_state(session, seat);
 
   result.out = std::move(out).str();
