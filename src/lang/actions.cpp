@@ -131,7 +131,12 @@ std::string join_results(const std::vector<std::string>& results) {
   return out;
 }
 
+constexpr std::string_view kNoConsole =
+    "a call that keeps no console (an MCP tool call, the resident's pages) makes no turns; "
+    "each kx console keeps its own (kx repl, piped input, one kx call)";
+
 std::string show_turns(Session& session) {
+  if (!session.records_turns) return "OK: no turn ring here — " + std::string(kNoConsole);
   const TurnRing& ring = session.turns;
   std::string depth = "depth " + std::to_string(ring.depth());
   std::string out;
@@ -184,6 +189,7 @@ std::string promote(Session& session, std::string_view args) {
   for (const Turn& turn : session.turns.turns())
     if (!is_bookkeeping(turn.line)) candidates.push_back(&turn);
   std::vector<const Turn*> chosen = range->select(candidates);
+  if (!session.records_turns) return "ERROR: nothing to promote — " + std::string(kNoConsole);
   if (chosen.empty())
     return "ERROR: no turns in seq range\n(fssys:turns shows the ring; the log file holds older "
            "seqs)";

@@ -56,6 +56,8 @@ UnitResult ConsoleSeats::run(Session& session, const std::string& key,
   swap_state(session, seat);
   auto previous_swap =
       std::exchange(session.swap_caller_state, [&session, &seat] { swap_state(session, seat); });
+  // Only a console makes turns.
+  const bool records_turns = std::exchange(session.records_turns, !key.empty());
 
   std::ostringstream out, err;
   UnitResult result;
@@ -67,6 +69,7 @@ UnitResult ConsoleSeats::run(Session& session, const std::string& key,
   }
 
   session.swap_caller_state = std::move(previous_swap);
+  session.records_turns = records_turns;
   swap_state(session, seat);
 
   if (!key.empty()) {

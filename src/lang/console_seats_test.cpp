@@ -63,6 +63,20 @@ TEST(ConsoleSeats, TurnsAndRegistersBelongToTheirConsole) {
                   .out.starts_with("OK: 1 turn(s) in the ring, seqs 1..1"));
   EXPECT_TRUE(session.turns.turns().empty());
   EXPECT_EQ(session.registers.values(), std::vector<std::string>{"resident"});
+
+  // Calls that keep no console (MCP, the resident's pages) make no turns anywhere,
+  // however many there are, and say so when asked for them.
+  session.turns.set_depth(2);
+  for (int i = 0; i < 5; ++i) seats.run(session, "", "/", "fs:cat t", UnitForm::kArguments);
+  EXPECT_TRUE(session.turns.turns().empty());
+  EXPECT_TRUE(session.turns.unlogged().empty());
+  EXPECT_TRUE(seats.run(session, "", "", "fssys:turns", UnitForm::kArguments)
+                  .out.starts_with("OK: no turn ring here — a call that keeps no console"));
+  EXPECT_TRUE(seats.run(session, "", "", "fssys:promote x 1", UnitForm::kArguments)
+                  .out.starts_with("ERROR: nothing to promote"));
+  EXPECT_TRUE(session.records_turns);  // the resident's own session still keeps them
+  EXPECT_TRUE(seats.run(session, "a", "", "fssys:turns", UnitForm::kArguments)
+                  .out.starts_with("OK: 4 turn(s) in the ring, seqs 1..4"));
 }
 
 // A command computing outside the lock: another console's units run meanwhile, each

@@ -84,7 +84,8 @@ std::string run_line(Session& session, std::string_view bot_id, std::string_view
   std::string_view trimmed = trim(line);
   // Only a line a caller runs itself is a turn; the lines that actions, scripts
   // and the turn log run are not.
-  bool is_turn = session.line_depth == 0 && session.script_depth == 0 && session.action_depth == 0;
+  bool is_turn = session.records_turns && session.line_depth == 0 && session.script_depth == 0 &&
+                 session.action_depth == 0;
   std::uint64_t published_before = session.registers.generation();
   std::string result;
   {

@@ -66,8 +66,13 @@ struct Session {
   int action_depth = 0;
   static constexpr int kMaxActionDepth = 8;
 
-  // The recent top-level command lines and their results.
+  // The recent top-level command lines and their results. Only consoles (a kx
+  // process, its seat in the resident, the REPL) make turns: a caller that keeps no
+  // console, such as an MCP tool call or one of the resident's own pages, would
+  // only fill the ring, and then the user's store with turn logs, with lines
+  // nobody typed there.
   TurnRing turns;
+  bool records_turns = true;
 
   // $[] registers: what the last publishing command (grep -p) left for later lines.
   RegisterSet registers;

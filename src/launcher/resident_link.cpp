@@ -75,11 +75,14 @@ server::ExecBridge make_exec_bridge(Workspace& workspace) {
       ~PresenceScope() { session.person_present = saved; }
     } presence{session, std::exchange(session.person_present, request.person)};
     if (request.structured_only) {
+      // The resident's own pages keep no console: their lines are not turns.
       std::filesystem::path saved_cwd = session.cwd;
       if (!request.cwd.empty()) session.cwd = request.cwd;
       auto previous_swap = std::exchange(
           session.swap_caller_state, [&session, &saved_cwd] { std::swap(session.cwd, saved_cwd); });
+      const bool records_turns = std::exchange(session.records_turns, false);
       std::string out = lang::run_line(session, request.bot, request.line);
+      session.records_turns = records_turns;
       session.swap_caller_state = std::move(previous_swap);
       session.cwd = saved_cwd;
       return out;

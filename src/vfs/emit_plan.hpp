@@ -4,6 +4,7 @@
 // approves it and picks the target (mode A over the current files, mode B to a new
 // tree). This header holds the queue and the choice of version per file.
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
@@ -20,18 +21,29 @@ struct PendingEmit {
   std::int64_t requested_at = 0;
 };
 
-// Pending emits live in memory from request to approval or cancellation. Numbers
-// start at 1 and are never reused by the process.
+// Pending emits wait from request to approval or cancellation. Numbers start at 1
+// and are never reused. With a file, the queue is kept there: every process of the
+// home (a kx command, the resident) sees the same numbered emits, and a request
+// outlives the process that made it. Callers serialise their own commands; two
+// processes changing the queue at the same instant may lose one change.
 class EmitQueue {
  public:
-  const PendingEmit& add(std::string scope, std::optional<std::int64_t> asof,
-                         std::string requested_by, std::int64_t now);
-  const std::vector<PendingEmit>& pending() const { return pending_; }
-  const PendingEmit* find(std::uint32_t number) const;
-  // Removes and returns the emit; nothing when there is no such pending emit.
+  explicit EmitQueue(std::filesystem::path file = {});
+  // False (with `error`) when the queue file could not be written: nothing changed.
+  [[nodiscard]] const PendingEmit* add(std::string scope, std::optional<std::int64_t> asof,
+                                       std::string requested_by, std::int64_t now,
+                                       std::string& error);
+  const std::vector<PendingEmit>& pending();
+  const PendingEmit* find(std::uint32_t number);
+  // Removes and returns the emit; nothing when there is no such pending emit (or the
+  // file could not be written).
   std::optional<PendingEmit> take(std::uint32_t number);
 
  private:
+  void load();
+  bool save(std::string& error) const;
+
+  std::filesystem::path file_;
   std::vector<PendingEmit> pending_;
   std::uint32_t next_ = 1;
 };

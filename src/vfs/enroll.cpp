@@ -11,6 +11,7 @@
 #include "vfs/args.hpp"
 #include "vfs/free_memory.hpp"
 #include "vfs/policy.hpp"
+#include "vfs/start_record.hpp"
 
 namespace kst {
 
@@ -124,18 +125,16 @@ bool rewrite_config(const fs::path& file, const fs::path& dir, const Policy* pol
   std::error_code ec;
   fs::create_directories(file.parent_path(), ec);
   std::string reason;
-  return kx::platform::replace_file_durable(file, text, reason);
+  if (!kx::platform::replace_file_durable(file, text, reason)) return false;
+  // A listing made by a verb was already answered: the next start has nothing to add.
+  StartRecord record(start_record_file(file.parent_path()));
+  record.set("dir " + dir.string(), policy ? "enrolled [" + policy_text(*policy) + "]" : "");
+  (void)record.save();  // a failure costs one repeated line at the next start
+  return true;
 }
 
 bool record_in_config(const fs::path& file, const fs::path& dir, const Policy& policy) {
   return rewrite_config(file, dir, &policy);
-}
-
-std::size_t store_index(const StoreSet& stores, const Store* store) {
-  auto all = stores.all();
-  for (std::size_t i = 0; i < all.size(); ++i)
-    if (all[i] == store) return i + 1;
-  return all.size() + 1;
 }
 
 std::uint64_t history_bytes(const Store& store) {
@@ -149,22 +148,15 @@ std::uint64_t history_bytes(const Store& store) {
   return total;
 }
 
-// Builds and loads a store, printing its progress line; nullptr when the load failed.
+// Builds and loads a store; nullptr when the load failed. The answer counts the
+// files, so only warnings go to `warn`.
 std::unique_ptr<Store> ingest(StoreSet& stores, const fs::path& dir, const Policy& policy,
-                              std::size_t n, std::ostream& progress) {
+                              std::ostream& warn) {
   auto store = stores.make_store(dir, policy);
   std::string reason;
-  progress << "[vc] (" << n << ") caching " << dir.string();
-  if (policy.mode == StoreMode::kCacheWriteThrough) {
-    progress << " -> cached (0 file(s))\n";
-    return store;
-  }
-  if (!store->load(progress, reason)) {
-    progress << " -> ingest failed\n";
-    return nullptr;
-  }
-  progress << " -> cached (" << store->files().size() << " file(s))\n";
-  (void)take_baselines(*store, progress);
+  if (policy.mode == StoreMode::kCacheWriteThrough) return store;
+  if (!store->load(warn, reason)) return nullptr;
+  (void)take_baselines(*store, warn);
   return store;
 }
 
@@ -228,7 +220,7 @@ std::optional<Request> parse_request(std::string_view args, const fs::path& cwd,
 }
 
 // Re-enrollment of a directory already in the set.
-std::string reenroll(StoreSet& stores, Store& existing, Request& r, std::ostream& progress) {
+std::string reenroll(StoreSet& stores, Store& existing, Request& r, std::ostream& warn) {
   const fs::path& dir = r.dir;
   if (!flag_given(r.flags, {"mode", "cache"})) r.policy.mode = existing.policy().mode;
   if (r.policy.mode != existing.policy().mode) {
@@ -241,13 +233,11 @@ std::string reenroll(StoreSet& stores, Store& existing, Request& r, std::ostream
            ".\n  (Tip: use different directories for cache-based vs versioned VC.)";
   }
   if (r.flags.empty() || r.policy == existing.policy()) {
-    progress << "[vc] (" << store_index(stores, &existing) << ") caching " << dir.string()
-             << " -> already cached\n";
     stores.set_active(&existing);
     record_in_config(stores.config_file(), dir, existing.policy());
     return "OK: " + dir.string() + " is already enrolled — now the active directory";
   }
-  auto fresh = ingest(stores, dir, r.policy, store_index(stores, &existing), progress);
+  auto fresh = ingest(stores, dir, r.policy, warn);
   if (!fresh) return "ERROR: ingest failed";
   std::size_t left = 0;
   {
@@ -257,7 +247,6 @@ std::string reenroll(StoreSet& stores, Store& existing, Request& r, std::ostream
   }
   Store& store = stores.adopt(std::move(fresh));
   stores.set_active(&store);
-  progress << "[vc] version control ready.\n";
   std::string text = "OK: " + dir.string() + " re-enrolled — policy now [" + policy_text(r.policy) +
                      "]; active directory\n  " + std::to_string(left) +
                      " file(s) left VC under the new rules (mirror history kept)";
@@ -295,7 +284,7 @@ std::vector<ConfigEntry> read_config_entries(const fs::path& file) {
 }
 
 std::string enroll(StoreSet& stores, std::string_view args, const fs::path& cwd,
-                   std::ostream& progress) {
+                   std::ostream& warn) {
   std::string error;
   auto request = parse_request(args, cwd, error);
   if (!request) return error;
@@ -303,7 +292,6 @@ std::string enroll(StoreSet& stores, std::string_view args, const fs::path& cwd,
   const fs::path& dir = r.dir;
   std::error_code ec;
   if (!fs::is_directory(dir, ec)) {
-    progress << "[vc]     skipped " << dir.string() << " (no such directory)\n";
     return "ERROR: no such directory: " + dir.string();
   }
   fs::path home = fs::weakly_canonical(stores.home(), ec);
@@ -316,7 +304,7 @@ std::string enroll(StoreSet& stores, std::string_view args, const fs::path& cwd,
         "\n  note: whole-drive enrollment auto-selected mode=cachewt (cache write-through, no "
         "version)";
   }
-  if (Store* existing = stores.find(dir)) return reenroll(stores, *existing, r, progress) + note;
+  if (Store* existing = stores.find(dir)) return reenroll(stores, *existing, r, warn) + note;
 
   // A cache write-through store is not held in RAM and may be a whole drive: no survey.
   TreeSurvey tree;
@@ -349,9 +337,8 @@ std::string enroll(StoreSet& stores, std::string_view args, const fs::path& cwd,
     }
   }
 
-  auto loaded = ingest(stores, dir, r.policy, stores.all().size() + 1, progress);
+  auto loaded = ingest(stores, dir, r.policy, warn);
   if (!loaded) return "ERROR: ingest failed";
-  progress << "[vc] version control ready.\n";
   Store& store = stores.adopt(std::move(loaded));
   stores.set_active(&store);
   bool recorded = record_in_config(stores.config_file(), dir, r.policy);
@@ -456,7 +443,7 @@ std::string unenroll(StoreSet& stores, std::string_view args, const fs::path& cw
 }
 
 std::string change_policy(StoreSet& stores, std::string_view args, const fs::path& cwd,
-                          std::ostream& progress) {
+                          std::ostream& warn) {
   std::string error;
   auto request = parse_request(args, cwd, error);
   if (!request) {
@@ -467,7 +454,7 @@ std::string change_policy(StoreSet& stores, std::string_view args, const fs::pat
   if (existing == nullptr)
     return "ERROR: " + request->dir.string() +
            " is not enrolled (Kestrune EnrollVersionControl <directory> [flags] first)";
-  return reenroll(stores, *existing, *request, progress);
+  return reenroll(stores, *existing, *request, warn);
 }
 
 }  // namespace kst

@@ -22,13 +22,13 @@
 namespace kst {
 
 // The enroll verb: "<directory> [flags]". `cwd` resolves a relative directory.
-// Progress lines go to `progress`. Returns the command result.
+// Warnings about damage met while loading go to `warn`. Returns the command result.
 std::string enroll(StoreSet& stores, std::string_view args, const std::filesystem::path& cwd,
-                   std::ostream& progress);
+                   std::ostream& warn);
 
 // The policy verb: "<directory> <flags>" for an enrolled directory.
 std::string change_policy(StoreSet& stores, std::string_view args, const std::filesystem::path& cwd,
-                          std::ostream& progress);
+                          std::ostream& warn);
 
 // The unenroll verb: "<directory>". The directory leaves the set, its watch and
 // versioncontroldirs.cfg; its mirror, archives and edit log stay where they are, so

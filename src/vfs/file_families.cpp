@@ -11,6 +11,7 @@
 #include "vfs/commands.hpp"
 #include "vfs/enroll.hpp"
 #include "vfs/outside_change.hpp"
+#include "vfs/start_record.hpp"
 #include "vfs/store_watchers.hpp"
 
 namespace kx::vfs {
@@ -198,37 +199,42 @@ std::shared_ptr<kst::StoreSet> register_file_families(lang::Registry& registry, 
 
 namespace {
 
-// Enrolls one listed directory again (the `n`th of the list), makes it active and
-// reports the outcome; nullptr when it could not be.
-kst::Store* reenroll_entry(kst::StoreSet& stores, const kst::ConfigEntry& entry, std::size_t n,
-                           std::ostream& report) {
+// What enrolling one listed directory again came to.
+struct ListedOutcome {
+  kst::Store* store = nullptr;  // nullptr when it could not be enrolled
+  std::string state;            // what the start record keeps of it
+  bool healthy = false;
+  std::string text;  // the report line's text after "->"
+};
+
+// Enrolls one listed directory again and makes it active. `was` is what the last
+// start recorded of it ("" when nothing), so a changed policy can be named.
+ListedOutcome enroll_listed(kst::StoreSet& stores, const kst::ConfigEntry& entry,
+                            const std::string& was, std::ostream& load_report) {
   std::error_code ec;
-  if (!fs::is_directory(entry.path, ec)) {
-    report << "[vc]     skipped " << entry.path << " (no such directory)\n";
-    report << "[versioncontroldirs] " << entry.path << " -> skipped (no such directory)\n";
-    return nullptr;
-  }
+  if (!fs::is_directory(entry.path, ec))
+    return {nullptr, "missing", false,
+            "skipped (no such directory); it stays listed and is enrolled again once it is back "
+            "(Kestrune unenroll " +
+                entry.path + " drops it)"};
   std::string error;
   auto policy = kst::parse_policy(entry.flags, error);
-  if (!policy) {
-    report << "[versioncontroldirs] " << entry.path << " -> ERROR: bad policy: " << error << "\n";
-    return nullptr;
-  }
+  if (!policy) return {nullptr, "bad policy: " + error, false, "ERROR: bad policy: " + error};
   auto store = stores.make_store(listed_root(entry), *policy);
   std::string reason;
-  report << "[vc] (" << n << ") caching " << entry.path;
-  if (store->versioned() && !store->load(report, reason)) {
-    report << " -> ingest failed\n";
-    report << "[versioncontroldirs] " << entry.path << " -> ERROR: ingest failed\n";
-    return nullptr;
-  }
-  std::size_t count = store->files().size();
-  report << " -> cached (" << count << " file(s))\n";
+  if (store->versioned() && !store->load(load_report, reason))
+    return {nullptr, "ingest failed", false,
+            "ERROR: ingest failed" + (reason.empty() ? "" : " (" + reason + ")")};
+  const std::size_t count = store->files().size();
   kst::Store& adopted = stores.adopt(std::move(store));
   stores.set_active(&adopted);
-  report << "[versioncontroldirs] " << entry.path << " -> enrolled (" << count << " file(s)), "
-         << (policy->watch ? "watching for changes" : "watch=off") << "\n";
-  return &adopted;
+  const std::string flags = kst::policy_text(*policy);
+  const bool was_enrolled = was.empty() || was.starts_with("enrolled [");
+  std::string text = std::string(was_enrolled ? "enrolled (" : "enrolled again (") +
+                     std::to_string(count) + " file(s)), " +
+                     (policy->watch ? "watching for changes" : "watch=off");
+  if (!was.empty() && was_enrolled) text += " — policy now [" + flags + "], was " + was.substr(9);
+  return {&adopted, "enrolled [" + flags + "]", true, text};
 }
 
 }  // namespace
@@ -241,10 +247,16 @@ fs::path listed_root(const kst::ConfigEntry& entry) {
 }
 
 void reenroll_from_config(kst::StoreSet& stores, std::ostream& report) {
-  auto entries = kst::read_config_entries(stores.config_file());
-  std::size_t n = 0;
-  for (const auto& entry : entries) reenroll_entry(stores, entry, ++n, report);
-  if (!entries.empty()) report << "[vc] version control ready.\n";
+  // A start tells only what changed since the last one.
+  kst::StartRecord record(kst::start_record_file(stores.config_file().parent_path()));
+  for (const auto& entry : kst::read_config_entries(stores.config_file())) {
+    const std::string key = "dir " + entry.path;
+    ListedOutcome outcome = enroll_listed(stores, entry, record.previous(key), report);
+    if (record.note(key, outcome.state, outcome.healthy))
+      report << "[versioncontroldirs] " << entry.path << " -> " << outcome.text << "\n";
+  }
+  record.forget_unnoted("dir ");
+  (void)record.save();  // a failure costs one repeated line at the next start
 }
 
 void follow_enrolled_dirs(kst::StoreSet& stores, std::ostream& report) {
@@ -261,8 +273,11 @@ void follow_enrolled_dirs(kst::StoreSet& stores, std::ostream& report) {
     report << "[versioncontroldirs] " << store->disk_root().string()
            << " -> unenrolled by another process\n";
   }
+  // Another process's enrollment is news whatever the start record says.
   for (std::size_t n = 0; n < entries.size(); ++n)
-    if (stores.find(listed[n]) == nullptr) reenroll_entry(stores, entries[n], n + 1, report);
+    if (stores.find(listed[n]) == nullptr)
+      report << "[versioncontroldirs] " << entries[n].path << " -> "
+             << enroll_listed(stores, entries[n], "", report).text << "\n";
 }
 
 std::shared_ptr<kst::FileWatches> register_file_watches(lang::Registry& registry,

@@ -24,10 +24,11 @@ std::shared_ptr<kst::FileWatches> register_file_watches(lang::Registry& registry
                                                         std::shared_ptr<kst::StoreSet> stores,
                                                         bool live_watch);
 
-// Enrolls again every directory listed in versioncontroldirs.cfg. Report lines
-// ("[versioncontroldirs] <dir> -> <outcome>", the
-// "[vc] ..." progress lines) go to `report`; the program passes standard error so
-// that standard output carries only command results.
+// Enrolls again every directory listed in versioncontroldirs.cfg. A line
+// ("[versioncontroldirs] <dir> -> <outcome>") goes to `report` only for a directory
+// whose outcome changed since the last start: one that vanished or came back, a
+// policy edited in the file, an entry that fails. The program passes standard error
+// so that standard output carries only command results.
 void reenroll_from_config(kst::StoreSet& stores, std::ostream& report);
 
 // Brings the set in line with versioncontroldirs.cfg as another process left it:

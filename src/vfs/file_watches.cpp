@@ -16,6 +16,7 @@
 #include "vfs/outside_change.hpp"
 #include "vfs/seat_locks.hpp"
 #include "vfs/single_file_history.hpp"
+#include "vfs/start_record.hpp"
 #include "vfs/store_key.hpp"
 #include "vfs/tombstone.hpp"
 #include "vfs/tree_watcher.hpp"
@@ -276,33 +277,38 @@ void FileWatches::resume(std::ostream& report) {
   add_listed(report, true);
 }
 
-void FileWatches::add_listed(std::ostream& report, bool report_known) {
+void FileWatches::add_listed(std::ostream& report, bool at_start) {
   std::lock_guard guard(mutex_);
+  StartRecord record(start_record_file(stores_->watched_files_file().parent_path()));
   for (const auto& entry : read_config_entries(stores_->watched_files_file())) {
     const fs::path file(entry.path);
+    // At a start only what changed since the last one is news; later, a file another
+    // process listed always is.
+    auto tell = [&](const std::string& outcome, bool healthy, const std::string& text) {
+      if (!at_start || record.note("file " + entry.path, outcome, healthy))
+        report << "[watchedfiles] " << entry.path << " -> " << text << "\n";
+    };
     bool known = false;
     for (const auto& w : watches_) known = known || w->file() == file;
-    if (known && !report_known) continue;
-    report << "[watchedfiles] " << entry.path << " -> ";
+    if (known) continue;
     if (Store* store = stores_->containing(file)) {
-      report << "covered by the enrolled store " << store->disk_root().string() << "\n";
-      continue;
-    }
-    if (known) {
-      report << "already watching\n";
+      const std::string root = store->disk_root().string();
+      tell("covered " + root, false, "covered by the enrolled store " + root);
       continue;
     }
     auto watch = make_watch(file);
     watch->start(live_);
+    // Whether this process or another one owns the watch is no news to the person.
     std::error_code ec;
-    if (watch->follower())
-      report << "followed (another Kestrune process owns its watch)\n";
-    else if (!fs::is_regular_file(file, ec))
-      report << "watching (the file is gone for now)\n";
+    if (fs::is_regular_file(file, ec))
+      tell("watching", true, "watching");
     else
-      report << "watching\n";
+      tell("gone", false, "watching (the file is gone for now)");
     watches_.push_back(std::move(watch));
   }
+  if (!at_start) return;
+  record.forget_unnoted("file ");
+  (void)record.save();  // a failure costs one repeated line at the next start
 }
 
 void FileWatches::follow_config(std::ostream& report) {

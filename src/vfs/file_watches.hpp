@@ -82,8 +82,8 @@ class FileWatches {
   std::string unwatch(std::string_view args, const std::filesystem::path& cwd);
   std::string list() const;
 
-  // Follows every file of watchedfiles.cfg, one report line each
-  // ("[watchedfiles] <file> -> <outcome>").
+  // Follows every file of watchedfiles.cfg. A line ("[watchedfiles] <file> ->
+  // <outcome>") is reported only for a file whose outcome changed since the last start.
   void resume(std::ostream& report);
   // Brings the list in line with watchedfiles.cfg as another process left it: files
   // listed there are followed (as resume does), files no longer listed are let go.
@@ -93,7 +93,9 @@ class FileWatches {
   std::filesystem::path mirror_of(const std::filesystem::path& file) const;
   std::unique_ptr<FileWatch> make_watch(const std::filesystem::path& file) const;
   bool write_config() const;
-  void add_listed(std::ostream& report, bool report_known);
+  // Starts watching every listed file not watched yet; at a start it reports only
+  // what changed since the last start.
+  void add_listed(std::ostream& report, bool at_start);
 
   std::shared_ptr<StoreSet> stores_;
   bool live_;

@@ -6,6 +6,7 @@
 #include "vfs/args.hpp"
 #include "vfs/commands.hpp"
 #include "vfs/edit_log.hpp"
+#include "vfs/enroll.hpp"
 #include "vfs/path_resolve.hpp"
 
 namespace kst {
@@ -105,6 +106,18 @@ std::string fsstat_stores(CommandContext& ctx, std::string_view) {
     out += std::string(s == active ? "* " : "  ") + s->disk_root().string() + "  " +
            std::to_string(s->files().size()) + (s->versioned() ? " file(s)" : " cached file(s)") +
            "  [" + policy_text(s->policy()) + "]\n";
+  }
+  // A start reports a listed directory that failed only once; here it stays in view.
+  for (const auto& entry : read_config_entries(ctx.stores.config_file())) {
+    std::error_code ec;
+    fs::path root = fs::canonical(entry.path, ec);
+    if (!ec && ctx.stores.find(root) != nullptr) continue;
+    std::string error;
+    const char* why = !fs::is_directory(entry.path, ec)   ? "no such directory"
+                      : !parse_policy(entry.flags, error) ? "bad policy"
+                                                          : "not loaded";
+    out += "! " + entry.path + "  listed in " + ctx.stores.config_file().filename().string() +
+           " but not enrolled (" + why + ")\n";
   }
   return out;
 }

@@ -9,7 +9,9 @@
 namespace kx::vfs {
 
 HistoryState::HistoryState(std::shared_ptr<kst::StoreSet> set)
-    : stores(std::move(set)), locks(*stores, stores->home() / "checkouts.jsonl") {}
+    : stores(std::move(set)),
+      locks(*stores, stores->home() / "checkouts.jsonl"),
+      emits(stores->home() / "pending_emits.json") {}
 
 Target find_target(kst::StoreSet& stores, std::string_view arg) {
   Target t;

@@ -326,8 +326,11 @@ std::string emit(HistoryState& state, lang::Session& session, const kst::Args& a
     if (!t.found) return "ERROR: no such node: " + scope;
     scope = t.path;
   }
-  const kst::PendingEmit& e = state.emits.add(scope, asof, session.bot_id, kst::now_seconds());
-  return "PENDING #" + std::to_string(e.number) +
+  std::string error;
+  const kst::PendingEmit* e =
+      state.emits.add(scope, asof, session.bot_id, kst::now_seconds(), error);
+  if (e == nullptr) return "ERROR: the emit request was not queued (" + error + ")";
+  return "PENDING #" + std::to_string(e->number) +
          " — a human must approve it in the panel and choose the target (A = over current files, "
          "B = to a new path). Writes are human-only.";
 }
@@ -359,7 +362,10 @@ std::string emitcancel(HistoryState& state, lang::Session& session, const kst::A
   if (e->requested_by != session.bot_id && !kst::is_human_seat(session.bot_id))
     return "ERROR: emit #" + std::to_string(*number) + " was requested by " + e->requested_by +
            "; only that seat or a human can cancel it";
-  state.emits.take(*number);
+  if (!state.emits.take(*number))
+    return "ERROR: emit #" + std::to_string(*number) +
+           " was not cancelled (its queue could not be "
+           "written, or another process took it first)";
   return "OK: cancelled emit #" + std::to_string(*number);
 }
 
@@ -386,7 +392,12 @@ std::string emitcommit(HistoryState& state, lang::Session& session, const kst::A
   fs::path dest = dest_arg;
   if (!dest.empty() && dest.is_relative()) dest = session.cwd / dest;
 
-  const kst::PendingEmit e = *state.emits.take(*number);
+  const std::optional<kst::PendingEmit> taken = state.emits.take(*number);
+  if (!taken)
+    return "ERROR: emit #" + std::to_string(*number) +
+           " was not approved (its queue could not be "
+           "written, or another process took it first)";
+  const kst::PendingEmit& e = *taken;
   const kst::EmitCounts c =
       kst::run_emit(*state.stores, *store, e,
                     mode == "A" ? kst::EmitMode::over_current : kst::EmitMode::write_out, dest,

@@ -70,7 +70,9 @@ std::string TreeWatcher::start(bool live) {
     // next change to them is a version of its own instead of replacing version 1.
     (void)take_baselines(store_, report_);
     absorb_tree(store_, "", report_);
-  } else {
+  } else if (live) {
+    // Only a process that lives on follows the tree; for a one-shot command who owns
+    // the watch is no news.
     report_ << "[watch] " << store_.disk_root().string()
             << ": watcher owned by another Kestrune process — read-only follower\n";
   }

@@ -1,24 +1,20 @@
 #!/usr/bin/env bash
 # End-to-end checks of the real kx binary: exact texts, streams and exit statuses.
+# The checks run once locally and once through a resident, with the same answers.
 # Usage: cli_test.sh <path to kx>   (KX_EMULATOR, e.g. wine, runs a Windows build)
 set -u
-# These checks are about local runs: never forward to (or spawn) a resident.
-export KESTRUNE_LOCAL=1
-read -r -a KX <<<"${KX_EMULATOR:-}"
-KX+=("$1")
-HOME_DIR=$(mktemp -d)
-trap 'rm -rf "$HOME_DIR"' EXIT
-failures=0
-passes=0
+. "$(dirname "$0")/../lib/checks.sh"
+. "$(dirname "$0")/../lib/two_ways.sh"
+kx_runner "$1"
 
-# check <name> <expected stdout> <expected stderr> <expected status> -- <command...>
-check() {
+# run_check <name> <expected stdout> <expected stderr> <expected status> -- <command...>
+run_check() {
   local name=$1 want_out=$2 want_err=$3 want_rc=$4
   shift 5
   local out err rc
-  out=$("$@" 2>"$HOME_DIR/err" </dev/null)
+  out=$("$@" 2>"$SIDE/err" </dev/null)
   rc=$?
-  err=$(cat "$HOME_DIR/err")
+  err=$(cat "$SIDE/err")
   if [[ "$out" != "$want_out" || "$err" != "$want_err" || $rc -ne $want_rc ]]; then
     echo "FAIL $name"
     echo "  stdout: $(printf %q "$out")"; echo "  want:   $(printf %q "$want_out")"
@@ -30,14 +26,16 @@ check() {
   fi
 }
 
-kx() { "${KX[@]}" --conf "$HOME_DIR" "$@"; }
+kx() { kx_logged "$@"; }
+cli_checks() {
+HOME_DIR=$SIDE/home
 PARSE_ERROR="fs parse error: syntax error — line not understood; plain English works (try: Kestrune help)"
 UNKNOWN_FOO="ERROR: unknown namespace 'foo' — use Kestrune:<what you want> (or legacy fs/fsraw/fsvctl/fsmk/fslock/fsstat/fssys · or config/claude/callsigns)"
 
-check "unknown namespace" "$UNKNOWN_FOO" "" 0 -- kx foo:bar
-check "unknown first word" "" "$PARSE_ERROR" 1 -- kx frobnicate now
-check "mcp with more words is a command line" "" "$PARSE_ERROR" 1 -- kx mcp extra
-check "guided mode" "OK: guided mode is OFF — say 'Kestrune guided on' or 'Kestrune guided off'." "" 0 -- kx Kestrune guided
+run_check "unknown namespace" "$UNKNOWN_FOO" "" 0 -- kx foo:bar
+run_check "unknown first word" "" "$PARSE_ERROR" 1 -- kx frobnicate now
+run_check "mcp with more words is a command line" "" "$PARSE_ERROR" 1 -- kx mcp extra
+run_check "guided mode" "OK: guided mode is OFF — say 'Kestrune guided on' or 'Kestrune guided off'." "" 0 -- kx Kestrune guided
 
 out=$(kx fssys:help 2>&1); rc=$?
 [[ $rc -eq 0 && "$out" == "OK: Kestrune — one entrypoint;"*"Full reference (generated from the live registry):"* ]] \
@@ -49,17 +47,17 @@ out=$(kx Kestrune: help 2>&1); rc=$?
 
 # Standard input is a command stream: one result per line, errors on stderr, and
 # a bad line does not end the stream.
-out=$(printf 'fs: x\nnonsense here\nfoo:bar\n' | "${KX[@]}" --conf "$HOME_DIR" 2>"$HOME_DIR/err"); rc=$?
-[[ "$out" == "ERROR: no verb after 'fs:'"$'\n'"$UNKNOWN_FOO" && "$(cat "$HOME_DIR/err")" == "$PARSE_ERROR" && $rc -eq 1 ]] \
+out=$(printf 'fs: x\nnonsense here\nfoo:bar\n' | kx 2>"$SIDE/err"); rc=$?
+[[ "$out" == "ERROR: no verb after 'fs:'"$'\n'"$UNKNOWN_FOO" && "$(cat "$SIDE/err")" == "$PARSE_ERROR" && $rc -eq 1 ]] \
   && passes=$((passes + 1)) || { echo "FAIL piped stream: $out / rc $rc"; failures=$((failures + 1)); }
 
 # A CDATA block in piped input may span lines.
-out=$(printf 'Kestrune: write a.txt <![CDATA[one | two\nthree]]>\n' | "${KX[@]}" --conf "$HOME_DIR" 2>&1)
+out=$(printf 'Kestrune: write a.txt <![CDATA[one | two\nthree]]>\n' | kx 2>&1)
 [[ "$out" != *"shell metacharacters"* && "$out" != *"parse error"* ]] \
   && passes=$((passes + 1)) || { echo "FAIL multi-line CDATA: $out"; failures=$((failures + 1)); }
 
 # A runaway loop is halted, and the process carries on.
-out=$(printf 'while (1) x++\nKestrune guided\n' | "${KX[@]}" --conf "$HOME_DIR" 2>&1)
+out=$(printf 'while (1) x++\nKestrune guided\n' | kx 2>&1)
 [[ "$out" == "ERROR: step limit reached (runaway loop?) — script halted"$'\n'"OK: guided mode is OFF"* ]] \
   && passes=$((passes + 1)) || { echo "FAIL runaway loop: $out"; failures=$((failures + 1)); }
 
@@ -72,5 +70,7 @@ elif command -v script >/dev/null; then
     && passes=$((passes + 1)) || { echo "FAIL usage at a console: $out"; failures=$((failures + 1)); }
 fi
 
-echo "$passes passed, $failures failed"
-[[ $failures -eq 0 ]]
+}
+
+two_ways cli_checks "$1"
+checks_done cli

@@ -9,9 +9,6 @@ PROJECT="$WORK/project"
 mkdir -p "$PROJECT"
 echo one >"$PROJECT/a.txt"
 refusal="ERROR: emit approval needs a person at the console or the UI — run this from kx on a terminal, or approve it in the UI (kx gui)"
-# One kx line that requests an emit and approves it; pending emits live in the
-# process that serves them, so the local run must do both in one go.
-both='{ fsvctl:emit <path>/</path>; fsvctl:emitcommit 1 <mode>A</mode> }'
 approve='fsvctl:emitcommit 1 <mode>A</mode>'
 on_terminal() { script -qec "$1" /dev/null | tr -d '\r'; }
 printf -v kx_q '%q' "$KX"
@@ -33,9 +30,16 @@ check "kx on a terminal approves it through the resident" grep -q '^APPROVED: em
 same "and it is gone" "PENDING-EMITS 0" "$(kx fsvctl:emitlist | head -n1)"
 
 # --- locally -------------------------------------------------------------------------
+# The queue belongs to the home: a local request waits for a later process, and its
+# number follows the resident's.
 export KESTRUNE_LOCAL=1
-local_out=$("$KX" --conf "$CONF" "$both" </dev/null | cat)
-check "a piped local kx may not approve" grep -qF "$refusal" <<<"$local_out"
-check "a local kx on a terminal may" grep -q '^APPROVED: emit #1' \
-  <<<"$(on_terminal "$kx_q --conf $CONF '$both'")"
+approve_local='fsvctl:emitcommit 2 <mode>A</mode>'
+same "a local kx queues a request" "PENDING #2" "$("$KX" --conf "$CONF" fsvctl:emit '<path>/</path>' | cut -c1-10)"
+same "a piped local kx may not approve" "$refusal" "$("$KX" --conf "$CONF" "$approve_local" </dev/null | cat)"
+check "the request outlived both processes" grep -q '^PENDING-EMITS 1' \
+  <<<"$("$KX" --conf "$CONF" fsvctl:emitlist)"
+check "a local kx on a terminal may" grep -q '^APPROVED: emit #2' \
+  <<<"$(on_terminal "$kx_q --conf $CONF '$approve_local'")"
+same "and the resident sees it gone" "PENDING-EMITS 0" \
+  "$(env -u KESTRUNE_LOCAL "$KX" --port "$P" --conf "$CONF" fsvctl:emitlist | head -n1)"
 finish

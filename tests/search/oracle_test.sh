@@ -12,14 +12,29 @@
 #    with ASCII patterns only.
 #  - Back-references, \d, lookaround and lazy quantifiers exist in one flavour only.
 #  - -o with context: GNU prints "--" separators, kx prints matches only.
+#
+# Every kx grep also runs through a resident (a native build only), which must
+# print exactly what the local run printed.
 set -u
 . "$(dirname "$0")/../lib/checks.sh"
+if [[ -z "${KX_EMULATOR:-}" ]]; then
+  # The resident's helpers: WORK, a temporary HOME, a free port, cleanup by process id.
+  . "$(dirname "$0")/../resident/lib.sh" "$1"
+else
+  WORK=$(mktemp -d "${TMPDIR:-/tmp}/kx-grep-oracle.XXXXXX")
+  trap 'rm -rf "$WORK"' EXIT
+fi
 kx_runner "$1"
 ROUNDS=${2:-150}
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/kx-grep-oracle.XXXXXX")
-trap 'rm -rf "$WORK"' EXIT
 export HOME="$WORK/user" KESTRUNE_LOCAL=1 LC_ALL=C.UTF-8
-mkdir -p "$HOME" "$WORK/tree/sub"
+mkdir -p "$HOME" "$WORK/tree/sub" "$WORK/home"
+RESIDENT_KX=()
+if [[ -z "${KX_EMULATOR:-}" ]]; then
+  port=$(free_port)
+  boot_resident "$port" "$WORK/home"
+  [[ -n "$RESIDENT" ]] || { echo "FAIL no resident came up"; exit 1; }
+  RESIDENT_KX=(env -u KESTRUNE_LOCAL "${KX[@]}" --port "$port" --conf "$WORK/home")
+fi
 RANDOM=${ORACLE_SEED:-4242}
 
 words=(alpha beta gamma delta foo bar baz qux a.b x+y "(p)" "[q]" "c|d" "e^f" "g\$h" Foo BAR)
@@ -77,9 +92,26 @@ compare() { # <name> <kx args...> -- <grep args...>
   grep_args=("$@")
   local want got
   want=$(cd "$WORK/tree" && grep "${grep_args[@]}" 2>/dev/null | norm_sorted)
-  got=$(cd "$WORK/tree" && "${KX[@]}" grep "${kx_args[@]}" | strip_summary | norm_sorted)
+  got=$(cd "$WORK/tree" && "${KX[@]}" --conf "$WORK/home" grep "${kx_args[@]}" | strip_summary | norm_sorted)
   if [[ "$got" == "$want" ]]; then passes=$((passes + 1)); else
     report_failure "$name: kx grep ${kx_args[*]}" "$got" "$(printf %q "$want")"
+  fi
+  same_through_resident "$name" grep "${kx_args[@]}"
+}
+
+# The same kx grep through the resident prints what the local run printed, but for
+# where the summary says the text came from (that process's caches).
+same_through_resident() { # <name> <kx args...>
+  [[ ${#RESIDENT_KX[@]} -gt 0 ]] || return 0
+  local name=$1; shift
+  local here there
+  local sources='s/^(-- .*; searched [0-9]+):.*$/\1/'
+  here=$(cd "$WORK/tree" && "${KX[@]}" --conf "$WORK/home" "$@" 2>&1; echo "status $?")
+  there=$(cd "$WORK/tree" && "${RESIDENT_KX[@]}" "$@" 2>&1; echo "status $?")
+  here=$(sed -E "$sources" <<<"$here")
+  there=$(sed -E "$sources" <<<"$there")
+  if [[ "$there" == "$here" ]]; then passes=$((passes + 1)); else
+    report_failure "$name through the resident: kx $*" "$there" "$(printf %q "$here")"
   fi
 }
 
@@ -92,11 +124,12 @@ compare_file() { # <name> <file> <flags...> -- <pattern>
   for f in "${flags[@]}"; do [[ $f == -F ]] && mode=""; done
   local want got
   want=$(cd "$WORK/tree" && grep $mode "${flags[@]}" -e "$pattern" "$file" 2>/dev/null)
-  got=$(cd "$WORK/tree" && "${KX[@]}" grep "${flags[@]}" -e "$pattern" "$file" | strip_summary)
+  got=$(cd "$WORK/tree" && "${KX[@]}" --conf "$WORK/home" grep "${flags[@]}" -e "$pattern" "$file" | strip_summary)
   if [[ "$got" == "$want" ]]; then passes=$((passes + 1)); else
     report_failure "$name: grep ${flags[*]} -e $(printf %q "$pattern") $file" "$got" \
       "$(printf %q "$want")"
   fi
+  same_through_resident "$name" grep "${flags[@]}" -e "$pattern" "$file"
 }
 
 files=(r1.txt r2.txt sub/r3.txt real.h sub/tail.txt)

@@ -1,14 +1,17 @@
 #!/usr/bin/env bash
 # End-to-end checks of the versioned file store through the real kx binary: every
 # command runs in a fresh process, so each one also re-enrolls from the config.
+# The checks run once locally and once through a resident, with the same answers.
 # Usage: vfs_test.sh <path to kx>   (KX_EMULATOR, e.g. wine, runs a Windows build)
 set -u
-# These checks are about local runs: never forward to (or spawn) a resident.
-export KESTRUNE_LOCAL=1
 . "$(dirname "$0")/../lib/checks.sh"
+. "$(dirname "$0")/../lib/two_ways.sh"
 kx_runner "$1"
-BASE=$(mktemp -d)
-trap 'rm -rf "$BASE"' EXIT
+
+kx() { kx_logged "$@" 2>"$BASE/err" </dev/null; }
+
+vfs_checks() {
+BASE=$SIDE
 HOME_DIR=$BASE/home
 PROJ=$BASE/proj
 mkdir -p "$PROJ"
@@ -17,10 +20,8 @@ mkdir -p "$PROJ"
 SHOWN=$(shown_path "$PROJ")
 JSON_SHOWN=${SHOWN//\\/\\\\}
 
-kx() { "${KX[@]}" --conf "$HOME_DIR" "$@" 2>"$BASE/err" </dev/null; }
-
 # Enrollment from the working directory, as "kx enroll <dir>" is typed.
-out=$(cd "$BASE" && "${KX[@]}" --conf "$HOME_DIR" enroll proj 2>/dev/null)
+out=$(cd "$BASE" && kx_logged enroll proj 2>/dev/null)
 truth "enroll answers" [ "${out%%$'\n'*}" == "OK: enrolled $SHOWN — 0 file(s) ingested (0 B), watching for changes" ]
 truth "enroll is recorded" grep -qxF "$SHOWN :: scope=all ext=default watch=on mode=vc" "$HOME_DIR/config/versioncontroldirs.cfg"
 
@@ -31,12 +32,12 @@ MIRROR=$HOME_DIR/.versioncontrol/$KEY
 expect "create" "OK: created file src/a.txt
   [version control: automatic] src/a.txt saved as v1 — history: 'Kestrune history src/a.txt'; undo: 'fs:rm src/a.txt' (history kept)" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello]]></content>"
-truth "re-enrolled at start" grep -qF "[versioncontroldirs] $SHOWN -> enrolled (0 file(s))" "$BASE/err"
+truth "a start with nothing changed says nothing" [ ! -s "$BASE/err" ]
 expect "second version" "OK: created file src/a.txt
   [version control: automatic] src/a.txt saved as v2 — history: 'Kestrune history src/a.txt'; roll back: 'Kestrune revert src/a.txt to 1'" \
   -- "fsmk:file src/a.txt <content><![CDATA[hello again]]></content>"
 expect "cat by suffix" "hello again" -- fs:cat a.txt
-truth "cat leaves stdout clean, reports on stderr" grep -qF "[vc] (1) caching $SHOWN -> cached (1 file(s))" "$BASE/err"
+truth "cat prints the file and nothing else" [ ! -s "$BASE/err" ]
 truth "mirror copy" [ "$(cat "$MIRROR/src/a.txt")" == "hello again" ]
 truth "archive chain" [ "$(cat "$MIRROR/src/.a.txt.oldversions/a.txt.xx1")" == "hello" ]
 truth "working tree stays clean" [ "$(cd "$PROJ" && find . | sort | tr '\n' ' ')" == ". ./src ./src/a.txt " ]
@@ -83,11 +84,21 @@ kx "fsmk:file turnlog-1.md <content>t</content>" >/dev/null
 truth "turnlog has no mirror" [ ! -e "$MIRROR/turnlog-1.md" ]
 
 # Two processes saving into one file at once: the store lock keeps every version.
+# Which one comes last differs from run to run, so these calls are not in the
+# transcript and the race's bytes are not compared.
+racers=()
 for w in A B; do
-  (for ((i = 0; i < 15; i++)); do kx "fsmk:file race.txt <content>$w$i</content>" >/dev/null; done) &
+  (for ((i = 0; i < 15; i++)); do
+    "${KX[@]}" "${KX_PORT_ARGS[@]}" --conf "$HOME_DIR" "fsmk:file race.txt <content>$w$i</content>" \
+      >/dev/null 2>&1 </dev/null
+  done) &
+  racers+=($!)
 done
-wait
+wait "${racers[@]}" # not the resident of the second pass
 chain=$(cd "$MIRROR" && cat race.txt .race.txt.oldversions/race.txt.xx* | grep -oE '[AB][0-9]+' | sort -u | wc -l)
 truth "parallel processes lose no version" [ "$chain" -eq 30 ]
+}
 
+TWO_WAYS_UNORDERED="race\.txt"
+two_ways vfs_checks "$1"
 checks_done vfs
