@@ -21,7 +21,7 @@ kx_require_packages() {
 }
 
 KX_BUILD_PACKAGES=(g++ cmake ninja-build flex bison libpcre2-dev nlohmann-json3-dev node=nodejs npm=npm)
-KX_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang curl tmux bsdutils ss=iproute2 chromium=chromium)
+KX_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang curl tmux bsdutils ss=iproute2 chromium=chromium ccache)
 # The benchmarks' anchors and peak-memory meter (bench/run-all.sh).
 KX_BENCH_PACKAGES=(sqlite3=sqlite3 time)
 KX_WINDOWS_PACKAGES=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine wine64 dpkg-dev bsdutils)
