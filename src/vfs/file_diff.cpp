@@ -1,10 +1,12 @@
 #include "vfs/file_diff.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
 #include <new>
 #include <span>
 
+#include "vfs/edit_frontier.hpp"
 #include "vfs/lcs_rows.hpp"
 #include "vfs/ond_diff.hpp"
 
@@ -51,6 +53,13 @@ class Aligner {
     }
 
     const std::size_t mid = a.size() / 2;
+    std::size_t split = 0;
+    if (split_by_edits(a, b, mid, split)) {
+      align(a.first(mid), a_base, b.first(split), b_base);
+      align(a.subspan(mid), a_base + static_cast<std::uint32_t>(mid), b.subspan(split),
+            b_base + static_cast<std::uint32_t>(split));
+      return;
+    }
     lcs_row(a.first(mid), b, forward_);
     reversed_a_.assign(a.rbegin(), a.rend() - static_cast<std::ptrdiff_t>(mid));
     reversed_b_.assign(b.rbegin(), b.rend());
@@ -58,7 +67,6 @@ class Aligner {
 
     // backward_[m - k] is the LCS of the second half with b[k..m).
     const std::size_t m = b.size();
-    std::size_t split = 0;
     std::uint32_t best = 0;
     for (std::size_t k = 0; k <= m; ++k) {
       const std::uint32_t sum = forward_[k] + backward_[m - k];
@@ -73,6 +81,30 @@ class Aligner {
   }
 
  private:
+  // The same split point as the rows below give, found from edit distances when the
+  // two ranges differ by few edits. A split (mid, j) lies on a longest common
+  // subsequence exactly when the distances to it from both ends add up to the whole
+  // distance, so the first such j is the first point of largest LCS sum. False when
+  // the ranges differ too much for this to be the cheaper way.
+  bool split_by_edits(Ids a, Ids b, std::size_t mid, std::size_t& split) {
+    const double cells = static_cast<double>(a.size()) * static_cast<double>(b.size());
+    const auto cap = static_cast<std::uint32_t>(std::max(16.0, std::sqrt(cells) / 8));
+    const std::optional<std::uint32_t> whole = edits_to_row(a, b, mid, cap, forward_);
+    if (!whole) return false;
+    reversed_a_.assign(a.rbegin(), a.rend());
+    reversed_b_.assign(b.rbegin(), b.rend());
+    (void)edits_to_row(reversed_a_, reversed_b_, a.size() - mid, *whole, backward_);
+    const std::size_t m = b.size();
+    for (std::size_t j = 0; j <= m; ++j) {
+      if (forward_[j] == kFarther || backward_[m - j] == kFarther) continue;
+      if (forward_[j] + backward_[m - j] == *whole) {
+        split = j;
+        return true;
+      }
+    }
+    return false;  // unreachable: the path of the whole distance crosses the row
+  }
+
   void emit(LineTag tag, std::uint32_t from, std::size_t count) {
     for (std::size_t k = 0; k < count; ++k)
       out_.push_back({tag, from + static_cast<std::uint32_t>(k)});
