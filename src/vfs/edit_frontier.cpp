@@ -9,11 +9,15 @@ std::optional<std::uint32_t> edits_to_row(std::span<const std::uint32_t> a,
   const auto m = static_cast<std::int64_t>(b.size());
   const auto r = static_cast<std::int64_t>(row);
   to_row.assign(b.size() + 1, kFarther);
-  // Diagonal k holds the points with x - y = k (x indexes a, y indexes b), from -m to
-  // n; reach[k + m] is the largest x reached on it with the current distance's parity,
-  // -1 while none.
-  std::vector<std::int64_t> reach(static_cast<std::size_t>(n + m + 1), -1);
-  auto at = [&](std::int64_t k) -> std::int64_t& { return reach[static_cast<std::size_t>(k + m)]; };
+  // Diagonal k holds the points with x - y = k (x indexes a, y indexes b); within
+  // `cap` edits only diagonals -cap - 1 .. cap + 1 are ever read. reach[k + cap + 1] is
+  // the largest x reached on diagonal k with the current distance's parity, -1 while
+  // none.
+  const auto band = static_cast<std::int64_t>(cap) + 1;
+  std::vector<std::int64_t> reach(static_cast<std::size_t>(2 * band + 1), -1);
+  auto at = [&](std::int64_t k) -> std::int64_t& {
+    return reach[static_cast<std::size_t>(k + band)];
+  };
   std::optional<std::uint32_t> whole;
   for (std::int64_t d = 0; d <= static_cast<std::int64_t>(cap); ++d) {
     for (std::int64_t k = -d; k <= d; k += 2) {
