@@ -79,7 +79,7 @@ int generate(const fs::path& dir, std::size_t memos, const fs::path& tsv) {
       "generated: %zu memos in %zu topics, %.1f MB data.mem, %zu keywords; "
       "in-memory add %.0f memos/s, one rewrite %.2f s\n",
       store.memo_count(), store.topic_count(), (store.used() + 4) / 1e6,
-      store.keyword_index().size(), memos / built, seconds_since(write_start));
+      store.keyword_count(), memos / built, seconds_since(write_start));
   return 0;
 }
 
@@ -97,7 +97,7 @@ int load(const fs::path& dir) {
   const double cpu_s = static_cast<double>(std::clock() - cpu_start) / CLOCKS_PER_SEC;
   std::printf(
       "load: %.2f s wall, %.2f s cpu for %zu memos (%.1f MB heap, %zu keywords, %zu topics)\n",
-      load_s, cpu_s, store.memo_count(), store.used() / 1e6, store.keyword_index().size(),
+      load_s, cpu_s, store.memo_count(), store.used() / 1e6, store.keyword_count(),
       store.topic_count());
   std::printf("resident memory after load: %.0f MB (peak %.0f MB, %.0f MB before load)\n",
               proc_status_mb("VmRSS"), proc_status_mb("VmHWM"), rss_before);
@@ -108,7 +108,7 @@ int load(const fs::path& dir) {
     const auto t = Clock::now();
     // What a lookup needs before formatting: the postings and the first 50 topics.
     std::size_t hits = 0;
-    if (const auto* postings = store.postings(keyword)) {
+    if (const auto postings = store.postings(keyword)) {
       hits = postings->size();
       for (std::size_t i = 0; i < postings->size() && i < 50; ++i)
         total_hits += store.slot((*postings)[i].offset)->topic->topic.size();
