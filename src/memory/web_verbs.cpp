@@ -74,7 +74,8 @@ std::string run_temporal(MemoryState& state, std::string_view args) {
   const std::string term = lower(t.arg);
   std::unordered_set<const TopicNode*> candidates;
   if (const auto postings = store.postings(term))
-    for (const Posting p : *postings) candidates.insert(store.slot(p.offset)->topic);
+    for (const Posting p : *postings)
+      if (const RecordSlot* s = store.slot(p.offset)) candidates.insert(s->topic);
   for (const TopicNode* node : store.webs().topics_with(W::what, term)) candidates.insert(node);
   std::vector<std::pair<std::string, const TopicNode*>> chain;
   for (const TopicNode* node : candidates) {
@@ -109,7 +110,8 @@ std::string run_thematic(MemoryState& state, std::string_view args) {
       const auto postings = store.postings(keyword);
       if (!postings || postings->size() > kThematicSkip) continue;
       std::unordered_set<const TopicNode*> topics;
-      for (const Posting p : *postings) topics.insert(store.slot(p.offset)->topic);
+      for (const Posting p : *postings)
+        if (const RecordSlot* s = store.slot(p.offset)) topics.insert(s->topic);
       for (const TopicNode* other : topics)
         if (other != node) ++shared[other];
     }
