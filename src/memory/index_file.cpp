@@ -65,6 +65,7 @@ void Checksum::block(const char* bytes) {
 }
 
 void Checksum::update(std::string_view bytes) {
+  if (bytes.empty()) return;
   total_ += bytes.size();
   if (pending_size_ > 0) {
     const std::size_t take = std::min(bytes.size(), 32 - pending_size_);
@@ -325,11 +326,13 @@ std::string_view IndexFile::keyword(std::size_t number) const {
 std::optional<std::size_t> IndexFile::find(std::string_view keyword_name) const {
   const std::size_t mask = static_cast<std::size_t>(field(6)) - 1;
   const char* slots = map_.bytes().data() + slots_at_;
-  for (std::size_t at = checksum(keyword_name) & mask;; at = (at + 1) & mask) {
+  std::size_t at = checksum(keyword_name) & mask;
+  for (std::size_t probes = 0; probes <= mask; ++probes, at = (at + 1) & mask) {
     const std::uint32_t value = load32(slots + at * 4);
     if (value == 0 || value > keyword_count()) return std::nullopt;
     if (keyword(value - 1) == keyword_name) return value - 1;
   }
+  return std::nullopt;
 }
 
 StoredPostings IndexFile::postings(std::size_t number) const {
