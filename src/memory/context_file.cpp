@@ -229,7 +229,7 @@ std::string ContextStore::refresh() {
 
 // --- the index file ----------------------------------------------------------------
 
-bool ContextStore::load_indexed(Look& look) {
+bool ContextStore::load_indexed(Look& look, bool again) {
   auto index = IndexFile::open(index_path(data_path_));
   if (!index || index->seq() != look.seq || kMagic.size() + index->heap_size() > look.size)
     return false;
@@ -247,6 +247,11 @@ bool ContextStore::load_indexed(Look& look) {
     }
     if (sum.value() != index->heap_sum()) return false;
   }
+  // Where a mapped index cannot be replaced (Windows), damage found later could not be
+  // mended while the store holds the file: check every keyword's postings now.
+  if (platform::mappings_block_renames())
+    for (std::size_t i = 0; i < index->keyword_count(); ++i)
+      if (!index->postings_sound(i)) return false;
   auto map = platform::FileMapping::map(look.file, kMagic.size() + covered);
   if (!map) return false;
 
@@ -316,15 +321,19 @@ bool ContextStore::load_indexed(Look& look) {
     used_ += rest;
     std::uint64_t bad_at = 0, skipped = 0;
     index_from(covered, bad_at, skipped);
-    if (used_ != covered + rest)
+    if (used_ != covered + rest) {
       note_damage(look.size, bad_at, skipped);
-    else if (rest >= index_threshold_ && rest >= covered / 4)
-      write_index(look.seq);
+    } else if (!again && rest >= index_threshold_ && rest >= covered / 4) {
+      // Many records behind the index: index them all and open that. The old index is
+      // let go before the new one takes its name (Windows renames over no mapped file).
+      write_index(look.seq, [&] { reset(); });
+      return load_indexed(look, true);
+    }
   }
   return true;
 }
 
-void ContextStore::write_index(std::uint64_t seq) {
+void ContextStore::write_index(std::uint64_t seq, const std::function<void()>& before_rename) {
   if (!order_known_ || data_path_.empty()) return;
   IndexContent content;
   content.heap_size = used_;
@@ -351,7 +360,7 @@ void ContextStore::write_index(std::uint64_t seq) {
   for (std::string_view key : keyword_order_)
     content.keywords.push_back({key, {}, &index_.find(key)->second});
   // The index is derived: when it cannot be written, the next load reads every record.
-  (void)write_index_file(index_path(data_path_), content);
+  (void)write_index_file(index_path(data_path_), content, before_rename);
 }
 
 // --- writes ------------------------------------------------------------------------

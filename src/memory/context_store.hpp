@@ -251,7 +251,7 @@ class ContextStore {
   // file is given up and the keyword index derived from the records.
   bool base_sound(std::size_t number) const;
   void reindex_from_heap();
-  void write_index(std::uint64_t seq);
+  void write_index(std::uint64_t seq, const std::function<void()>& before_rename = {});
   void unlink_recency(TopicNode* node);
   void push_head(TopicNode* node);
   void erase_topic_node(TopicNode* node);
@@ -259,7 +259,8 @@ class ContextStore {
   struct Look;
   std::filesystem::path lock_path() const;
   Look look(const platform::FileLock* lock) const;
-  bool load_indexed(Look& look);
+  // `again`: the index was just written afresh; do not write it once more.
+  bool load_indexed(Look& look, bool again = false);
   [[nodiscard]] std::string take_in(Look& look);
   [[nodiscard]] std::string take_in_first(Look& look);
   void note_damage(std::uint64_t file_bytes, std::uint64_t bad_at, std::uint64_t skipped);

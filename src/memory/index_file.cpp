@@ -148,7 +148,8 @@ void encode_extra(const std::vector<MemoEntry>& extra, std::string& out) {
 
 }  // namespace
 
-std::string write_index_file(const fs::path& path, const IndexContent& content) {
+std::string write_index_file(const fs::path& path, const IndexContent& content,
+                             const std::function<void()>& before_rename) {
   // Tables first, in memory: the header carries their checksum.
   std::string records, topics, keywords, names, slots;
   records.reserve(content.records.size() * kRecordSize);
@@ -228,6 +229,7 @@ std::string write_index_file(const fs::path& path, const IndexContent& content) 
     }
     ok = out.finish(reason);
   }
+  if (ok && before_rename) before_rename();
   if (ok) ok = platform::replace_durable(temp, path, reason);
   if (!ok) {
     std::error_code ec;
@@ -342,7 +344,14 @@ StoredPostings IndexFile::postings(std::size_t number) const {
 }
 
 bool IndexFile::postings_sound(std::size_t number) const {
-  return checksum(postings(number).bytes()) == load64(keyword_entry(number) + 24);
+  const StoredPostings list = postings(number);
+  if (checksum(list.bytes()) != load64(keyword_entry(number) + 24)) return false;
+  // Within the described records, in ascending order. (Whether each names a record
+  // start is left to the readers, which look every posting up anyway.)
+  for (std::size_t i = 0; i < list.size(); ++i)
+    if (list.offset(i) >= heap_size() || (i > 0 && list.offset(i - 1) >= list.offset(i)))
+      return false;
+  return true;
 }
 
 }  // namespace kx::memory

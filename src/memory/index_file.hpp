@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -103,8 +104,11 @@ struct IndexContent {
   std::vector<Keyword> keywords;
 };
 
-// Writes the index to a temporary name and renames it over `path`. "" or an error.
-std::string write_index_file(const std::filesystem::path& path, const IndexContent& content);
+// Writes the index to a temporary name and renames it over `path`. `before_rename`
+// runs once the bytes are written (and `content` is no longer read): where a mapped
+// file cannot be renamed over, it lets go of the old index. "" or an error.
+std::string write_index_file(const std::filesystem::path& path, const IndexContent& content,
+                             const std::function<void()>& before_rename = {});
 
 class IndexFile {
  public:
@@ -126,7 +130,8 @@ class IndexFile {
   // The number of a keyword (folded), or nullopt.
   std::optional<std::size_t> find(std::string_view keyword) const;
   StoredPostings postings(std::size_t number) const;
-  // Whether the keyword's postings still match their checksum.
+  // Whether the keyword's postings still match their checksum and lie in order
+  // within the described records.
   bool postings_sound(std::size_t number) const;
 
  private:
