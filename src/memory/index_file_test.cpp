@@ -79,17 +79,22 @@ class IndexFileTest : public ::testing::Test {
     load_data_file(*store);
     return store;
   }
-  // What a load that reads every record derives, whatever the index file says.
+  // What a load that reads every record derives: data.mem alone, in a folder of its own.
   std::string full_load() {
-    auto store = std::make_unique<ContextStore>("ctx");
-    store->set_index_threshold(UINT64_MAX);
-    store->set_data_path(data());
-    const std::string saved = fs::exists(idx()) ? slurp(idx()) : "";
-    fs::remove(idx());
-    load_data_file(*store);
-    if (!saved.empty()) spit(idx(), saved);
-    EXPECT_FALSE(store->loaded_from_index());
-    return describe(*store);
+    const fs::path alone = dir_.path() / "alone";
+    fs::create_directories(alone);
+    fs::copy_file(data(), alone / "data.mem", fs::copy_options::overwrite_existing);
+    std::string text;
+    {
+      ContextStore store("ctx");
+      store.set_index_threshold(UINT64_MAX);
+      store.set_data_path(alone / "data.mem");
+      load_data_file(store);
+      EXPECT_FALSE(store.loaded_from_index());
+      text = describe(store);
+    }
+    fs::remove_all(alone);
+    return text;
   }
   void fill(ContextStore& store, int memos, int first = 0) {
     for (int i = first; i < first + memos; ++i) {
