@@ -19,7 +19,20 @@ elapsed() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.3f", b - a }'; }
 
 echo "== kestrune memory store, $MEMOS memos of 200 bytes"
 "$scale" generate "$ctx" "$MEMOS" "$work/memos.tsv"
+# "Cold" = a fresh process, with the page cache dropped first where this runs as root
+# (otherwise data.mem and data.mem.idx may still be cached from the previous step).
+drop_caches() {
+  sync
+  if echo 3 2>/dev/null >/proc/sys/vm/drop_caches; then echo "(page cache dropped)"; else echo "(page cache not dropped: not root)"; fi
+}
+echo "-- first open: no index yet, every record is read and data.mem.idx written"
+drop_caches
 "$scale" load "$ctx"
+echo "-- cold open with the index $(drop_caches)"
+"$scale" load "$ctx"
+echo "-- warm open with the index"
+"$scale" load "$ctx"
+echo "index file: $(du -m "$ctx/data.mem.idx" | cut -f1) MB beside a $(du -m "$ctx/data.mem" | cut -f1) MB data.mem"
 "$scale" verbs "$work/.contexts" cli big
 
 echo "== sqlite $(sqlite3 --version | cut -d' ' -f1) FTS5, same memos"
@@ -45,9 +58,13 @@ t=$(now)
 s=$(elapsed "$t")
 awk -v n="$rows" -v s="$s" 'BEGIN { printf "per-row autocommit insert (synchronous=OFF): %.0f memos/s\n", n / s }'
 
+drop_caches >/dev/null
+t=$(now)
+/usr/bin/time -f "%M" -o "$work/rss" sqlite3 "$db" "SELECT count(*) FROM memos WHERE memos MATCH 'kalo';" >/dev/null
+echo "cold open + first query (new process, page cache dropped as above): $(elapsed "$t") s, peak RSS $(awk '{ printf "%.0f", $1 / 1024 }' "$work/rss") MB"
 t=$(now)
 sqlite3 "$db" "SELECT count(*) FROM memos WHERE memos MATCH 'kalo';" >/dev/null
-echo "open + first query (new process): $(elapsed "$t") s"
+echo "warm open + first query (new process): $(elapsed "$t") s"
 
 # Keyword queries inside one open session, the same words as the store's lookups.
 words=$(awk -F'\t' 'NR % 997 == 0 { split($2, w, " "); print w[2]; if (++n == 200) exit }' "$work/memos.tsv")

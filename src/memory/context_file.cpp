@@ -10,13 +10,16 @@
 // copy. Readers hold the lock only to open the file and read its size and count:
 // appends only add bytes behind that size and rewrites rename a new file over the
 // name, so the open file still shows what was looked at.
+#include <algorithm>
 #include <cstring>
 #include <system_error>
+#include <unordered_map>
 
 #include "memory/context_store.hpp"
 #include "memory/data_file.hpp"
 #include "platform/durable_file.hpp"
 #include "platform/file_handle.hpp"
+#include "platform/file_mapping.hpp"
 
 namespace kx::memory {
 namespace fs = std::filesystem;
@@ -68,7 +71,7 @@ std::string ContextStore::take_in(Look& look) {
   // Records someone else appended.
   const std::uint64_t from = used_, count = look.size - file_size_;
   reserve(used_ + count);
-  if (!look.file.read_at(file_size_, data_ + used_, count)) {
+  if (!look.file.read_at(file_size_, owned_at(used_), count)) {
     file_known_ = false;
     return "could not read " + data_path_.string();
   }
@@ -86,7 +89,11 @@ std::string ContextStore::take_in_first(Look& look) {
   char magic[4] = {};
   if (size >= kMagic.size() && look.file.read_at(0, magic, sizeof magic) &&
       std::string_view(magic, sizeof magic) == kMagic) {
-    // The common case: the records go straight into the heap.
+    if (load_indexed(look)) {
+      file_size_ = size;
+      return {};
+    }
+    // The records go straight into the heap.
     const std::uint64_t body = size - kMagic.size();
     bool read = false;
     reset();
@@ -99,7 +106,10 @@ std::string ContextStore::take_in_first(Look& look) {
     used_ = body;
     std::uint64_t bad_at = 0, skipped = 0;
     index_from(0, bad_at, skipped);
-    if (used_ != body) note_damage(size, bad_at, skipped);
+    if (used_ != body)
+      note_damage(size, bad_at, skipped);
+    else if (body >= index_threshold_)
+      write_index(look.seq);
   } else {
     std::string bytes(static_cast<std::size_t>(size), '\0');
     if (!look.file.read_at(0, bytes.data(), size)) {
@@ -217,6 +227,142 @@ std::string ContextStore::refresh() {
   return catch_up(lock);
 }
 
+// --- the index file ----------------------------------------------------------------
+
+bool ContextStore::load_indexed(Look& look, bool again) {
+  auto index = IndexFile::open(index_path(data_path_));
+  if (!index || index->seq() != look.seq || kMagic.size() + index->heap_size() > look.size)
+    return false;
+  const std::uint64_t covered = index->heap_size();
+  // The records it was made from must be the bytes in data.mem now. Read through the
+  // file, not the mapping, so that checking touches no page of this process.
+  {
+    Checksum sum;
+    std::string chunk(std::size_t{1} << 20, '\0');
+    for (std::uint64_t at = 0; at < covered;) {
+      const std::uint64_t n = std::min<std::uint64_t>(chunk.size(), covered - at);
+      if (!look.file.read_at(kMagic.size() + at, chunk.data(), n)) return false;
+      sum.update(std::string_view(chunk.data(), static_cast<std::size_t>(n)));
+      at += n;
+    }
+    if (sum.value() != index->heap_sum()) return false;
+  }
+  // Where a mapped index cannot be replaced (Windows), damage found later could not be
+  // mended while the store holds the file: check every keyword's postings now.
+  if (platform::mappings_block_renames())
+    for (std::size_t i = 0; i < index->keyword_count(); ++i)
+      if (!index->postings_sound(i)) return false;
+  auto map = platform::FileMapping::map(look.file, kMagic.size() + covered);
+  if (!map) return false;
+
+  reset();
+  heap_map_ = std::move(*map);
+  mapped_ = used_ = covered;
+  const std::vector<std::string_view> names = index->topics();
+  std::vector<TopicNode*> nodes(names.size(), nullptr);
+  records_.reserve(index->record_count());
+  bool sound = index->record_count() > 0 ? index->record(0).offset == 0 : covered == 0;
+  for (std::size_t i = 0; sound && i < index->record_count(); ++i) {
+    const IndexedRecord r = index->record(i);
+    sound = r.topic < nodes.size() && r.offset < covered &&
+            (i == 0 || records_.back().offset < r.offset);
+    if (!sound) break;
+    TopicNode*& node = nodes[r.topic];
+    const bool created = node == nullptr;
+    if (created) {
+      auto [it, fresh] = topics_.try_emplace(std::string(names[r.topic]));
+      if (!fresh) {
+        sound = false;
+        break;
+      }
+      it->second = std::make_unique<TopicNode>();
+      it->second->topic = it->first;
+      node = it->second.get();
+    }
+    node->memos.push_back({r.offset, r.flags});
+    records_.push_back({r.offset, node, static_cast<std::uint32_t>(node->memos.size() - 1)});
+    if (created)
+      push_head(node);
+    else
+      touch(node);
+    if ((r.flags & kVectorBit) != 0 || observer_) {
+      const RecordView record = record_at(r.offset);
+      if (!record.vector_bytes.empty()) embeddings_[r.offset] = record.vector();
+      if (observer_) observer_(record.keywords);
+    }
+  }
+  if (sound && !records_.empty()) {
+    // The last record must end where the described records end.
+    RecordView last;
+    sound = parse_record(bytes_at(records_.back().offset), last) &&
+            records_.back().offset + last.size == covered;
+  }
+  if (!sound) {
+    reset();
+    return false;
+  }
+  for (std::size_t i = 0; i < index->keyword_count(); ++i)
+    related_.link(std::string(index->keyword(i)));
+  base_checked_.assign(index->keyword_count(), 0);
+  base_ = std::make_unique<IndexFile>(std::move(*index));
+  webs_ready_ = false;
+  // Where others may rename over a mapped file only once it is unmapped, the records
+  // are copied in instead of holding data.mem mapped.
+  if (platform::mappings_block_renames()) own_heap();
+
+  // Records appended since the index was written.
+  const std::uint64_t rest = look.size - kMagic.size() - covered;
+  if (rest > 0) {
+    reserve(used_ + rest);
+    if (!look.file.read_at(kMagic.size() + covered, owned_at(used_), rest)) {
+      reset();
+      return false;
+    }
+    used_ += rest;
+    std::uint64_t bad_at = 0, skipped = 0;
+    index_from(covered, bad_at, skipped);
+    if (used_ != covered + rest) {
+      note_damage(look.size, bad_at, skipped);
+    } else if (!again && rest >= index_threshold_ && rest >= covered / 4) {
+      // Many records behind the index: index them all and open that. The old index is
+      // let go before the new one takes its name (Windows renames over no mapped file).
+      write_index(look.seq, [&] { reset(); });
+      return load_indexed(look, true);
+    }
+  }
+  return true;
+}
+
+void ContextStore::write_index(std::uint64_t seq, const std::function<void()>& before_rename) {
+  if (!order_known_ || data_path_.empty()) return;
+  IndexContent content;
+  content.heap_size = used_;
+  content.seq = seq;
+  Checksum sum;
+  sum.update(bytes_at(0).substr(0, mapped_));
+  if (used_ > mapped_) sum.update(bytes_at(mapped_));
+  content.heap_sum = sum.value();
+  std::unordered_map<const TopicNode*, std::uint32_t> numbers;
+  content.records.reserve(records_.size());
+  for (const RecordSlot& s : records_) {
+    auto [it, fresh] = numbers.try_emplace(s.topic, static_cast<std::uint32_t>(numbers.size()));
+    if (fresh) content.topics.push_back(s.topic->topic);
+    content.records.push_back({s.offset, s.topic->memos[s.position].flags, it->second});
+  }
+  if (base_) {
+    for (std::size_t i = 0; i < base_->keyword_count(); ++i) {
+      if (!base_sound(i)) return;
+      auto it = index_.find(base_->keyword(i));
+      content.keywords.push_back(
+          {base_->keyword(i), base_->postings(i), it == index_.end() ? nullptr : &it->second});
+    }
+  }
+  for (std::string_view key : keyword_order_)
+    content.keywords.push_back({key, {}, &index_.find(key)->second});
+  // The index is derived: when it cannot be written, the next load reads every record.
+  (void)write_index_file(index_path(data_path_), content, before_rename);
+}
+
 // --- writes ------------------------------------------------------------------------
 
 std::string ContextStore::write_tail(std::uint64_t from) {
@@ -227,7 +373,7 @@ std::string ContextStore::write_tail(std::uint64_t from) {
     file_known_ = false;
     return data_path_.string() + " changed while locked";
   }
-  const std::string_view record = heap().substr(from);
+  const std::string_view record = bytes_at(from);
   std::string first;  // a new file gets the magic in the same write
   if (*size == 0) first = std::string(kMagic) + std::string(record);
   const std::string_view bytes = *size == 0 ? std::string_view(first) : record;

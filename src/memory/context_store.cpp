@@ -52,6 +52,7 @@ ContextStore::~ContextStore() {
 }
 
 void ContextStore::reserve(std::uint64_t bytes) {
+  bytes -= std::min(bytes, mapped_);  // the mapped part needs no room
   if (bytes <= capacity_) return;
   const std::uint64_t capacity = round_to_step(bytes);
   // realloc lets large heaps grow by remapping pages instead of copying them.
@@ -70,6 +71,40 @@ void ContextStore::reset() {
   webs_.clear();
   embeddings_.clear();
   used_ = 0;
+  heap_map_.unmap();
+  mapped_ = 0;
+  base_.reset();
+  retired_base_.reset();
+  retired_index_.clear();
+  base_checked_.clear();
+  keyword_order_.clear();
+  order_known_ = true;
+  webs_ready_ = true;
+}
+
+std::string_view ContextStore::bytes_at(std::uint64_t offset) const {
+  if (offset < mapped_) return heap_map_.bytes().substr(kMagic.size() + offset, mapped_ - offset);
+  return {data_ + (offset - mapped_), static_cast<std::size_t>(used_ - offset)};
+}
+
+void ContextStore::own_heap() {
+  if (mapped_ == 0) return;
+  const std::uint64_t tail = used_ - mapped_;
+  const std::uint64_t capacity = round_to_step(used_);
+  char* owned = static_cast<char*>(std::malloc(capacity));
+  if (owned == nullptr) throw std::bad_alloc();
+  std::memcpy(owned, heap_map_.bytes().data() + kMagic.size(), mapped_);
+  if (tail > 0) std::memcpy(owned + mapped_, data_, tail);
+  std::free(data_);
+  data_ = owned;
+  capacity_ = capacity;
+  heap_map_.unmap();
+  mapped_ = 0;
+}
+
+std::string_view ContextStore::heap() const {
+  self().own_heap();
+  return {data_, static_cast<std::size_t>(used_)};
 }
 
 // --- recency list ----------------------------------------------------------------
@@ -94,7 +129,7 @@ void ContextStore::touch(TopicNode* node) {
 }
 
 void ContextStore::erase_topic_node(TopicNode* node) {
-  webs_.erase_topic(node);
+  if (webs_ready_) webs_.erase_topic(node);
   unlink_recency(node);
   topics_.erase(node->topic);
 }
@@ -115,6 +150,12 @@ void ContextStore::register_record(std::uint64_t offset, const RecordView& recor
   else
     touch(node);
 
+  index_keywords(offset, record, true);
+  if (webs_ready_) webs_.add(node, derive_w5(record.topic, record.content));
+  if (!record.vector_bytes.empty()) embeddings_[offset] = record.vector();
+}
+
+void ContextStore::index_keywords(std::uint64_t offset, const RecordView& record, bool link) {
   std::string folded;
   for (std::string_view keyword : record.keywords) {
     const std::string_view key = fold_keyword(keyword, folded);
@@ -125,12 +166,15 @@ void ContextStore::register_record(std::uint64_t offset, const RecordView& recor
       if (entry->second.back().offset != offset) entry->second.push_back({offset, record.flags});
       continue;
     }
+    // Records of the base lie below every record indexed here, so a keyword of the
+    // base only gains postings behind its stored ones; it is not new to the context.
+    const bool in_base = base_ && base_->find(key).has_value();
     auto entry = index_.emplace(std::string(key), std::vector<Posting>{}).first;
     entry->second.push_back({offset, record.flags});
-    related_.link(entry->first);
+    if (in_base) continue;
+    keyword_order_.push_back(entry->first);
+    if (link) related_.link(entry->first);
   }
-  webs_.add(node, derive_w5(record.topic, record.content));
-  if (!record.vector_bytes.empty()) embeddings_[offset] = record.vector();
 }
 
 std::uint64_t ContextStore::append_record(std::string_view content,
@@ -141,7 +185,7 @@ std::uint64_t ContextStore::append_record(std::string_view content,
   const std::size_t size = encoded_record_size(content, topic, all, vector);
   reserve(used_ + size);
   const std::uint64_t offset = used_;
-  encode_record(data_ + offset, flags, content, topic, all, vector);
+  encode_record(owned_at(offset), flags, content, topic, all, vector);
   used_ += size;
   register_record(offset, record_at(offset));
   return offset;
@@ -191,7 +235,7 @@ std::size_t ContextStore::index_from(std::uint64_t from, std::uint64_t& bad_at,
   RecordView record;
   std::uint64_t offset = from;
   for (;;) {
-    while (offset < used_ && parse_record(heap().substr(offset), record) &&
+    while (offset < used_ && parse_record(bytes_at(offset), record) &&
            (record.flags & ~(kVectorBit | kPropertyBits)) == 0) {
       register_record(offset, record);
       if (observer_) observer_(record.keywords);
@@ -199,6 +243,7 @@ std::size_t ContextStore::index_from(std::uint64_t from, std::uint64_t& bad_at,
       ++count;
     }
     if (offset >= used_ || skipped > 0) break;
+    own_heap();  // damage lies behind the mapped records, which were checked whole
     bad_at = offset;
     // Damage in the middle: records that parse from some later byte right up to the
     // end are still readable, so skip the damaged bytes rather than lose them.
@@ -215,6 +260,7 @@ std::size_t ContextStore::index_from(std::uint64_t from, std::uint64_t& bad_at,
 }
 
 void ContextStore::rebuild_webs() {
+  webs_ready_ = true;
   webs_.clear();
   for (const RecordSlot& s : records_) {
     const RecordView record = record_at(s.offset);
@@ -229,6 +275,9 @@ void ContextStore::remove_records(std::vector<std::uint64_t> offsets) {
   offsets.erase(std::unique(offsets.begin(), offsets.end()), offsets.end());
   std::erase_if(offsets, [&](std::uint64_t o) { return slot(o) == nullptr; });
   if (offsets.empty()) return;
+  own_heap();
+  own_index();
+  order_known_ = false;
 
   // 1. Un-index every removed record while its bytes are still in place.
   std::vector<std::uint64_t> sizes;
@@ -250,7 +299,7 @@ void ContextStore::remove_records(std::vector<std::uint64_t> offsets) {
         index_.erase(entry);
       }
     }
-    webs_.remove(node, derive_w5(record.topic, record.content));
+    if (webs_ready_) webs_.remove(node, derive_w5(record.topic, record.content));
     embeddings_.erase(offset);
     touched_topics.push_back(node);
   }
@@ -315,7 +364,7 @@ TopicNode* ContextStore::find_topic(std::string_view topic) const {
 
 RecordView ContextStore::record_at(std::uint64_t offset) const {
   RecordView record;
-  parse_record(heap().substr(offset), record);
+  parse_record(bytes_at(offset), record);
   return record;
 }
 
@@ -344,10 +393,98 @@ const RecordSlot* ContextStore::slot(std::uint64_t offset) const {
   return it != records_.begin() + hi && it->offset == offset ? &*it : nullptr;
 }
 
-const std::vector<Posting>* ContextStore::postings(std::string_view keyword) const {
+std::optional<PostingList> ContextStore::postings(std::string_view keyword) const {
   std::string folded;
-  auto it = index_.find(fold_keyword(keyword, folded));
-  return it == index_.end() ? nullptr : &it->second;
+  const std::string_view key = fold_keyword(keyword, folded);
+  StoredPostings stored;
+  if (base_)
+    if (const auto number = base_->find(key); number && base_sound(*number))
+      stored = base_->postings(*number);
+  auto it = index_.find(key);  // after the check: a damaged base refills index_
+  const std::vector<Posting>* extra = it == index_.end() ? nullptr : &it->second;
+  if (stored.size() == 0 && extra == nullptr) return std::nullopt;
+  return PostingList(stored, extra);
+}
+
+void ContextStore::for_each_keyword(
+    const std::function<void(std::string_view, const PostingList&)>& visit) const {
+  if (base_)
+    for (std::size_t i = 0; base_ && i < base_->keyword_count(); ++i) (void)base_sound(i);
+  if (base_) {
+    for (std::size_t i = 0; i < base_->keyword_count(); ++i) {
+      const std::string_view key = base_->keyword(i);
+      auto it = index_.find(key);
+      visit(key, PostingList(base_->postings(i), it == index_.end() ? nullptr : &it->second));
+    }
+  }
+  for (const auto& [key, list] : index_)
+    if (!base_ || !base_->find(key)) visit(key, PostingList({}, &list));
+}
+
+std::size_t ContextStore::keyword_count() const {
+  if (!base_) return index_.size();
+  std::size_t count = base_->keyword_count();
+  for (const auto& entry : index_)
+    if (!base_->find(entry.first)) ++count;
+  return count;
+}
+
+const StringMap<std::vector<Posting>>& ContextStore::keyword_index() const {
+  self().own_index();
+  return index_;
+}
+
+const W5Web& ContextStore::webs() const {
+  if (!webs_ready_) self().rebuild_webs();
+  return webs_;
+}
+
+bool ContextStore::base_sound(std::size_t number) const {
+  if (base_checked_[number] != 0) return true;
+  if (base_->postings_sound(number)) {
+    base_checked_[number] = 1;
+    return true;
+  }
+  self().reindex_from_heap();
+  return false;
+}
+
+void ContextStore::reindex_from_heap() {
+  // What was handed out stays valid: the old base and postings are kept aside.
+  retired_base_ = std::move(base_);
+  retired_index_ = std::move(index_);
+  index_ = {};
+  base_checked_.clear();
+  // The keywords are the ones the base named (its names were checked), in the same
+  // order, so the related-term links stand.
+  keyword_order_.clear();
+  order_known_ = true;
+  for (const RecordSlot& s : records_) index_keywords(s.offset, record_at(s.offset), false);
+  write_index(file_seq_);  // mend the derived file for the next load
+}
+
+void ContextStore::own_index() {
+  if (!base_) return;
+  for (std::size_t i = 0; i < base_->keyword_count(); ++i) {
+    if (!base_sound(i)) return;  // the keyword index was derived from the records instead
+  }
+  for (std::size_t i = 0; i < base_->keyword_count(); ++i) {
+    const StoredPostings stored = base_->postings(i);
+    std::vector<Posting> list;
+    auto it = index_.find(base_->keyword(i));
+    list.reserve(stored.size() + (it == index_.end() ? 0 : it->second.size()));
+    for (std::size_t j = 0; j < stored.size(); ++j)
+      list.push_back({stored.offset(j), stored.flags(j)});
+    if (it == index_.end()) {
+      index_.emplace(std::string(base_->keyword(i)), std::move(list));
+    } else {
+      list.insert(list.end(), it->second.begin(), it->second.end());
+      it->second = std::move(list);
+    }
+  }
+  base_.reset();
+  base_checked_.clear();
+  order_known_ = false;
 }
 
 const Embedding* ContextStore::embedding(std::uint64_t offset) const {

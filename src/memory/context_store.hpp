@@ -16,8 +16,10 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -26,6 +28,7 @@
 
 #include "memory/group_sync.hpp"
 #include "memory/heap_record.hpp"
+#include "memory/index_file.hpp"
 #include "memory/related_terms.hpp"
 #include "memory/w5_web.hpp"
 
@@ -37,11 +40,52 @@ namespace kx::memory {
 
 inline constexpr std::uint64_t kHeapStep = 0x100000;  // 1 MiB
 
-struct MemoEntry {
-  std::uint64_t offset;
-  std::uint32_t flags;
-};
 using Posting = MemoEntry;
+
+// The postings of one keyword, in the order their records were added or loaded:
+// those read from the index file, then those added since.
+class PostingList {
+ public:
+  PostingList(StoredPostings stored, const std::vector<Posting>* extra)
+      : stored_(stored), extra_(extra) {}
+  std::size_t size() const { return stored_.size() + (extra_ ? extra_->size() : 0); }
+  bool empty() const { return size() == 0; }
+  Posting operator[](std::size_t i) const {
+    if (i < stored_.size()) return {stored_.offset(i), stored_.flags(i)};
+    return (*extra_)[i - stored_.size()];
+  }
+
+  class iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = Posting;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = Posting;
+    iterator(const PostingList* list, std::size_t at) : list_(list), at_(at) {}
+    Posting operator*() const { return (*list_)[at_]; }
+    iterator& operator++() {
+      ++at_;
+      return *this;
+    }
+    iterator operator++(int) {
+      iterator before = *this;
+      ++at_;
+      return before;
+    }
+    bool operator==(const iterator& other) const { return at_ == other.at_; }
+
+   private:
+    const PostingList* list_;
+    std::size_t at_;
+  };
+  iterator begin() const { return {this, 0}; }
+  iterator end() const { return {this, size()}; }
+
+ private:
+  StoredPostings stored_;
+  const std::vector<Posting>* extra_;
+};
 
 struct TopicNode {
   std::string topic;
@@ -120,6 +164,12 @@ class ContextStore {
   // "data.mem.last".
   [[nodiscard]] std::string save();
 
+  // A context whose records take at least this many bytes keeps the derived index
+  // file "data.mem.idx" (index_file.hpp), written when a load had to read every record.
+  void set_index_threshold(std::uint64_t bytes) { index_threshold_ = bytes; }
+  // Whether the records read so far came from the index file (true) or were each read.
+  bool loaded_from_index() const { return base_ != nullptr; }
+
   // A batch holds the lock from begin to end; its changes are written once, whole.
   [[nodiscard]] std::string begin_batch();
   [[nodiscard]] std::string end_batch();
@@ -146,9 +196,15 @@ class ContextStore {
   std::size_t load_heap(std::uint64_t size, const std::function<bool(char*)>& fill);
 
   // --- reading -----------------------------------------------------------------------
-  std::string_view heap() const { return {data_, static_cast<std::size_t>(used_)}; }
+  // Records loaded from the index file are read in place from a mapping of the data
+  // file and the keyword index from the index file; what changes them, and the
+  // accessors that need the whole of either in memory (heap, keyword_index), copy
+  // them in first. Const reads may do that too, and may re-derive the keyword index
+  // from the records when the index file turns out damaged: the store is used under
+  // external synchronisation only.
+  std::string_view heap() const;
   std::uint64_t used() const { return used_; }
-  std::uint64_t capacity() const { return capacity_; }
+  std::uint64_t capacity() const { return mapped_ + capacity_; }
 
   TopicNode* find_topic(std::string_view topic) const;
   void touch(TopicNode* topic);
@@ -159,10 +215,15 @@ class ContextStore {
   // Parses the record at `offset` (which must be a live record).
   RecordView record_at(std::uint64_t offset) const;
   const RecordSlot* slot(std::uint64_t offset) const;
-  const std::vector<Posting>* postings(std::string_view keyword) const;
-  const StringMap<std::vector<Posting>>& keyword_index() const { return index_; }
+  std::optional<PostingList> postings(std::string_view keyword) const;
+  // Every keyword (folded) with its postings; no order is promised.
+  void for_each_keyword(const std::function<void(std::string_view keyword,
+                                                 const PostingList& postings)>& visit) const;
+  std::size_t keyword_count() const;
+  const StringMap<std::vector<Posting>>& keyword_index() const;
   const RelatedTerms& related() const { return related_; }
-  const W5Web& webs() const { return webs_; }
+  // The webs of records loaded from the index file are derived on first use.
+  const W5Web& webs() const;
   const Embedding* embedding(std::uint64_t offset) const;
   const std::map<std::uint64_t, Embedding>& embeddings() const { return embeddings_; }
 
@@ -176,6 +237,21 @@ class ContextStore {
   // the count indexed.
   std::size_t index_from(std::uint64_t from, std::uint64_t& bad_at, std::uint64_t& skipped);
   void register_record(std::uint64_t offset, const RecordView& record);
+  // `link`: give keywords new to the context their related-term links.
+  void index_keywords(std::uint64_t offset, const RecordView& record, bool link);
+  ContextStore& self() const { return const_cast<ContextStore&>(*this); }
+  // The heap bytes from `offset` to the end of the part that holds it.
+  std::string_view bytes_at(std::uint64_t offset) const;
+  char* owned_at(std::uint64_t offset) { return data_ + (offset - mapped_); }
+  // Copies the mapped records into the owned heap and drops the mapping.
+  void own_heap();
+  // Copies the index file's postings into `index_` and stops using the file.
+  void own_index();
+  // Whether a keyword's postings in the index file are sound; when they are not the
+  // file is given up and the keyword index derived from the records.
+  bool base_sound(std::size_t number) const;
+  void reindex_from_heap();
+  void write_index(std::uint64_t seq, const std::function<void()>& before_rename = {});
   void unlink_recency(TopicNode* node);
   void push_head(TopicNode* node);
   void erase_topic_node(TopicNode* node);
@@ -183,6 +259,8 @@ class ContextStore {
   struct Look;
   std::filesystem::path lock_path() const;
   Look look(const platform::FileLock* lock) const;
+  // `again`: the index was just written afresh; do not write it once more.
+  bool load_indexed(Look& look, bool again = false);
   [[nodiscard]] std::string take_in(Look& look);
   [[nodiscard]] std::string take_in_first(Look& look);
   void note_damage(std::uint64_t file_bytes, std::uint64_t bad_at, std::uint64_t skipped);
@@ -216,9 +294,26 @@ class ContextStore {
   std::unique_ptr<platform::FileLock> batch_lock_;
   bool batch_dirty_ = false;
 
+  // The heap: bytes [0, mapped_) in place in `heap_map_` (behind the magic), the rest
+  // in `data_`, whose `capacity_` counts only its own bytes.
+  platform::FileMapping heap_map_;
+  std::uint64_t mapped_ = 0;
   char* data_ = nullptr;
   std::uint64_t used_ = 0;
   std::uint64_t capacity_ = 0;
+  std::uint64_t index_threshold_ = std::uint64_t{16} << 20;
+  // Keywords of the records up to mapped_ when loaded from the index file; `index_`
+  // then holds only what was added since. A base found damaged is kept mapped, unused,
+  // until the next reset: views handed out before stay valid.
+  std::unique_ptr<IndexFile> base_;
+  std::unique_ptr<IndexFile> retired_base_;
+  StringMap<std::vector<Posting>> retired_index_;
+  mutable std::vector<std::uint8_t> base_checked_;  // per keyword: postings checksum held
+  // Keys of `index_` that are not in the base, in the order they first appeared: with
+  // the base's order, the first-seen order a load derives. False once keywords left.
+  std::vector<std::string_view> keyword_order_;
+  bool order_known_ = true;
+  bool webs_ready_ = true;
 
   StringMap<std::unique_ptr<TopicNode>> topics_;
   TopicNode* head_ = nullptr;

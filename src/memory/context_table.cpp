@@ -7,6 +7,7 @@
 
 #include "memory/context_dir.hpp"
 #include "memory/data_file.hpp"
+#include "platform/durable_file.hpp"
 #include "platform/read_file.hpp"
 
 namespace kx::memory {
@@ -38,6 +39,9 @@ Context& ContextTable::open(std::string_view bot, std::string_view name) {
   fs::create_directories(context->dir, ec);
   const fs::path id_file = context->dir / "context.id";
   if (!fs::exists(id_file, ec)) std::ofstream(id_file, std::ios::binary) << name;
+  // A rewrite that crashed leaves its temporary file behind.
+  for (fs::directory_iterator it(context->dir, ec), end; !ec && it != end; it.increment(ec))
+    if (it->is_regular_file(ec) && !it->is_symlink(ec)) platform::remove_if_stale_temp(it->path());
   context->config = read_store_config(context->dir / "store.cfg");
   context->store.set_data_path(context->dir / "data.mem");
   context->store.set_durable(context->config.sync_each);

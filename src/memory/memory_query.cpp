@@ -88,16 +88,17 @@ class Parser {
       return true;
     }
     for (char& c : pattern) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    auto add_postings = [&](const std::vector<Posting>& postings) {
-      for (const Posting& p : postings)
+    auto add_postings = [&](const PostingList& postings) {
+      for (const Posting p : postings)
         if (const RecordSlot* s = store_.slot(p.offset)) out.insert(s->topic);
     };
     if (pattern.find_first_of("*?") == std::string::npos) {
-      if (const auto* postings = store_.postings(pattern)) add_postings(*postings);
+      if (const auto postings = store_.postings(pattern)) add_postings(*postings);
       return true;
     }
-    for (const auto& [keyword, postings] : store_.keyword_index())
+    store_.for_each_keyword([&](std::string_view keyword, const PostingList& postings) {
       if (kx::lang::glob_match(pattern, keyword)) add_postings(postings);
+    });
     return true;
   }
 
@@ -130,11 +131,11 @@ QueryResult query_topics(const ContextStore& store, std::string_view query) {
     result.error = "query not understood: " + parser.error();
     return result;
   }
-  const auto* deleted = store.postings("deleted");
+  const auto deleted = store.postings("deleted");
   for (const TopicNode* node : matches) {
     bool is_deleted = false;
     if (deleted)
-      for (const Posting& p : *deleted)
+      for (const Posting p : *deleted)
         if (const RecordSlot* s = store.slot(p.offset); s && s->topic == node) is_deleted = true;
     result.topics.push_back(node->topic + (is_deleted ? " (deleted)" : ""));
   }

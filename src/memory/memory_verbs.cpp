@@ -294,8 +294,8 @@ std::string related_line(const ContextStore& store, std::string_view word) {
   std::size_t shown = 0;
   for (std::string_view related : store.related().related(word)) {
     if (shown++ == kRelatedLimit) break;
-    const auto* postings = store.postings(related);
-    if (postings == nullptr) continue;
+    const auto postings = store.postings(related);
+    if (!postings) continue;
     out += (out.empty() ? "" : ", ") + std::string(related) + " (" + topic_count(store, *postings) +
            ")";
   }
@@ -308,9 +308,9 @@ std::string run_keywords(MemoryState& state, std::string_view args) {
   const std::string keyword = lower(t.arg);
   Context& context = state.contexts.open(t.bot, t.context);
   const ContextStore& store = context.store;
-  const auto* postings = store.postings(keyword);
+  const auto postings = store.postings(keyword);
   const std::string related = related_line(store, keyword);
-  if (postings == nullptr && related.empty())
+  if (!postings && related.empty())
     return error_result("keyword '" + keyword + "' not in context '" + t.context + "'");
   const std::size_t hits = postings ? postings->size() : 0;
   std::string out = "OK: keyword '" + keyword + "' — " + std::to_string(hits) + " memo hit(s):";

@@ -45,7 +45,7 @@ bool three_args(std::string_view args, Target& out) {
   return true;
 }
 
-std::string topic_count(const ContextStore& store, const std::vector<Posting>& postings) {
+std::string topic_count(const ContextStore& store, const PostingList& postings) {
   std::vector<const TopicNode*> topics;
   const std::size_t scanned = std::min(postings.size(), kCountLimit);
   topics.reserve(scanned);

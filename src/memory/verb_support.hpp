@@ -32,6 +32,6 @@ bool three_args(std::string_view args, Target& out);
 // "<n> topic(s)": the distinct topics among a keyword's postings. Counting stops
 // after kCountLimit postings ("<n>+ topic(s)") so a very common related keyword
 // cannot make a lookup slow.
-std::string topic_count(const ContextStore& store, const std::vector<Posting>& postings);
+std::string topic_count(const ContextStore& store, const PostingList& postings);
 
 }  // namespace kx::memory

@@ -73,8 +73,9 @@ std::string run_temporal(MemoryState& state, std::string_view args) {
   const ContextStore& store = context.store;
   const std::string term = lower(t.arg);
   std::unordered_set<const TopicNode*> candidates;
-  if (const auto* postings = store.postings(term))
-    for (const Posting& p : *postings) candidates.insert(store.slot(p.offset)->topic);
+  if (const auto postings = store.postings(term))
+    for (const Posting p : *postings)
+      if (const RecordSlot* s = store.slot(p.offset)) candidates.insert(s->topic);
   for (const TopicNode* node : store.webs().topics_with(W::what, term)) candidates.insert(node);
   std::vector<std::pair<std::string, const TopicNode*>> chain;
   for (const TopicNode* node : candidates) {
@@ -106,10 +107,11 @@ std::string run_thematic(MemoryState& state, std::string_view args) {
   for (const MemoEntry& memo : node->memos) {
     for (std::string_view keyword : store.record_at(memo.offset).keywords) {
       if (!seen.insert(keyword).second) continue;
-      const auto* postings = store.postings(keyword);
-      if (postings == nullptr || postings->size() > kThematicSkip) continue;
+      const auto postings = store.postings(keyword);
+      if (!postings || postings->size() > kThematicSkip) continue;
       std::unordered_set<const TopicNode*> topics;
-      for (const Posting& p : *postings) topics.insert(store.slot(p.offset)->topic);
+      for (const Posting p : *postings)
+        if (const RecordSlot* s = store.slot(p.offset)) topics.insert(s->topic);
       for (const TopicNode* other : topics)
         if (other != node) ++shared[other];
     }

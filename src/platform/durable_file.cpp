@@ -1,4 +1,5 @@
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <system_error>
 
@@ -32,6 +33,14 @@ bool is_write_temp_name(std::string_view name) {
   for (char c : digits)
     if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
   return true;
+}
+
+void remove_if_stale_temp(const fs::path& path) {
+  if (!is_write_temp_name(path.filename().string())) return;
+  std::error_code ec;
+  const auto written = fs::last_write_time(path, ec);
+  if (ec || fs::file_time_type::clock::now() - written < std::chrono::hours(1)) return;
+  fs::remove(path, ec);
 }
 
 StagedFile::StagedFile(fs::path target, fs::path temp)

@@ -49,6 +49,11 @@ std::filesystem::path fresh_temp_path(const std::filesystem::path& target);
 // Whether `name` is one of fresh_temp_path's names: a crash may leave one behind.
 bool is_write_temp_name(std::string_view name);
 
+// Removes `path` when it is one of those names and was last written an hour ago or
+// more: a crash left it behind, and no write is still filling it. The caller passes
+// regular files only (never a link), so nothing a user put there is removed.
+void remove_if_stale_temp(const std::filesystem::path& path);
+
 // New bytes for `target`, written and synced under a fresh temporary name, put in
 // place by commit(). Destroyed without a commit, it removes its temporary file, so a
 // step that fails later leaves nothing behind and the target untouched.

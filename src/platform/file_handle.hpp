@@ -31,6 +31,8 @@ class FileHandle {
   [[nodiscard]] bool append(std::string_view data, std::string& reason);
   [[nodiscard]] bool truncate(std::uint64_t size);
   [[nodiscard]] bool sync();
+  // The descriptor or HANDLE, for other platform calls on the same open file.
+  std::intptr_t native() const { return handle_; }
 
  private:
   explicit FileHandle(std::intptr_t handle) : handle_(handle) {}

@@ -22,17 +22,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A temporary file of ours that a crash left behind: an hour old means no save is
-// still writing it. Only our own names are touched, and only regular files (the
-// caller skips links), so nothing a user or another program put there is removed.
-void remove_if_stale_temp(const fs::path& path, std::string_view name) {
-  if (!kx::platform::is_write_temp_name(name)) return;
-  std::error_code ec;
-  auto written = fs::last_write_time(path, ec);
-  if (ec || fs::file_time_type::clock::now() - written < std::chrono::hours(1)) return;
-  fs::remove(path, ec);
-}
-
 std::vector<std::string> split_path(const std::string& path) {
   std::vector<std::string> parts;
   std::size_t start = 0;
@@ -203,7 +192,7 @@ bool Store::load(std::ostream& warn, std::string& reason) {
     bool directory = !symlink && entry.is_directory(sec);
     if (is_machinery_name(name) || symlink || (!excluded_.empty() && entry.path() == excluded_)) {
       if (directory) it.disable_recursion_pending();
-      if (!symlink && !directory) remove_if_stale_temp(entry.path(), name);
+      if (!symlink && !directory) kx::platform::remove_if_stale_temp(entry.path());
       continue;
     }
     std::string rel = entry.path().lexically_relative(disk_root_).generic_string();
