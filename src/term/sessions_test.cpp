@@ -47,7 +47,8 @@ constexpr const char* kManyLines = "i=0; while [ $i -lt 300 ]; do echo line-$i; 
 // the first time it reads typed input; with no display, Wine then starts a desktop
 // process and waits up to 10 s for it, holding the console's lock. With other
 // programs starting beside it, that wait runs to its end: the first session of a
-// new prefix answers its first line only after those 10 s.
+// new prefix answers its first line only after those 10 s. The Windows suite keeps
+// Wine from starting that process; a run elsewhere may still pay the wait.
 constexpr auto kPatience = 30s;
 
 // Polls until the session's buffer satisfies `done` (or kPatience passes).
