@@ -9,7 +9,10 @@ deps=$(scripts/build-mingw-deps.sh | tail -n 1)
 dir=build/win
 
 export WINEPREFIX=$PWD/$dir/wineprefix WINEDEBUG=-all
-export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
+# With no display the desktop process (explorer) can only fail, and Wine waits up to
+# 10 s for it, the first time a program needs the desktop: a console host reading
+# its first typed input does, so the first terminal session answered 10 s late.
+export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d;explorer.exe=d"
 unset DISPLAY
 
 echo "== $dir (Windows, under Wine)"

@@ -43,10 +43,18 @@ constexpr const char* kFromLine = "echo from-$((6*7))";
 constexpr const char* kManyLines = "i=0; while [ $i -lt 300 ]; do echo line-$i; i=$((i+1)); done\r";
 #endif
 
-// Polls until the session's buffer satisfies `done` (or 10 s pass).
+// How long a session may take to answer. Wine's console host looks up the desktop
+// the first time it reads typed input; with no display, Wine then starts a desktop
+// process and waits up to 10 s for it, holding the console's lock. With other
+// programs starting beside it, that wait runs to its end: the first session of a
+// new prefix answers its first line only after those 10 s. The Windows suite keeps
+// Wine from starting that process; a run elsewhere may still pay the wait.
+constexpr auto kPatience = 30s;
+
+// Polls until the session's buffer satisfies `done` (or kPatience passes).
 template <typename Done>
 ReadResult wait_for(SessionTable& table, const std::string& id, Done done) {
-  auto deadline = std::chrono::steady_clock::now() + 10s;
+  auto deadline = std::chrono::steady_clock::now() + kPatience;
   ReadResult read;
   do {
     read = table.read(id, 0);
@@ -139,7 +147,7 @@ struct Collector {
   }
   bool wait_until_ended() {
     std::unique_lock guard(lock);
-    return changed.wait_for(guard, 10s, [this] { return exit_code >= 0; });
+    return changed.wait_for(guard, kPatience, [this] { return exit_code >= 0; });
   }
 };
 
