@@ -15,10 +15,16 @@ GroupSync::~GroupSync() {
 }
 
 void GroupSync::note(const std::filesystem::path& file) {
-  std::lock_guard lock(mutex_);
-  pending_.insert(file);
-  if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
-  wake_.notify_all();
+  bool idle = false;
+  {
+    std::lock_guard lock(mutex_);
+    idle = pending_.empty();
+    pending_.insert(file);
+    if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+  }
+  // Only a syncer with nothing pending waits for work; one already counting down
+  // takes this file along. Waking it for every add cost a thread switch per add.
+  if (idle) wake_.notify_all();
 }
 
 void GroupSync::flush() {
