@@ -27,7 +27,8 @@ using platform::FileHandle;
 using platform::FileLock;
 
 struct ContextStore::Look {
-  FileHandle file;  // "data.mem" as it was looked at; closed when missing
+  FileHandle file;        // "data.mem" as it was looked at; closed when missing
+  bool writable = false;  // `file` may be appended to as well
   std::uint64_t size = 0;
   std::uint64_t seq = 0;
 };
@@ -38,10 +39,16 @@ fs::path ContextStore::lock_path() const {
   return path;
 }
 
-ContextStore::Look ContextStore::look(const FileLock* lock) const {
+ContextStore::Look ContextStore::look(const FileLock* lock, bool for_append) const {
   Look out;
   out.seq = lock != nullptr ? lock->read_counter() : file_seq_;
-  out.file = FileHandle::open(data_path_, FileHandle::Mode::read);
+  // A writer opens the file once for both looking and appending. Where it may not
+  // write, it still reads: a file that cannot be opened would look missing.
+  if (for_append) {
+    out.file = FileHandle::open(data_path_, FileHandle::Mode::update);
+    out.writable = out.file.is_open();
+  }
+  if (!out.file.is_open()) out.file = FileHandle::open(data_path_, FileHandle::Mode::read);
   if (out.file.is_open()) out.size = out.file.size().value_or(0);
   return out;
 }
@@ -191,11 +198,15 @@ std::string ContextStore::mend(FileLock& lock, Look& look) {
   return {};
 }
 
-std::string ContextStore::catch_up(FileLock& lock) {
-  Look now = look(&lock);
+std::string ContextStore::catch_up(FileLock& lock, Look* kept) {
+  Look now = look(&lock, kept != nullptr);
   if (std::string error = take_in(now); !error.empty()) return error;
   if (std::string error = mend(lock, now); !error.empty()) return error;
-  return blocked_;
+  if (!blocked_.empty()) return blocked_;
+  // The handle names the file the heap now mirrors only when mending rewrote nothing
+  // (mend closes it before a rewrite).
+  if (kept != nullptr && now.file.is_open() && now.size == file_size_) *kept = std::move(now);
+  return {};
 }
 
 std::string ContextStore::refresh() {
@@ -365,9 +376,18 @@ void ContextStore::write_index(std::uint64_t seq, const std::function<void()>& b
 
 // --- writes ------------------------------------------------------------------------
 
-std::string ContextStore::write_tail(std::uint64_t from) {
-  FileHandle file = FileHandle::open(data_path_, FileHandle::Mode::append);
-  const auto size = file.is_open() ? file.size() : std::nullopt;
+std::string ContextStore::write_tail(std::uint64_t from, Look& caught) {
+  // The writable handle of the look just taken under this lock, whose size the heap
+  // mirrors, spares opening the file again.
+  FileHandle file;
+  std::optional<std::uint64_t> size;
+  if (caught.writable && caught.file.is_open()) {
+    file = std::move(caught.file);
+    size = caught.size;
+  } else {
+    file = FileHandle::open(data_path_, FileHandle::Mode::append);
+    if (file.is_open()) size = file.size();
+  }
   if (!size) return "could not open " + data_path_.string();
   if (*size != file_size_) {
     file_known_ = false;
@@ -395,14 +415,13 @@ std::string ContextStore::write_tail(std::uint64_t from) {
   return {};
 }
 
-std::string ContextStore::append_locked(FileLock& lock, std::string_view topic,
-                                        const std::vector<std::string>& keywords,
-                                        std::uint32_t flags, std::string_view content,
-                                        const Embedding& vector) {
-  if (std::string error = catch_up(lock); !error.empty()) return error;
+std::string ContextStore::append_caught_up(Look& caught, std::string_view topic,
+                                           const std::vector<std::string>& keywords,
+                                           std::uint32_t flags, std::string_view content,
+                                           const Embedding& vector) {
   const std::uint64_t from = used_;
   const std::uint64_t offset = append_record(content, keywords, topic, flags, vector);
-  if (std::string error = write_tail(from); !error.empty()) {
+  if (std::string error = write_tail(from, caught); !error.empty()) {
     remove_record(offset);
     return error;
   }
@@ -418,8 +437,17 @@ std::string ContextStore::append(std::string_view topic, const std::vector<std::
     return {};
   }
   FileLock lock(lock_path());
-  if (!lock.held()) return "could not lock " + lock_path().string();
-  return append_locked(lock, topic, keywords, flags, content, vector);
+  if (!lock.held()) return unlockable();
+  Look now;
+  if (std::string error = catch_up(lock, &now); !error.empty()) return error;
+  return append_caught_up(now, topic, keywords, flags, content, vector);
+}
+
+std::string ContextStore::unlockable() {
+  std::string error = "could not lock " + lock_path().string();
+  // What a separate refresh would have found and said before the write was tried.
+  if (std::string read = refresh(); !read.empty()) error += "; " + read;
+  return error;
 }
 
 std::string ContextStore::add(std::string_view topic, const std::vector<std::string>& keywords,
@@ -438,9 +466,12 @@ std::string ContextStore::add(std::string_view topic, const std::vector<std::str
     return {};
   }
   FileLock lock(lock_path());
-  if (!lock.held()) return "could not lock " + lock_path().string();
-  if (std::string error = catch_up(lock); !error.empty()) return error;
-  if (find_topic(topic) == nullptr) return append_locked(lock, topic, keywords, 0, content, vector);
+  if (!lock.held()) return unlockable();
+  Look now;
+  if (std::string error = catch_up(lock, &now); !error.empty()) return error;
+  if (find_topic(topic) == nullptr)
+    return append_caught_up(now, topic, keywords, 0, content, vector);
+  now.file.close();  // Windows renames over a file only when nobody has it open
   // The old memos leave and the new one arrives in one rewrite: never a moment
   // without the topic.
   replace();

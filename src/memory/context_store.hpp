@@ -258,20 +258,25 @@ class ContextStore {
   // context_file.cpp: the file side.
   struct Look;
   std::filesystem::path lock_path() const;
-  Look look(const platform::FileLock* lock) const;
+  // `for_append`: the caller holds the lock and will append through the look's handle.
+  Look look(const platform::FileLock* lock, bool for_append = false) const;
   // `again`: the index was just written afresh; do not write it once more.
   bool load_indexed(Look& look, bool again = false);
   [[nodiscard]] std::string take_in(Look& look);
   [[nodiscard]] std::string take_in_first(Look& look);
   void note_damage(std::uint64_t file_bytes, std::uint64_t bad_at, std::uint64_t skipped);
-  [[nodiscard]] std::string catch_up(platform::FileLock& lock);
+  // `kept`: receives the look's handle when it can take the next append.
+  [[nodiscard]] std::string catch_up(platform::FileLock& lock, Look* kept = nullptr);
   [[nodiscard]] std::string mend(platform::FileLock& lock, Look& look);
   [[nodiscard]] std::string rewrite(platform::FileLock& lock);
-  [[nodiscard]] std::string write_tail(std::uint64_t from);
-  [[nodiscard]] std::string append_locked(platform::FileLock& lock, std::string_view topic,
-                                          const std::vector<std::string>& keywords,
-                                          std::uint32_t flags, std::string_view content,
-                                          const Embedding& vector);
+  [[nodiscard]] std::string write_tail(std::uint64_t from, Look& caught);
+  // Under the lock, right after catch_up filled `caught`.
+  [[nodiscard]] std::string append_caught_up(Look& caught, std::string_view topic,
+                                             const std::vector<std::string>& keywords,
+                                             std::uint32_t flags, std::string_view content,
+                                             const Embedding& vector);
+  // The answer of a write whose lock could not be taken.
+  [[nodiscard]] std::string unlockable();
 
   std::string name_;
   std::filesystem::path data_path_;

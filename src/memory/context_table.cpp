@@ -23,13 +23,21 @@ std::string ContextTable::take_warnings() {
 }
 
 Context& ContextTable::open(std::string_view bot, std::string_view name) {
+  return open(bot, name, true);
+}
+
+Context& ContextTable::open_to_write(std::string_view bot, std::string_view name) {
+  return open(bot, name, false);
+}
+
+Context& ContextTable::open(std::string_view bot, std::string_view name, bool refresh) {
   const std::string dir_name = context_dir_name(bot, name);
   if (auto it = open_.find(dir_name); it != open_.end()) {
     Context& context = *it->second;
     // Settings may have been changed by another process, too.
     context.config = read_store_config(context.dir / "store.cfg");
     context.store.set_durable(context.config.sync_each);
-    gather(context, context.store.refresh());
+    if (refresh) gather(context, context.store.refresh());
     return context;
   }
 

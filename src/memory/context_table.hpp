@@ -42,6 +42,12 @@ class ContextTable {
   // what other processes wrote. Never fails: a context whose files cannot be read
   // or written still works in memory and reports errors on each write.
   Context& open(std::string_view bot, std::string_view name);
+  // The same for a caller that writes to the context next: a write takes in what
+  // others wrote under its own lock, so an open context is not brought in step
+  // here. The caller hands the store to `gather` after writing.
+  Context& open_to_write(std::string_view bot, std::string_view name);
+  // Moves the store's warnings (damage found and mended by a write) to this table's.
+  void gather(Context& context) { gather(context, {}); }
   // The "warning: " lines gathered by opening contexts since the last call, each
   // behind a newline; "" when there are none.
   std::string take_warnings();
@@ -55,6 +61,7 @@ class ContextTable {
 
  private:
   void gather(Context& context, const std::string& error);
+  Context& open(std::string_view bot, std::string_view name, bool refresh);
 
   std::filesystem::path root_;
   GroupSync group_sync_;  // outlives no store: declared before the table of them

@@ -337,6 +337,36 @@ TEST_F(MemoryVerbs, FailedWriteIsReportedAndNothingIsHalfDone) {
   EXPECT_EQ(kx_.run("memory.retrieve cli, notes, b"), "second");
 }
 
+// A process adding to a context it holds open writes behind whatever other processes
+// did since: their appends, their rewrites, and damage they left, which the add that
+// finds it reports.
+TEST_F(MemoryVerbs, AddsFollowWhatOtherProcessesDidMeanwhile) {
+  Process other(dir_.path());
+  EXPECT_THAT(kx_.run("memory.add cli, notes, a, , first"), StartsWith("OK: "));
+  EXPECT_THAT(other.run("memory.add cli, notes, b, , second"), StartsWith("OK: "));
+  EXPECT_THAT(kx_.run("memory.add cli, notes, c, , third"), StartsWith("OK: "));
+  EXPECT_THAT(other.run("memory.delete cli, notes, a"), StartsWith("OK: "));  // a rewrite
+  EXPECT_THAT(kx_.run("memory.add cli, notes, d, , fourth"), StartsWith("OK: "));
+  EXPECT_THAT(other.run("memory.add cli, notes, e, , fifth"), StartsWith("OK: "));
+  EXPECT_THAT(kx_.run("memory.add cli, notes, b, , second again"), StartsWith("OK: "));
+  {
+    std::ofstream torn(data_of("cli", "notes"), std::ios::binary | std::ios::app);
+    torn << std::string("\x07\x00\x00", 3);  // a writer killed mid-record
+  }
+  const std::string found = kx_.run("memory.addmemo cli, notes, f, , , sixth");
+  EXPECT_THAT(found, StartsWith("OK: "));
+  EXPECT_THAT(found, HasSubstr("\nwarning: data.mem of context 'notes' did not load whole"));
+
+  Process fresh(dir_.path());
+  EXPECT_EQ(fresh.run("memory.retrieve cli, notes, a"), "");
+  EXPECT_EQ(fresh.run("memory.retrieve cli, notes, b"), "second again");
+  EXPECT_EQ(fresh.run("memory.retrieve cli, notes, c"), "third");
+  EXPECT_EQ(fresh.run("memory.retrieve cli, notes, d"), "fourth");
+  EXPECT_EQ(fresh.run("memory.retrieve cli, notes, e"), "fifth");
+  EXPECT_EQ(fresh.run("memory.retrieve cli, notes, f"), "sixth");
+  EXPECT_EQ(kx_.run("memory.retrieve cli, notes, e"), "fifth");
+}
+
 TEST_F(MemoryVerbs, SyncModeIsKeptInTheSettings) {
   EXPECT_THAT(kx_.run("memory.sync cli, notes"), HasSubstr("within a few ms"));
   EXPECT_THAT(kx_.run("memory.sync cli, notes, each"), HasSubstr("on the disk before it answers"));

@@ -174,11 +174,12 @@ std::string run_add(MemoryState& state, std::string_view args, bool memo) {
   std::string warnings, failures;
   std::vector<std::string> failed;
   for (const std::string& name : contexts) {
-    Context& context = state.contexts.open(fields[0], name);
+    Context& context = state.contexts.open_to_write(fields[0], name);
     Embedding vector;
     warnings += embed_for_add(state, context, content, vector);
     const std::string error = memo ? context.store.append(topic, keywords, props, content, vector)
                                    : context.store.add(topic, keywords, content, vector);
+    state.contexts.gather(context);
     if (!error.empty()) {
       failed.push_back(name);
       failures += "\n  " + name + ": " + error;

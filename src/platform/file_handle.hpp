@@ -12,7 +12,8 @@ namespace kx::platform {
 
 class FileHandle {
  public:
-  enum class Mode { read, append };  // append creates a missing file
+  // append creates a missing file; update reads and appends an existing one.
+  enum class Mode { read, append, update };
 
   FileHandle() = default;
   static FileHandle open(const std::filesystem::path& path, Mode mode);

@@ -11,7 +11,9 @@
 namespace kx::platform {
 
 FileHandle FileHandle::open(const std::filesystem::path& path, Mode mode) {
-  const int flags = mode == Mode::read ? O_RDONLY : (O_WRONLY | O_APPEND | O_CREAT);
+  const int flags = mode == Mode::read     ? O_RDONLY
+                    : mode == Mode::update ? (O_RDWR | O_APPEND)
+                                           : (O_WRONLY | O_APPEND | O_CREAT);
   const int fd = ::open(path.c_str(), flags | O_CLOEXEC, 0644);
   return FileHandle(fd < 0 ? -1 : fd);
 }

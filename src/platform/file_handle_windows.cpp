@@ -15,7 +15,7 @@ HANDLE as_handle(std::intptr_t h) {
 
 FileHandle FileHandle::open(const std::filesystem::path& path, Mode mode) {
   const DWORD access = mode == Mode::read ? GENERIC_READ : (GENERIC_WRITE | GENERIC_READ);
-  const DWORD disposition = mode == Mode::read ? OPEN_EXISTING : OPEN_ALWAYS;
+  const DWORD disposition = mode == Mode::append ? OPEN_ALWAYS : OPEN_EXISTING;
   HANDLE file =
       ::CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                     nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
