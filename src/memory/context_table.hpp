@@ -22,6 +22,7 @@ struct Context {
   explicit Context(std::string name) : store(std::move(name)) {}
   std::filesystem::path dir;
   StoreConfig config;
+  StoreConfigFollower config_file;  // reads "store.cfg" into `config` when it changed
   ContextStore store;
 };
 

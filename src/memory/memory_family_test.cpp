@@ -378,6 +378,43 @@ TEST_F(MemoryVerbs, SyncModeIsKeptInTheSettings) {
   EXPECT_EQ(kx_.run("memory.retrieve cli, notes, t"), "durable");
 }
 
+// Settings are read again only when the file's size or time moved; a file written
+// moments before it was read is read again anyway.
+TEST_F(MemoryVerbs, SettingsChangedByAnotherProcessAreSeenByTheNextCommand) {
+  Process other(dir_.path());
+  const fs::path cfg = data_of("cli", "notes").parent_path() / "store.cfg";
+  const auto long_ago = fs::file_time_type::clock::now() - std::chrono::hours(2);
+  const auto settle = [&](fs::file_time_type at) { fs::last_write_time(cfg, at); };
+  const std::string each = "OK: each add of 'notes' is on the disk before it answers";
+  const std::string group =
+      "OK: adds of 'notes' reach the page cache at once and the disk within a few ms";
+  EXPECT_EQ(other.run("memory.sync cli, notes, each"), each);
+  settle(long_ago);
+  EXPECT_EQ(kx_.run("memory.sync cli, notes"), each);
+  EXPECT_THAT(kx_.run("memory.add cli, notes, a, , first"), StartsWith("OK: "));
+  EXPECT_EQ(other.run("memory.sync cli, notes, group"), group);  // another size
+  settle(long_ago);
+  EXPECT_EQ(kx_.run("memory.sync cli, notes"), group);
+  EXPECT_THAT(kx_.run("memory.add cli, notes, b, , second"), StartsWith("OK: "));
+  // The same size, another time.
+  std::string text;
+  ASSERT_TRUE(platform::read_whole_file(cfg, text, 0));
+  const auto at = text.find("sync=group");
+  ASSERT_NE(at, std::string::npos);
+  std::ofstream(cfg, std::ios::binary) << text.replace(at, 10, "sync=each ");
+  settle(long_ago + std::chrono::hours(1));
+  EXPECT_EQ(kx_.run("memory.sync cli, notes"), each);
+  // Written moments before it was read: a change within the same tick (the same size,
+  // the same time) is still seen.
+  ASSERT_TRUE(platform::read_whole_file(cfg, text, 0));
+  std::ofstream(cfg, std::ios::binary) << text.replace(text.find("sync=each "), 10, "sync=group");
+  EXPECT_EQ(kx_.run("memory.sync cli, notes"), group);
+  const auto stamp = fs::last_write_time(cfg);
+  std::ofstream(cfg, std::ios::binary) << text.replace(text.find("sync=group"), 10, "sync=each ");
+  fs::last_write_time(cfg, stamp);
+  EXPECT_EQ(kx_.run("memory.sync cli, notes"), each);
+}
+
 TEST_F(MemoryVerbs, KeywordsFoldCaseForStoredAndAskedKeywords) {
   kx_.run("memory.add cli, ctxA, t, MyKW, some content");
   EXPECT_THAT(kx_.run("memory.keywords cli, ctxA, MyKW"),
