@@ -33,12 +33,6 @@ struct ContextStore::Look {
   std::uint64_t seq = 0;
 };
 
-fs::path ContextStore::lock_path() const {
-  fs::path path = data_path_;
-  path += ".lock";
-  return path;
-}
-
 ContextStore::Look ContextStore::look(const FileLock* lock, bool for_append) const {
   Look out;
   out.seq = lock != nullptr ? lock->read_counter() : file_seq_;

@@ -134,7 +134,11 @@ class ContextStore {
   // An empty path keeps the store in memory only. Every write holds the context's
   // lock file ("data.mem.lock") and first takes in what other processes wrote, so no
   // process writes from a stale copy (see context_file.cpp).
-  void set_data_path(std::filesystem::path path) { data_path_ = std::move(path); }
+  void set_data_path(std::filesystem::path path) {
+    data_path_ = std::move(path);
+    lock_path_ = data_path_;
+    lock_path_ += ".lock";
+  }
   const std::filesystem::path& data_path() const { return data_path_; }
   // Each add waits for the disk (true) or reaches the page cache and is synced by
   // `group_sync` a few milliseconds later (false, the default).
@@ -257,7 +261,7 @@ class ContextStore {
   void erase_topic_node(TopicNode* node);
   // context_file.cpp: the file side.
   struct Look;
-  std::filesystem::path lock_path() const;
+  const std::filesystem::path& lock_path() const { return lock_path_; }
   // `for_append`: the caller holds the lock and will append through the look's handle.
   Look look(const platform::FileLock* lock, bool for_append = false) const;
   // `again`: the index was just written afresh; do not write it once more.
@@ -280,6 +284,7 @@ class ContextStore {
 
   std::string name_;
   std::filesystem::path data_path_;
+  std::filesystem::path lock_path_;  // "data.mem.lock" beside it
   bool durable_ = false;
   GroupSync* group_sync_ = nullptr;
   // What of the file the heap holds: its first `file_size_` bytes as they were at

@@ -35,7 +35,7 @@ Context& ContextTable::open(std::string_view bot, std::string_view name, bool re
   if (auto it = open_.find(dir_name); it != open_.end()) {
     Context& context = *it->second;
     // Settings may have been changed by another process, too.
-    if (context.config_file.follow(context.dir / "store.cfg", context.config))
+    if (context.config_file.follow(context.config_path, context.config))
       context.store.set_durable(context.config.sync_each);
     if (refresh) gather(context, context.store.refresh());
     return context;
@@ -50,7 +50,8 @@ Context& ContextTable::open(std::string_view bot, std::string_view name, bool re
   // A rewrite that crashed leaves its temporary file behind.
   for (fs::directory_iterator it(context->dir, ec), end; !ec && it != end; it.increment(ec))
     if (it->is_regular_file(ec) && !it->is_symlink(ec)) platform::remove_if_stale_temp(it->path());
-  context->config_file.follow(context->dir / "store.cfg", context->config);
+  context->config_path = context->dir / "store.cfg";
+  context->config_file.follow(context->config_path, context->config);
   context->store.set_data_path(context->dir / "data.mem");
   context->store.set_durable(context->config.sync_each);
   context->store.set_group_sync(&group_sync_);
@@ -102,7 +103,7 @@ std::string ContextTable::save_config(Context& context) {
   // Settings changed in memory are read back from the file: when the write failed,
   // they are undone as before.
   context.config_file.forget();
-  return write_store_config(context.dir / "store.cfg", context.config);
+  return write_store_config(context.config_path, context.config);
 }
 
 }  // namespace kx::memory

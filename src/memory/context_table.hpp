@@ -21,6 +21,7 @@ namespace kx::memory {
 struct Context {
   explicit Context(std::string name) : store(std::move(name)) {}
   std::filesystem::path dir;
+  std::filesystem::path config_path;  // "store.cfg" in `dir`
   StoreConfig config;
   StoreConfigFollower config_file;  // reads "store.cfg" into `config` when it changed
   ContextStore store;
