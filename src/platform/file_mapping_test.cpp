@@ -85,5 +85,31 @@ TEST_F(FileMappingTest, ReplacingAMappedFileBehavesAsAnnounced) {
   EXPECT_EQ(now, "new bytes");
 }
 
+// One handle both reads a file and appends to it, and opening it so creates nothing.
+TEST_F(FileMappingTest, AnUpdateHandleReadsAndAppendsAtTheEnd) {
+  const fs::path file = dir / "data";
+  EXPECT_FALSE(FileHandle::open(file, FileHandle::Mode::update).is_open());
+  EXPECT_FALSE(fs::exists(file));
+  write(file, "KST2 one");
+  FileHandle handle = FileHandle::open(file, FileHandle::Mode::update);
+  ASSERT_TRUE(handle.is_open());
+  char head[4] = {};
+  ASSERT_TRUE(handle.read_at(0, head, sizeof head));
+  EXPECT_EQ(std::string_view(head, sizeof head), "KST2");
+  std::string reason;
+  ASSERT_TRUE(handle.append(" two", reason)) << reason;
+  {
+    FileHandle other = FileHandle::open(file, FileHandle::Mode::append);  // someone else
+    ASSERT_TRUE(other.append(" three", reason)) << reason;
+  }
+  ASSERT_TRUE(handle.append(" four", reason)) << reason;
+  EXPECT_EQ(handle.size(), 23u);
+  char all[23] = {};
+  ASSERT_TRUE(handle.read_at(0, all, sizeof all));
+  EXPECT_EQ(std::string_view(all, sizeof all), "KST2 one two three four");
+  ASSERT_TRUE(handle.truncate(12));
+  EXPECT_EQ(handle.size(), 12u);
+}
+
 }  // namespace
 }  // namespace kx::platform
