@@ -57,14 +57,15 @@ void append_utf8(std::string& out, unsigned long cp) {
 }  // namespace
 
 std::size_t json_string_end(std::string_view text, std::size_t from) {
+  // Two memchr scans instead of a byte loop; the quote found stays valid until an
+  // escape skips past it.
+  std::size_t quote = text.find('"', from);
   std::size_t i = from;
-  while (i < text.size()) {
-    if (text[i] == '\\') {
-      i += 2;
-      continue;
-    }
-    if (text[i] == '"') return i;
-    ++i;
+  while (quote != std::string_view::npos) {
+    std::size_t slash = text.find('\\', i);
+    if (slash == std::string_view::npos || slash > quote) return quote;
+    i = slash + 2;
+    if (i > quote) quote = text.find('"', i);
   }
   return text.size();
 }
@@ -135,11 +136,14 @@ std::string decode_json_string(std::string_view escaped) {
   std::string out;
   out.reserve(escaped.size());
   for (std::size_t i = 0; i < escaped.size(); ++i) {
-    char c = escaped[i];
-    if (c != '\\' || i + 1 >= escaped.size()) {
-      out += c;
-      continue;
+    // Text between escapes is copied a run at a time: answers can be megabytes.
+    std::size_t slash = escaped.find('\\', i);
+    if (slash == std::string_view::npos || slash + 1 >= escaped.size()) {
+      out.append(escaped.substr(i));
+      break;
     }
+    out.append(escaped.substr(i, slash - i));
+    i = slash;
     char next = escaped[++i];
     switch (next) {
       case 'n':
@@ -227,13 +231,16 @@ PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm 
   // Sent: from here the answer is awaited however long the command runs; only a
   // closed connection ends the wait.
   platform::set_receive_timeout(*socket, 0);
+  // Read straight into the reply, in large steps: an answer can be megabytes.
   std::string reply;
-  char chunk[16384];
+  std::size_t used = 0;
   for (;;) {
-    long n = platform::receive_some(*socket, chunk, sizeof chunk);
+    if (reply.size() - used < 65536) reply.resize(std::max<std::size_t>(reply.size() * 2, 131072));
+    long n = platform::receive_some(*socket, reply.data() + used, reply.size() - used);
     if (n <= 0) break;
-    reply.append(chunk, static_cast<std::size_t>(n));
+    used += static_cast<std::size_t>(n);
   }
+  reply.resize(used);
   return parse_reply(reply);
 }
 
