@@ -109,8 +109,11 @@ void print_answer(const PostOutcome& answer) {
     std::fwrite(answer.err.data(), 1, answer.err.size(), stderr);
     std::fflush(stderr);
   }
-  // Painted exactly as a local run paints its results.
-  const std::string out = platform::stdout_wants_color() ? paint_text(answer.out) : answer.out;
+  // Painted exactly as a local run paints its results; plain answers are written
+  // as they came, without a copy.
+  const bool colour = platform::stdout_wants_color();
+  const std::string painted = colour ? paint_text(answer.out) : std::string();
+  const std::string& out = colour ? painted : answer.out;
   std::fwrite(out.data(), 1, out.size(), stdout);
   std::fflush(stdout);
 }
@@ -187,6 +190,21 @@ std::string decode_json_string(std::string_view escaped) {
   return out;
 }
 
+std::size_t reply_length(std::string_view reply) {
+  constexpr std::string_view kField = "\r\nContent-Length: ";
+  constexpr std::size_t kMost = std::size_t{1} << 30;  // a bad header sizes nothing
+  std::size_t head_end = reply.find("\r\n\r\n");
+  if (head_end == std::string_view::npos) return 0;
+  std::size_t at = reply.substr(0, head_end).find(kField);
+  if (at == std::string_view::npos) return 0;
+  std::size_t length = 0;
+  for (at += kField.size(); at < head_end && reply[at] >= '0' && reply[at] <= '9'; ++at) {
+    length = length * 10 + static_cast<std::size_t>(reply[at] - '0');
+    if (length > kMost) return 0;
+  }
+  return head_end + 4 + length;
+}
+
 PostOutcome parse_reply(std::string_view reply) {
   PostOutcome outcome;
   std::size_t head_end = reply.find("\r\n\r\n");
@@ -231,11 +249,18 @@ PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm 
   // Sent: from here the answer is awaited however long the command runs; only a
   // closed connection ends the wait.
   platform::set_receive_timeout(*socket, 0);
-  // Read straight into the reply, in large steps: an answer can be megabytes.
+  // Read straight into the reply: an answer can be megabytes, so once its head has
+  // told its length the buffer is sized once, with a spare byte so the close still
+  // reads as an end.
   std::string reply;
   std::size_t used = 0;
+  std::size_t whole = 0;
   for (;;) {
-    if (reply.size() - used < 65536) reply.resize(std::max<std::size_t>(reply.size() * 2, 131072));
+    if (whole == 0 && (whole = reply_length(std::string_view(reply.data(), used))) != 0 &&
+        reply.size() < whole + 1)
+      reply.resize(whole + 1);
+    if (reply.size() - used < (whole != 0 ? 1 : 16384))
+      reply.resize(std::max<std::size_t>(reply.size() * 2, 65536));
     long n = platform::receive_some(*socket, reply.data() + used, reply.size() - used);
     if (n <= 0) break;
     used += static_cast<std::size_t>(n);

@@ -77,6 +77,10 @@ TEST(ResidentClient, LargeAnswersWithEscapesEverywhereArriveByteForByte) {
   EXPECT_TRUE(parsed.out == text);
   EXPECT_EQ(json_string_end(R"(a\"b\\"c)", 0), 6u);
   EXPECT_EQ(json_string_end(R"(ab\)", 0), 3u);  // unterminated: the end
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n";
+  EXPECT_EQ(reply_length(head + "{\"ok\""), head.size() + 12);
+  EXPECT_EQ(reply_length("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n"), 0u);  // head not whole
+  EXPECT_EQ(reply_length("HTTP/1.1 200 OK\r\nContent-Length: 99999999999999\r\n\r\n"), 0u);
 
   server::ServerOptions options;
   options.exec = [&](const server::ExecRequest&) { return server::ExecResult(text, "", 0); };
