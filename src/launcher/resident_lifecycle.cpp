@@ -113,7 +113,6 @@ void open_ui(std::uint16_t port) {
 int serve_until_stopped(const ResidentOptions& options) {
   platform::install_stop_signals();
   platform::ignore_broken_pipe();  // a closed stdout must not end the resident
-  platform::keep_freed_memory_for_reuse();
   Serving serving;
   if (!start_serving(options, serving)) return 1;
   if (options.print_up_line) {
