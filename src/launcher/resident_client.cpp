@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <random>
 
 #include "lang/text.hpp"
@@ -36,21 +37,21 @@ long hex4(std::string_view text, std::size_t at) {
   return value;
 }
 
-void append_utf8(std::string& out, unsigned long cp) {
+void put_utf8(char*& to, unsigned long cp) {
   if (cp < 0x80) {
-    out += static_cast<char>(cp);
+    *to++ = static_cast<char>(cp);
   } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
+    *to++ = static_cast<char>(0xC0 | (cp >> 6));
+    *to++ = static_cast<char>(0x80 | (cp & 0x3F));
   } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
+    *to++ = static_cast<char>(0xE0 | (cp >> 12));
+    *to++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    *to++ = static_cast<char>(0x80 | (cp & 0x3F));
   } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
+    *to++ = static_cast<char>(0xF0 | (cp >> 18));
+    *to++ = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    *to++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    *to++ = static_cast<char>(0x80 | (cp & 0x3F));
   }
 }
 
@@ -135,39 +136,45 @@ std::string build_exec_request(std::string_view unit, lang::UnitForm form,
   return request;
 }
 
-std::string decode_json_string(std::string_view escaped) {
-  std::string out;
-  out.reserve(escaped.size());
+namespace {
+
+// Decodes into `to`, which has room for escaped.size() bytes or is escaped.data()
+// itself or before it: no escape decodes to more bytes than it takes, so writing
+// never overtakes reading. Returns the end of what was written.
+char* decode_json_to(char* to, std::string_view escaped) {
   for (std::size_t i = 0; i < escaped.size(); ++i) {
     // Text between escapes is copied a run at a time: answers can be megabytes.
     std::size_t slash = escaped.find('\\', i);
     if (slash == std::string_view::npos || slash + 1 >= escaped.size()) {
-      out.append(escaped.substr(i));
+      std::memmove(to, escaped.data() + i, escaped.size() - i);
+      to += escaped.size() - i;
       break;
     }
-    out.append(escaped.substr(i, slash - i));
+    std::memmove(to, escaped.data() + i, slash - i);
+    to += slash - i;
     i = slash;
     char next = escaped[++i];
     switch (next) {
       case 'n':
-        out += '\n';
+        *to++ = '\n';
         break;
       case 'r':
-        out += '\r';
+        *to++ = '\r';
         break;
       case 't':
-        out += '\t';
+        *to++ = '\t';
         break;
       case 'b':
-        out += '\b';
+        *to++ = '\b';
         break;
       case 'f':
-        out += '\f';
+        *to++ = '\f';
         break;
       case 'u': {
         long cp = hex4(escaped, i + 1);
         if (cp < 0) {
-          out += "\\u";  // not an escape: keep it as it came
+          *to++ = '\\';  // not an escape: keep it as it came
+          *to++ = 'u';
           break;
         }
         i += 4;
@@ -179,14 +186,22 @@ std::string decode_json_string(std::string_view escaped) {
           }
         }
         if (cp >= 0xD800 && cp <= 0xDFFF) cp = 0xFFFD;  // a lone half has no character
-        append_utf8(out, static_cast<unsigned long>(cp));
+        put_utf8(to, static_cast<unsigned long>(cp));
         break;
       }
       default:
-        out += next;
+        *to++ = next;
         break;  // \" \\ \/ and anything else: the character itself
     }
   }
+  return to;
+}
+
+}  // namespace
+
+std::string decode_json_string(std::string_view escaped) {
+  std::string out(escaped.size(), '\0');
+  out.resize(static_cast<std::size_t>(decode_json_to(out.data(), escaped) - out.data()));
   return out;
 }
 
@@ -205,7 +220,11 @@ std::size_t reply_length(std::string_view reply) {
   return head_end + 4 + length;
 }
 
-PostOutcome parse_reply(std::string_view reply) {
+namespace {
+
+// With `owner` (the buffer `reply` views), "out" is decoded in place at its front
+// and the buffer becomes the answer: a large answer is never copied once more.
+PostOutcome parse_reply_in(std::string_view reply, std::string* owner) {
   PostOutcome outcome;
   std::size_t head_end = reply.find("\r\n\r\n");
   if (head_end == std::string_view::npos) {
@@ -227,10 +246,22 @@ PostOutcome parse_reply(std::string_view reply) {
     return outcome;
   }
   outcome.kind = PostOutcome::Kind::kAnswered;
-  outcome.out = decode_json_string(*out);
+  // "err" and "status" follow "out": read before "out" is written over the buffer.
   if (auto err = string_field(body, "err", from)) outcome.err = decode_json_string(*err);
   outcome.status = int_field(body, "status", from);
+  if (owner == nullptr) {
+    outcome.out = decode_json_string(*out);
+  } else {
+    owner->resize(static_cast<std::size_t>(decode_json_to(owner->data(), *out) - owner->data()));
+    outcome.out = std::move(*owner);
+  }
   return outcome;
+}
+
+}  // namespace
+
+PostOutcome parse_reply(std::string_view reply) {
+  return parse_reply_in(reply, nullptr);
 }
 
 PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm form,
@@ -266,7 +297,7 @@ PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm 
     used += static_cast<std::size_t>(n);
   }
   reply.resize(used);
-  return parse_reply(reply);
+  return parse_reply_in(reply, &reply);
 }
 
 std::string new_console_session() {
