@@ -18,6 +18,7 @@
 #include "launcher/workspace.hpp"
 #include "platform/console.hpp"
 #include "platform/home.hpp"
+#include "platform/process_info.hpp"
 #include "platform/shell.hpp"
 #include "platform/spawn.hpp"
 
@@ -87,6 +88,7 @@ int run_locally(const EntryOptions& options, const std::string& line, UnitSource
 
 int run_entry(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
+  platform::keep_freed_memory_for_reuse();
 
   if (!args.empty() && (args[0] == "remotebot" || args[0] == "collab"))
     return not_in_this_build("the '" + args[0] + "' chat client");

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <random>
 
 #include "lang/text.hpp"
@@ -36,35 +37,36 @@ long hex4(std::string_view text, std::size_t at) {
   return value;
 }
 
-void append_utf8(std::string& out, unsigned long cp) {
+void put_utf8(char*& to, unsigned long cp) {
   if (cp < 0x80) {
-    out += static_cast<char>(cp);
+    *to++ = static_cast<char>(cp);
   } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
+    *to++ = static_cast<char>(0xC0 | (cp >> 6));
+    *to++ = static_cast<char>(0x80 | (cp & 0x3F));
   } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
+    *to++ = static_cast<char>(0xE0 | (cp >> 12));
+    *to++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    *to++ = static_cast<char>(0x80 | (cp & 0x3F));
   } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
+    *to++ = static_cast<char>(0xF0 | (cp >> 18));
+    *to++ = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    *to++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    *to++ = static_cast<char>(0x80 | (cp & 0x3F));
   }
 }
 
 }  // namespace
 
 std::size_t json_string_end(std::string_view text, std::size_t from) {
+  // Two memchr scans instead of a byte loop; the quote found stays valid until an
+  // escape skips past it.
+  std::size_t quote = text.find('"', from);
   std::size_t i = from;
-  while (i < text.size()) {
-    if (text[i] == '\\') {
-      i += 2;
-      continue;
-    }
-    if (text[i] == '"') return i;
-    ++i;
+  while (quote != std::string_view::npos) {
+    std::size_t slash = text.find('\\', i);
+    if (slash == std::string_view::npos || slash > quote) return quote;
+    i = slash + 2;
+    if (i > quote) quote = text.find('"', i);
   }
   return text.size();
 }
@@ -108,8 +110,11 @@ void print_answer(const PostOutcome& answer) {
     std::fwrite(answer.err.data(), 1, answer.err.size(), stderr);
     std::fflush(stderr);
   }
-  // Painted exactly as a local run paints its results.
-  const std::string out = platform::stdout_wants_color() ? paint_text(answer.out) : answer.out;
+  // Painted exactly as a local run paints its results; plain answers are written
+  // as they came, without a copy.
+  const bool colour = platform::stdout_wants_color();
+  const std::string painted = colour ? paint_text(answer.out) : std::string();
+  const std::string& out = colour ? painted : answer.out;
   std::fwrite(out.data(), 1, out.size(), stdout);
   std::fflush(stdout);
 }
@@ -131,36 +136,45 @@ std::string build_exec_request(std::string_view unit, lang::UnitForm form,
   return request;
 }
 
-std::string decode_json_string(std::string_view escaped) {
-  std::string out;
-  out.reserve(escaped.size());
+namespace {
+
+// Decodes into `to`, which has room for escaped.size() bytes or is escaped.data()
+// itself or before it: no escape decodes to more bytes than it takes, so writing
+// never overtakes reading. Returns the end of what was written.
+char* decode_json_to(char* to, std::string_view escaped) {
   for (std::size_t i = 0; i < escaped.size(); ++i) {
-    char c = escaped[i];
-    if (c != '\\' || i + 1 >= escaped.size()) {
-      out += c;
-      continue;
+    // Text between escapes is copied a run at a time: answers can be megabytes.
+    std::size_t slash = escaped.find('\\', i);
+    if (slash == std::string_view::npos || slash + 1 >= escaped.size()) {
+      std::memmove(to, escaped.data() + i, escaped.size() - i);
+      to += escaped.size() - i;
+      break;
     }
+    std::memmove(to, escaped.data() + i, slash - i);
+    to += slash - i;
+    i = slash;
     char next = escaped[++i];
     switch (next) {
       case 'n':
-        out += '\n';
+        *to++ = '\n';
         break;
       case 'r':
-        out += '\r';
+        *to++ = '\r';
         break;
       case 't':
-        out += '\t';
+        *to++ = '\t';
         break;
       case 'b':
-        out += '\b';
+        *to++ = '\b';
         break;
       case 'f':
-        out += '\f';
+        *to++ = '\f';
         break;
       case 'u': {
         long cp = hex4(escaped, i + 1);
         if (cp < 0) {
-          out += "\\u";  // not an escape: keep it as it came
+          *to++ = '\\';  // not an escape: keep it as it came
+          *to++ = 'u';
           break;
         }
         i += 4;
@@ -172,18 +186,45 @@ std::string decode_json_string(std::string_view escaped) {
           }
         }
         if (cp >= 0xD800 && cp <= 0xDFFF) cp = 0xFFFD;  // a lone half has no character
-        append_utf8(out, static_cast<unsigned long>(cp));
+        put_utf8(to, static_cast<unsigned long>(cp));
         break;
       }
       default:
-        out += next;
+        *to++ = next;
         break;  // \" \\ \/ and anything else: the character itself
     }
   }
+  return to;
+}
+
+}  // namespace
+
+std::string decode_json_string(std::string_view escaped) {
+  std::string out(escaped.size(), '\0');
+  out.resize(static_cast<std::size_t>(decode_json_to(out.data(), escaped) - out.data()));
   return out;
 }
 
-PostOutcome parse_reply(std::string_view reply) {
+std::size_t reply_length(std::string_view reply) {
+  constexpr std::string_view kField = "\r\nContent-Length: ";
+  constexpr std::size_t kMost = std::size_t{1} << 30;  // a bad header sizes nothing
+  std::size_t head_end = reply.find("\r\n\r\n");
+  if (head_end == std::string_view::npos) return 0;
+  std::size_t at = reply.substr(0, head_end).find(kField);
+  if (at == std::string_view::npos) return 0;
+  std::size_t length = 0;
+  for (at += kField.size(); at < head_end && reply[at] >= '0' && reply[at] <= '9'; ++at) {
+    length = length * 10 + static_cast<std::size_t>(reply[at] - '0');
+    if (length > kMost) return 0;
+  }
+  return head_end + 4 + length;
+}
+
+namespace {
+
+// With `owner` (the buffer `reply` views), "out" is decoded in place at its front
+// and the buffer becomes the answer: a large answer is never copied once more.
+PostOutcome parse_reply_in(std::string_view reply, std::string* owner) {
   PostOutcome outcome;
   std::size_t head_end = reply.find("\r\n\r\n");
   if (head_end == std::string_view::npos) {
@@ -205,10 +246,22 @@ PostOutcome parse_reply(std::string_view reply) {
     return outcome;
   }
   outcome.kind = PostOutcome::Kind::kAnswered;
-  outcome.out = decode_json_string(*out);
+  // "err" and "status" follow "out": read before "out" is written over the buffer.
   if (auto err = string_field(body, "err", from)) outcome.err = decode_json_string(*err);
   outcome.status = int_field(body, "status", from);
+  if (owner == nullptr) {
+    outcome.out = decode_json_string(*out);
+  } else {
+    owner->resize(static_cast<std::size_t>(decode_json_to(owner->data(), *out) - owner->data()));
+    outcome.out = std::move(*owner);
+  }
   return outcome;
+}
+
+}  // namespace
+
+PostOutcome parse_reply(std::string_view reply) {
+  return parse_reply_in(reply, nullptr);
 }
 
 PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm form,
@@ -227,14 +280,24 @@ PostOutcome post_unit(std::uint16_t port, std::string_view unit, lang::UnitForm 
   // Sent: from here the answer is awaited however long the command runs; only a
   // closed connection ends the wait.
   platform::set_receive_timeout(*socket, 0);
+  // Read straight into the reply: an answer can be megabytes, so once its head has
+  // told its length the buffer is sized once, with a spare byte so the close still
+  // reads as an end.
   std::string reply;
-  char chunk[16384];
+  std::size_t used = 0;
+  std::size_t whole = 0;
   for (;;) {
-    long n = platform::receive_some(*socket, chunk, sizeof chunk);
+    if (whole == 0 && (whole = reply_length(std::string_view(reply.data(), used))) != 0 &&
+        reply.size() < whole + 1)
+      reply.resize(whole + 1);
+    if (reply.size() - used < (whole != 0 ? 1 : 16384))
+      reply.resize(std::max<std::size_t>(reply.size() * 2, 65536));
+    long n = platform::receive_some(*socket, reply.data() + used, reply.size() - used);
     if (n <= 0) break;
-    reply.append(chunk, static_cast<std::size_t>(n));
+    used += static_cast<std::size_t>(n);
   }
-  return parse_reply(reply);
+  reply.resize(used);
+  return parse_reply_in(reply, &reply);
 }
 
 std::string new_console_session() {

@@ -44,6 +44,10 @@ PostOutcome parse_reply(std::string_view reply);
 // escaped (the text's size when there is none).
 std::size_t json_string_end(std::string_view text, std::size_t from);
 
+// The whole size of an HTTP reply whose head (all of it) starts `reply`, from its
+// Content-Length; 0 while the head is incomplete or names no usable length.
+std::size_t reply_length(std::string_view reply);
+
 // Decodes a JSON string's inside to UTF-8: every escape, \uXXXX (surrogate pairs
 // joined) included; bytes that are not escapes pass through as they are.
 std::string decode_json_string(std::string_view escaped);

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "launcher/unit_source.hpp"
+#include "server/json_escape.hpp"
 #include "server/test_client.hpp"
 
 namespace kx::launcher {
@@ -59,6 +60,35 @@ TEST(ResidentClient, RepliesSayWhetherTheUnitRan) {
   EXPECT_EQ(parse_reply(head + R"({"ok":false,"error":"x"})").kind, PostOutcome::Kind::kNotSent);
   EXPECT_EQ(parse_reply("").kind, PostOutcome::Kind::kLost);
   EXPECT_EQ(parse_reply("HTTP/1.1 200 OK\r\nContent-Le").kind, PostOutcome::Kind::kLost);
+}
+
+TEST(ResidentClient, LargeAnswersWithEscapesEverywhereArriveByteForByte) {
+  // Escapes at the ends of runs, next to quotes and in long plain stretches, in
+  // an answer larger than any one read: what a whole-file diff sends back.
+  std::string text;
+  const char* pieces[] = {
+      "[ ] line \"quoted\" ", "back\\slash\\", "\ttab\x01", "é ✓ ", "\\\"", "\n"};
+  for (int i = 0; text.size() < 600000; ++i) text += pieces[(i * 7) % 6];
+  text += "\\";
+  std::string body = "{\"ok\":true,\"out\":";
+  server::append_json_string(body, text);
+  body += ",\"err\":\"\",\"status\":0}";
+  PostOutcome parsed = parse_reply("HTTP/1.1 200 OK\r\n\r\n" + body);
+  EXPECT_TRUE(parsed.out == text);
+  EXPECT_EQ(json_string_end(R"(a\"b\\"c)", 0), 6u);
+  EXPECT_EQ(json_string_end(R"(ab\)", 0), 3u);  // unterminated: the end
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n";
+  EXPECT_EQ(reply_length(head + "{\"ok\""), head.size() + 12);
+  EXPECT_EQ(reply_length("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n"), 0u);  // head not whole
+  EXPECT_EQ(reply_length("HTTP/1.1 200 OK\r\nContent-Length: 99999999999999\r\n\r\n"), 0u);
+
+  server::ServerOptions options;
+  options.exec = [&](const server::ExecRequest&) { return server::ExecResult(text, "", 0); };
+  server::testing::RunningServer resident(std::move(options));
+  UnitSource none(reader_of(""));
+  testing::internal::CaptureStdout();
+  forward_units(resident.port(), "fs:cat big", none, kToken);
+  EXPECT_TRUE(testing::internal::GetCapturedStdout() == text);
 }
 
 TEST(ResidentClient, UnitsArePostedInOrderWithOneConsole) {

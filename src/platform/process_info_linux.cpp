@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -23,6 +24,12 @@ std::optional<std::uint64_t> free_physical_memory() {
     if (key == "MemAvailable:") return kib * 1024;
   }
   return std::nullopt;
+}
+
+void keep_freed_memory_for_reuse() {
+  // Fixed values also stop glibc from moving the thresholds on its own.
+  ::mallopt(M_MMAP_THRESHOLD, 4 << 20);
+  ::mallopt(M_TRIM_THRESHOLD, 8 << 20);
 }
 
 }  // namespace kx::platform

@@ -27,4 +27,8 @@ std::optional<std::uint64_t> free_physical_memory() {
   return status.ullAvailPhys;
 }
 
+void keep_freed_memory_for_reuse() {
+  // The process heap already keeps freed blocks of this size committed for reuse.
+}
+
 }  // namespace kx::platform

@@ -16,4 +16,8 @@ std::string json_escape(std::string_view text);
 // "\"" + json_escape(text) + "\"".
 std::string json_string(std::string_view text);
 
+// The same, appended to `out`: large answers are escaped straight into their body.
+void append_json_escaped(std::string& out, std::string_view text);
+void append_json_string(std::string& out, std::string_view text);
+
 }  // namespace kx::server

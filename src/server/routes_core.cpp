@@ -100,9 +100,21 @@ Response handle_console_exec(ServerState& state, const Request& request, RouteEf
   // Input framed into units says so; anything else posts one command line.
   exec.arguments = request.header("x-kst-form") != "lines";
   ExecResult result = run_logged(state, exec, "/console/exec");
-  return ok_json("{\"ok\":true,\"bot\":" + json_string(bot) +
-                 ",\"out\":" + json_string(result.out) + ",\"err\":" + json_string(result.err) +
-                 ",\"status\":" + std::to_string(result.status) + "}");
+  // Escaped straight into one body: an answer can be a whole file's diff. Room for
+  // an escape every 16 bytes or so (each line's \n), so the body is not grown.
+  const std::size_t text_size = result.out.size() + result.err.size() + bot.size();
+  std::string body;
+  body.reserve(text_size + text_size / 16 + 64);
+  body += "{\"ok\":true,\"bot\":";
+  append_json_string(body, bot);
+  body += ",\"out\":";
+  append_json_string(body, result.out);
+  body += ",\"err\":";
+  append_json_string(body, result.err);
+  body += ",\"status\":";
+  body += std::to_string(result.status);
+  body += '}';
+  return ok_json(std::move(body));
 }
 
 Response handle_interp(ServerState& state, const Request& request, RouteEffects&) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <tuple>
 
 namespace kst {
 namespace {
@@ -307,6 +308,16 @@ TEST(FileDiff, MemoryShortfallAnswersWithoutDiffing) {
             "some things to free RAM and try again");
   EXPECT_TRUE(file_diff({"f", 1, a}, {"f", 2, b}, DiffLimits{.memory_budget = 1 << 20})
                   .starts_with("=== FILE DIFF ==="));
+  // 64 bytes for each newline of either side and two more, plus both texts: an
+  // unterminated last line counts no newline, an empty text none at all.
+  for (const auto& [x, y, need] :
+       {std::tuple{"x\ny\n", "x\nz", 5 * 64 + 4 + 3}, std::tuple{"", "\n\n", 4 * 64 + 0 + 2}}) {
+    auto diff = [&](std::size_t budget) {
+      return file_diff({"f", 1, x}, {"f", 2, y}, DiffLimits{.memory_budget = budget});
+    };
+    EXPECT_TRUE(diff(need).starts_with("=== FILE DIFF ===")) << need;
+    EXPECT_TRUE(diff(need - 1).starts_with("not enough free memory")) << need;
+  }
 }
 
 }  // namespace

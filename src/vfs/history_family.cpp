@@ -442,7 +442,8 @@ lang::Verb verb(std::shared_ptr<HistoryState> state, std::string name,
       if (kst::Store* active = state->stores->active()) guard = std::unique_lock(active->mutex());
       const StoreGuardScope scope(guard);
       std::string result = handler(*state, session, *args);
-      return content ? result : lang::printable_lines(result);
+      if (content) return result;  // moved out: a diff can be megabytes
+      return lang::printable_lines(result);
     } catch (const std::exception& e) {
       return std::string("ERROR: ") + e.what();
     }
