@@ -32,6 +32,7 @@
 #include <string_view>
 #include <vector>
 
+#include "lang/checksum.hpp"
 #include "platform/file_mapping.hpp"
 
 namespace kx::memory {
@@ -42,21 +43,9 @@ struct MemoEntry {
   std::uint32_t flags;
 };
 
-// A fast 64-bit checksum; the same value however the bytes are split into update()s.
-class Checksum {
- public:
-  void update(std::string_view bytes);
-  std::uint64_t value() const;
-
- private:
-  void block(const char* bytes);
-  std::uint64_t lanes_[4] = {0x243f6a8885a308d3, 0x13198a2e03707344, 0xa4093822299f31d0,
-                             0x082efa98ec4e6c89};
-  char pending_[32] = {};
-  std::size_t pending_size_ = 0;
-  std::uint64_t total_ = 0;
-};
-std::uint64_t checksum(std::string_view bytes);
+// The index's sums: over the records it was made from, its tables and each list.
+using lang::Checksum;
+using lang::checksum;
 
 // "<data>.idx" beside the data file.
 std::filesystem::path index_path(const std::filesystem::path& data_path);

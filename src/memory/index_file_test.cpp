@@ -238,20 +238,6 @@ TEST_F(IndexFileTest, ADamagedIndexNeverGivesAWrongAnswer) {
   EXPECT_TRUE(store->loaded_from_index());
 }
 
-TEST_F(IndexFileTest, ChecksumDoesNotDependOnHowTheBytesAreSplit) {
-  std::string bytes;
-  for (int i = 0; i < 300; ++i) bytes += static_cast<char>(i * 37);
-  const std::uint64_t whole = checksum(bytes);
-  for (std::size_t split : {1, 5, 31, 32, 33, 64, 299}) {
-    Checksum parts;
-    parts.update(std::string_view(bytes).substr(0, split));
-    parts.update(std::string_view(bytes).substr(split));
-    EXPECT_EQ(parts.value(), whole) << split;
-  }
-  EXPECT_NE(checksum(bytes.substr(1)), whole);
-  EXPECT_NE(checksum(std::string(32, '\0')), checksum(std::string(33, '\0')));
-}
-
 TEST_F(IndexFileTest, OpeningAContextRemovesOnlyOurOwnStaleTemporaryFiles) {
   ContextTable table(dir_.path());
   const fs::path context_dir = dir_.path() / context_dir_name("cli", "ctx");

@@ -1,8 +1,6 @@
 #include "memory/store_config.hpp"
 
-#include <chrono>
 #include <fstream>
-#include <system_error>
 
 namespace kx::memory {
 namespace {
@@ -37,21 +35,8 @@ StoreConfig read_store_config(const std::filesystem::path& file) {
 }
 
 bool StoreConfigFollower::follow(const std::filesystem::path& file, StoreConfig& config) {
-  // Stamped before reading: a change that lands during the read moves the stamp.
-  std::error_code ec;
-  std::optional<Stamp> now;
-  const auto mtime = std::filesystem::last_write_time(file, ec);
-  if (!ec) {
-    const auto size = std::filesystem::file_size(file, ec);
-    if (!ec) now = Stamp{size, mtime};
-  }
-  if (settled_ && now == seen_) return false;
-  const auto read_at = std::filesystem::file_time_type::clock::now();
+  if (!check_.may_have_changed(file)) return false;
   config = read_store_config(file);
-  seen_ = now;
-  // A write later than this read moves the time only once the clock has passed the
-  // file's; a second is far beyond any file system's tick.
-  settled_ = !now || now->mtime < read_at - std::chrono::seconds(1);
   return true;
 }
 

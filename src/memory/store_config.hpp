@@ -10,10 +10,10 @@
 //                                                    a few milliseconds later
 //
 // Unknown keys and lines are ignored; a missing file means the defaults.
-#include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <string>
+
+#include "platform/file_stamp.hpp"
 
 namespace kx::memory {
 
@@ -26,25 +26,18 @@ struct StoreConfig {
 
 StoreConfig read_store_config(const std::filesystem::path& file);
 
-// Reads a settings file again only when it may have changed since it was last read:
-// its size or modification time moved, or it had been written so shortly before
-// that reading that a change within the same clock tick would not move them.
+// Reads a settings file again only when it may have changed since it was last read.
 class StoreConfigFollower {
  public:
   // Refills `config` from `file` when needed; true when it did.
   bool follow(const std::filesystem::path& file, StoreConfig& config);
   // The next follow reads the file whatever its stamp.
-  void forget() { settled_ = false; }
+  void forget() { check_.forget(); }
 
  private:
-  struct Stamp {
-    std::uint64_t size = 0;
-    std::filesystem::file_time_type mtime{};
-    bool operator==(const Stamp&) const = default;
-  };
-  std::optional<Stamp> seen_;  // none: the file was missing
-  bool settled_ = false;       // `seen_` tells whether the file changed
+  platform::FileChangeCheck check_;
 };
+
 // Returns "" or an error sentence.
 std::string write_store_config(const std::filesystem::path& file, const StoreConfig& config);
 

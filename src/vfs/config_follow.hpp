@@ -3,13 +3,12 @@
 // unwatch while this one lives on. It records the change in versioncontroldirs.cfg or
 // watchedfiles.cfg; this process looks at the two files' stamps before a line runs and,
 // when one moved, brings its stores or its watched files in line with it.
-#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <ostream>
 
+#include "platform/file_stamp.hpp"
 #include "vfs/file_watches.hpp"
 #include "vfs/store_set.hpp"
 
@@ -25,17 +24,10 @@ class ConfigFollower {
   void follow(std::ostream& report);
 
  private:
-  struct Stamp {
-    std::uint64_t size = 0;
-    std::int64_t mtime = 0;
-    bool operator==(const Stamp&) const = default;
-  };
-  static std::optional<Stamp> stamp_of(const std::filesystem::path& file);
-
   std::shared_ptr<StoreSet> stores_;
   std::shared_ptr<FileWatches> watches_;
   std::mutex mutex_;
-  std::optional<Stamp> dirs_seen_, files_seen_;
+  kx::platform::FileChangeCheck dirs_, files_;
 };
 
 }  // namespace kst

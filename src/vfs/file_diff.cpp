@@ -6,6 +6,7 @@
 #include <new>
 #include <span>
 
+#include "lang/checksum.hpp"
 #include "vfs/edit_frontier.hpp"
 #include "vfs/lcs_rows.hpp"
 #include "vfs/ond_diff.hpp"
@@ -115,29 +116,6 @@ class Aligner {
   std::vector<std::uint32_t> forward_, backward_, reversed_a_, reversed_b_;
 };
 
-// Picks a line's slot in the intern table, nothing more: ids are confirmed by
-// comparing text, so a weak hash costs probes, never a wrong answer. Eight bytes a
-// step, where a byte-wise hash would take most of the interning time.
-std::uint64_t line_hash(std::string_view line) {
-  constexpr std::uint64_t kMul = 0x9E3779B97F4A7C15ULL;
-  std::uint64_t h = line.size() * kMul;
-  const char* p = line.data();
-  std::size_t left = line.size();
-  for (; left >= 8; left -= 8, p += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, p, 8);
-    h = (h ^ word) * kMul;
-    h ^= h >> 29;
-  }
-  if (left > 0) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, p, left);
-    h = (h ^ word) * kMul;
-  }
-  h ^= h >> 32;
-  return h;
-}
-
 // "[ ] " etc. before each line, written into a buffer sized once for the whole
 // script instead of three appends a line.
 void append_lines(std::string& out, const std::vector<ScriptLine>& script,
@@ -216,7 +194,7 @@ std::vector<ScriptLine> diff_lines(const std::vector<std::string_view>& first,
     std::vector<std::uint32_t> out;
     out.reserve(lines.size() - prefix - suffix);
     for (std::size_t i = prefix; i < lines.size() - suffix; ++i) {
-      const std::uint64_t hash = line_hash(lines[i]);
+      const std::uint64_t hash = kx::lang::checksum(lines[i]);
       std::size_t at = hash & (capacity - 1);
       for (;; at = (at + 1) & (capacity - 1)) {
         const std::uint32_t slot = slots[at];
