@@ -13,17 +13,6 @@ std::optional<FileMapping> FileMapping::map(const FileHandle& file, std::uint64_
   return FileMapping(static_cast<const char*>(at), size);
 }
 
-FileMapping& FileMapping::operator=(FileMapping&& other) noexcept {
-  if (this != &other) {
-    unmap();
-    data_ = other.data_;
-    size_ = other.size_;
-    other.data_ = nullptr;
-    other.size_ = 0;
-  }
-  return *this;
-}
-
 void FileMapping::unmap() {
   if (data_ != nullptr) ::munmap(const_cast<char*>(data_), static_cast<std::size_t>(size_));
   data_ = nullptr;

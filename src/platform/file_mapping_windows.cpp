@@ -18,17 +18,6 @@ std::optional<FileMapping> FileMapping::map(const FileHandle& file, std::uint64_
   return FileMapping(static_cast<const char*>(at), size);
 }
 
-FileMapping& FileMapping::operator=(FileMapping&& other) noexcept {
-  if (this != &other) {
-    unmap();
-    data_ = other.data_;
-    size_ = other.size_;
-    other.data_ = nullptr;
-    other.size_ = 0;
-  }
-  return *this;
-}
-
 void FileMapping::unmap() {
   if (data_ != nullptr) ::UnmapViewOfFile(data_);
   data_ = nullptr;

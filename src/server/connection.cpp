@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "lang/text.hpp"
 #include "server/http_request.hpp"
 #include "server/http_response.hpp"
 #include "server/request_reader.hpp"
@@ -58,12 +59,6 @@ struct Connection {
   bool paused = false;
 };
 
-std::string lower(std::string text) {
-  for (char& c : text)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return text;
-}
-
 bool is_loopback_peer(std::uint32_t ipv4) {
   return (ipv4 >> 24) == 127;
 }
@@ -73,7 +68,7 @@ void answer_request(const std::shared_ptr<ServerState>& state, std::uint64_t id,
   Completion done;
   done.id = id;
   try {
-    if (lower(request.header("upgrade")) == "websocket") {
+    if (lang::to_lower(request.header("upgrade")) == "websocket") {
       if (auto refusal = websocket_refusal(*state, request)) {
         done.bytes = format_response(*refusal);
       } else {
